@@ -1,0 +1,12 @@
+# AddressSanitizer with UndefinedBehaviorSanitizer, or ThreadSanitizer on its own.
+if(ORVANE_ASAN AND ORVANE_TSAN)
+  message(FATAL_ERROR "ORVANE_ASAN and ORVANE_TSAN cannot be combined")
+endif()
+if(ORVANE_ASAN)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(ORVANE_TSAN)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()

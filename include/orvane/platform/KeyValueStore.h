@@ -1,0 +1,41 @@
+// File: KeyValueStore.h
+// A named suite of property-list values, like the platform's defaults store. Reads come
+// from memory; writes apply in memory at once and reach disk in order in the background;
+// synchronize() returns once everything written before it is durable.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "orvane/PlistValue.h"
+
+namespace orvane {
+
+class KeyValueStore {
+ public:
+  virtual ~KeyValueStore() = default;
+  virtual std::optional<PlistValue> get(std::string_view key) const = 0;
+  virtual void set(std::string_view key, PlistValue value) = 0;
+  virtual void remove(std::string_view key) = 0;
+  virtual std::vector<std::string> keys() const = 0;
+  // Blocks until every earlier write is durable. False when persisting failed.
+  virtual bool synchronize() = 0;
+};
+
+// Opens named suites. Returns null when the suite cannot be opened; callers then behave as
+// if nothing can be stored.
+class KeyValueStoreProvider {
+ public:
+  virtual ~KeyValueStoreProvider() = default;
+  virtual std::shared_ptr<KeyValueStore> openSuite(std::string_view suiteName) = 0;
+};
+
+// One SQLite file per suite under `directory` ("<suite>.sqlite").
+std::shared_ptr<KeyValueStoreProvider> makeSqliteKeyValueStoreProvider(std::string directory);
+// Suites that live in memory only, shared by name for the provider's lifetime.
+std::shared_ptr<KeyValueStoreProvider> makeInMemoryKeyValueStoreProvider();
+
+}  // namespace orvane

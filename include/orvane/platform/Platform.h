@@ -1,0 +1,39 @@
+// File: Platform.h
+// Every service of the outside world the SDK uses, in one bundle.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "orvane/platform/ApplicationService.h"
+#include "orvane/platform/BundleInfo.h"
+#include "orvane/platform/Clock.h"
+#include "orvane/platform/Crypto.h"
+#include "orvane/platform/Executors.h"
+#include "orvane/platform/FileSystem.h"
+#include "orvane/platform/KeyValueStore.h"
+#include "orvane/platform/MotionService.h"
+#include "orvane/platform/RandomSource.h"
+#include "orvane/platform/SystemLog.h"
+
+namespace orvane {
+
+struct Platform {
+  std::shared_ptr<Clock> clock;
+  std::shared_ptr<RandomSource> random;
+  std::shared_ptr<KeyValueStoreProvider> keyValueStores;
+  std::shared_ptr<FileSystem> fileSystem;
+  std::shared_ptr<SystemLog> log;
+  std::shared_ptr<Executors> executors;
+  std::shared_ptr<Crypto> crypto;
+  std::shared_ptr<ApplicationService> application;
+  std::shared_ptr<MotionService> motion;
+  BundleInfo bundle;
+
+  // The Linux platform. Data lives in $ORVANE_DATA_DIR, else $XDG_DATA_HOME/orvane, else
+  // ~/.local/share/orvane.
+  static Platform defaultPlatform();
+  static std::string defaultDataDirectory();
+};
+
+}  // namespace orvane

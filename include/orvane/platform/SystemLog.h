@@ -1,0 +1,26 @@
+// File: SystemLog.h
+// The platform's unified log. Callers write whole lines, "[Orvane] " prefix included.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace orvane {
+
+enum class LogLevel { kDebug, kInfo, kDefault, kError };
+
+class SystemLog {
+ public:
+  virtual ~SystemLog() = default;
+  virtual void write(LogLevel level, std::string_view line) = 0;
+
+  void error(std::string_view line) { write(LogLevel::kError, line); }
+  void info(std::string_view line) { write(LogLevel::kInfo, line); }
+  void notice(std::string_view line) { write(LogLevel::kDefault, line); }
+};
+
+// Lines to standard error; kDebug lines only when ORVANE_DEBUG_LOG is set.
+std::shared_ptr<SystemLog> makeStderrLog();
+
+}  // namespace orvane

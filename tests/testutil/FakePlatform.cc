@@ -1,0 +1,272 @@
+#include "testutil/FakePlatform.h"
+
+#include <algorithm>
+
+#include <gtest/gtest.h>
+
+namespace orvane::testing {
+
+double FakeClock::now() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return now_;
+}
+double FakeClock::uptime() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return uptime_;
+}
+void FakeClock::set(double now) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  uptime_ += now - now_;
+  now_ = now;
+}
+void FakeClock::advance(double seconds) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  now_ += seconds;
+  uptime_ += seconds;
+}
+
+double FakeRandomSource::next() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (!script_.empty()) {
+    last_ = script_.front();
+    script_.pop_front();
+  }
+  return last_;
+}
+float FakeRandomSource::uniformFloat() { return static_cast<float>(next()); }
+double FakeRandomSource::uniformDouble() { return next(); }
+int64_t FakeRandomSource::uniformInt(int64_t lower, int64_t upper) {
+  if (upper <= lower) return lower;
+  const double span = static_cast<double>(upper - lower);
+  return std::min(upper, lower + static_cast<int64_t>(next() * (span + 1)));
+}
+bool FakeRandomSource::secureBytes(std::span<uint8_t> out) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  switch (mode_) {
+    case SecureMode::kFail:
+      return false;
+    case SecureMode::kAllOnes:
+      std::fill(out.begin(), out.end(), 0xFF);
+      return true;
+    case SecureMode::kCounter:
+      for (auto& b : out) b = counter_++;
+      return true;
+  }
+  return false;
+}
+void FakeRandomSource::scriptUniform(std::vector<double> values) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  script_.assign(values.begin(), values.end());
+}
+void FakeRandomSource::setSecureMode(SecureMode mode) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  mode_ = mode;
+}
+
+void CapturingLog::write(LogLevel level, std::string_view line) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  lines_.push_back({level, std::string(line)});
+}
+std::vector<CapturedLine> CapturingLog::lines() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return lines_;
+}
+size_t CapturingLog::count(std::string_view text) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return static_cast<size_t>(
+      std::count_if(lines_.begin(), lines_.end(), [&](const auto& l) { return l.text == text; }));
+}
+size_t CapturingLog::countContaining(std::string_view fragment) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), [&](const auto& l) {
+    return l.text.find(fragment) != std::string::npos;
+  }));
+}
+void CapturingLog::clear() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  lines_.clear();
+}
+
+namespace {
+
+thread_local const SerialQueue* currentManualQueue = nullptr;
+
+class ManualCancellable : public Cancellable {
+ public:
+  explicit ManualCancellable(std::shared_ptr<bool> flag) : flag_(std::move(flag)) {}
+  void cancel() override { *flag_ = true; }
+
+ private:
+  std::shared_ptr<bool> flag_;
+};
+
+class ManualQueue : public SerialQueue {
+ public:
+  ManualQueue(std::weak_ptr<ManualExecutors> owner, std::string name)
+      : owner_(std::move(owner)), name_(std::move(name)) {}
+  const std::string& name() const override { return name_; }
+  void async(Task task) override { asyncAfter(0, std::move(task)); }
+  std::shared_ptr<Cancellable> asyncAfter(double delay, Task task) override {
+    if (auto owner = owner_.lock()) return owner->enqueue(this, delay, 0, std::move(task));
+    return std::make_shared<ManualCancellable>(std::make_shared<bool>(true));
+  }
+  std::shared_ptr<Cancellable> scheduleRepeating(double interval, Task task) override {
+    if (auto owner = owner_.lock()) {
+      return owner->enqueue(this, interval, std::max(interval, 1e-6), std::move(task));
+    }
+    return std::make_shared<ManualCancellable>(std::make_shared<bool>(true));
+  }
+  void sync(Task task) override {
+    const SerialQueue* previous = currentManualQueue;
+    currentManualQueue = this;
+    task();
+    currentManualQueue = previous;
+  }
+  bool isCurrent() const override { return currentManualQueue == this; }
+
+ private:
+  std::weak_ptr<ManualExecutors> owner_;
+  std::string name_;
+};
+
+}  // namespace
+
+ManualExecutors::ManualExecutors(std::shared_ptr<FakeClock> clock) : clock_(std::move(clock)) {}
+
+std::shared_ptr<SerialQueue> ManualExecutors::mainQueue() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (!main_) main_ = std::make_shared<ManualQueue>(weak_from_this(), "main");
+  return main_;
+}
+
+std::shared_ptr<SerialQueue> ManualExecutors::makeSerialQueue(const std::string& name) {
+  auto queue = std::make_shared<ManualQueue>(weak_from_this(), name);
+  std::lock_guard<std::mutex> guard(mutex_);
+  queues_.push_back(queue);
+  return queue;
+}
+
+std::vector<std::string> ManualExecutors::queueNames() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<std::string> names;
+  for (const auto& q : queues_) names.push_back(q->name());
+  return names;
+}
+
+std::shared_ptr<Cancellable> ManualExecutors::enqueue(SerialQueue* queue, double delay,
+                                                      double interval, Task task) {
+  auto cancelled = std::make_shared<bool>(false);
+  const double due = clock_->now() + std::max(0.0, delay);
+  std::lock_guard<std::mutex> guard(mutex_);
+  entries_.push_back({nextSequence_++, due, interval, queue, std::move(task), cancelled});
+  return std::make_shared<ManualCancellable>(cancelled);
+}
+
+bool ManualExecutors::runOne(double upTo) {
+  Entry entry;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
+                                  [](const Entry& e) { return *e.cancelled; }),
+                   entries_.end());
+    auto it = std::min_element(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+      return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
+    });
+    if (it == entries_.end() || it->due > upTo) return false;
+    entry = *it;
+    if (entry.interval > 0) {
+      it->due += entry.interval;
+      it->sequence = nextSequence_++;
+    } else {
+      entries_.erase(it);
+    }
+  }
+  const SerialQueue* previous = currentManualQueue;
+  currentManualQueue = entry.queue;
+  entry.task();
+  currentManualQueue = previous;
+  return true;
+}
+
+size_t ManualExecutors::runUntilIdle() {
+  size_t ran = 0;
+  while (runOne(clock_->now())) ++ran;
+  return ran;
+}
+
+void ManualExecutors::advance(double seconds) {
+  const double target = clock_->now() + seconds;
+  runUntilIdle();
+  while (true) {
+    double nextDue = target + 1;
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      for (const auto& e : entries_) {
+        if (!*e.cancelled) nextDue = std::min(nextDue, e.due);
+      }
+    }
+    if (nextDue > target) break;
+    if (nextDue > clock_->now()) clock_->set(nextDue);
+    runUntilIdle();
+  }
+  clock_->set(target);
+  runUntilIdle();
+}
+
+size_t ManualExecutors::pendingCount() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return static_cast<size_t>(
+      std::count_if(entries_.begin(), entries_.end(), [](const Entry& e) { return !*e.cancelled; }));
+}
+
+void RecordingErrorReporter::reportError(std::string_view message,
+                                         const std::optional<PlatformError>& error,
+                                         bool usingDefaultConfiguration,
+                                         const std::optional<PlistDictionary>& additionalData) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  reports_.push_back({std::string(message), error, usingDefaultConfiguration, additionalData});
+}
+std::vector<RecordedReport> RecordingErrorReporter::reports() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return reports_;
+}
+size_t RecordingErrorReporter::count(std::string_view message) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return static_cast<size_t>(std::count_if(reports_.begin(), reports_.end(),
+                                           [&](const auto& r) { return r.message == message; }));
+}
+
+namespace {
+class UnavailableProvider : public KeyValueStoreProvider {
+ public:
+  std::shared_ptr<KeyValueStore> openSuite(std::string_view) override { return nullptr; }
+};
+}  // namespace
+
+std::shared_ptr<KeyValueStoreProvider> makeUnavailableKeyValueStoreProvider() {
+  return std::make_shared<UnavailableProvider>();
+}
+
+FakePlatform::FakePlatform()
+    : clock(std::make_shared<FakeClock>()),
+      random(std::make_shared<FakeRandomSource>()),
+      log(std::make_shared<CapturingLog>()),
+      executors(std::make_shared<ManualExecutors>(clock)) {
+  application = std::make_shared<HostApplicationService>(executors->mainQueue());
+  platform.clock = clock;
+  platform.random = random;
+  platform.keyValueStores = makeInMemoryKeyValueStoreProvider();
+  platform.fileSystem = makeLocalFileSystem(::testing::TempDir() + "orvane-fake-platform");
+  platform.log = log;
+  platform.executors = executors;
+  platform.crypto = makeOpenSslCrypto();
+  platform.application = application;
+  platform.motion = makeReplayMotionService();
+  platform.bundle.bundleIdentifier = "com.example.host";
+  platform.bundle.shortVersion = "1.0";
+  platform.bundle.buildVersion = "1";
+}
+
+void FakePlatform::advance(double seconds) { executors->advance(seconds); }
+
+}  // namespace orvane::testing

@@ -1,0 +1,155 @@
+// File: FakePlatform.h
+// Deterministic stand-ins for the platform services: a hand-moved clock, scripted randomness,
+// a capturing log, queues that run only when a test drains them, and a recording error
+// reporter.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "logging/ErrorReporter.h"
+#include "orvane/platform/Platform.h"
+
+namespace orvane::testing {
+
+class FakeClock : public Clock {
+ public:
+  explicit FakeClock(double now = 1'700'000'000.0, double uptime = 1000.0)
+      : now_(now), uptime_(uptime) {}
+  double now() const override;
+  double uptime() const override;
+  void set(double now);
+  void advance(double seconds);
+
+ private:
+  mutable std::mutex mutex_;
+  double now_;
+  double uptime_;
+};
+
+// Uniform draws come from a script (then repeat its last value; 0.5 when empty); secure bytes
+// come from a counter, or fail, or are all 0xFF, as the test chooses.
+class FakeRandomSource : public RandomSource {
+ public:
+  enum class SecureMode { kCounter, kFail, kAllOnes };
+  float uniformFloat() override;
+  double uniformDouble() override;
+  int64_t uniformInt(int64_t lower, int64_t upper) override;
+  bool secureBytes(std::span<uint8_t> out) override;
+
+  void scriptUniform(std::vector<double> values);
+  void setSecureMode(SecureMode mode);
+
+ private:
+  double next();
+  std::mutex mutex_;
+  std::deque<double> script_;
+  double last_ = 0.5;
+  SecureMode mode_ = SecureMode::kCounter;
+  uint8_t counter_ = 0;
+};
+
+struct CapturedLine {
+  LogLevel level;
+  std::string text;
+};
+
+class CapturingLog : public SystemLog {
+ public:
+  void write(LogLevel level, std::string_view line) override;
+  std::vector<CapturedLine> lines() const;
+  // How many lines equal `text` exactly.
+  size_t count(std::string_view text) const;
+  // How many lines contain `fragment`.
+  size_t countContaining(std::string_view fragment) const;
+  void clear();
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<CapturedLine> lines_;
+};
+
+class ManualExecutors;
+
+// Queues that run only when the test drains them. Delayed work and timers follow the
+// FakeClock: ManualExecutors::advance moves it and runs what falls due, in due order.
+class ManualExecutors : public Executors, public std::enable_shared_from_this<ManualExecutors> {
+ public:
+  explicit ManualExecutors(std::shared_ptr<FakeClock> clock);
+  std::shared_ptr<SerialQueue> mainQueue() override;
+  std::shared_ptr<SerialQueue> makeSerialQueue(const std::string& name) override;
+
+  // Runs every task that is due now, including tasks those tasks post. Returns how many ran.
+  size_t runUntilIdle();
+  // Moves the clock forward by `seconds`, running due work at each due time on the way.
+  void advance(double seconds);
+  // Tasks waiting, due or not (repeating timers count once).
+  size_t pendingCount() const;
+  std::vector<std::string> queueNames() const;
+
+  struct Entry {
+    uint64_t sequence;
+    double due;
+    double interval;  // > 0 for repeating timers
+    SerialQueue* queue;
+    Task task;
+    std::shared_ptr<bool> cancelled;
+  };
+  std::shared_ptr<Cancellable> enqueue(SerialQueue* queue, double delay, double interval, Task task);
+
+ private:
+  bool runOne(double upTo);
+
+  std::shared_ptr<FakeClock> clock_;
+  mutable std::mutex mutex_;
+  std::vector<Entry> entries_;
+  uint64_t nextSequence_ = 0;
+  std::shared_ptr<SerialQueue> main_;
+  std::vector<std::shared_ptr<SerialQueue>> queues_;
+};
+
+struct RecordedReport {
+  std::string message;
+  std::optional<PlatformError> error;
+  bool usingDefaultConfiguration;
+  std::optional<PlistDictionary> additionalData;
+};
+
+class RecordingErrorReporter : public ErrorReporter {
+ public:
+  using ErrorReporter::reportError;
+  void reportError(std::string_view message, const std::optional<PlatformError>& error,
+                   bool usingDefaultConfiguration,
+                   const std::optional<PlistDictionary>& additionalData) override;
+  std::vector<RecordedReport> reports() const;
+  size_t count(std::string_view message) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<RecordedReport> reports_;
+};
+
+// A Platform of fakes with an in-memory key-value store, plus typed handles on the fakes.
+struct FakePlatform {
+  FakePlatform();
+  Platform platform;
+  std::shared_ptr<FakeClock> clock;
+  std::shared_ptr<FakeRandomSource> random;
+  std::shared_ptr<CapturingLog> log;
+  std::shared_ptr<ManualExecutors> executors;
+  std::shared_ptr<HostApplicationService> application;
+  // Moves the clock and drains every queue.
+  void advance(double seconds);
+  size_t drain() { return executors->runUntilIdle(); }
+};
+
+// A provider whose suites can never be opened.
+std::shared_ptr<KeyValueStoreProvider> makeUnavailableKeyValueStoreProvider();
+
+}  // namespace orvane::testing
