@@ -1,0 +1,15 @@
+// File: ABTestInformation.h
+// Which A/B test and cohort this installation belongs to.
+#pragma once
+
+#include <string>
+
+namespace orvane {
+
+struct ABTestInformation {
+  std::string testName;
+  std::string cohortName;
+  bool operator==(const ABTestInformation&) const = default;
+};
+
+}  // namespace orvane

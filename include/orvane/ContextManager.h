@@ -1,0 +1,188 @@
+// File: ContextManager.h
+// The SDK's entry point. Every static operation acts on the process-wide manager, created on
+// first use; any thread may call them and none of them throws.
+//
+// Typical start-up:
+//   orvane::ContextManager::applicationDidFinishLaunchingWithOptions(launchOptions, "APP-KEY");
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "orvane/Configuration.h"
+#include "orvane/CustomSignal.h"
+#include "orvane/platform/Platform.h"
+
+namespace orvane {
+
+class Log;
+class OrvaneLogSender;
+class OrvaneErrorReporting;
+class CoreMLModelManager;
+class PeriodicContextEvaluator;
+class AccelerometerSensor;
+class AppLaunchSignalsGenerator;
+class AppLaunchReasonSignalsGenerator;
+class UserDefaultsProvider;
+class DateProvider;
+
+// Where finished logs go. The default hands them to the upload queue.
+using LogSender = std::function<void(std::shared_ptr<Log>)>;
+
+// The framework that embeds the SDK. Wrapper platforms (1, 3, 4) start their native layer
+// late, so setup gets a longer grace period there.
+enum class HostPlatform : int {
+  kUnknown = 0,
+  kManagedRuntime = 1,
+  kHybridWeb = 2,
+  kScriptBridge = 3,
+  kCompiledBridge = 4,
+  kNative = 5,
+};
+
+enum class ContextManagerIsSupported : int { kSupported = 0, kUnsupported = 1 };
+
+class ContextManager {
+ public:
+  // ---- Setup -------------------------------------------------------------------------------
+  // Call as early after app start as possible. Each returns true.
+  static bool setup(const std::string& licenseKey) noexcept;
+  static bool setup(const std::string& licenseKey, const Configuration& configuration) noexcept;
+  // `defaultLogSender`, when set, receives every finished log instead of the upload queue.
+  static bool setup(const std::string& licenseKey, LogSender defaultLogSender,
+                    const Configuration& configuration) noexcept;
+  static bool applicationDidFinishLaunchingWithOptions(
+      const std::optional<LaunchOptions>& launchOptions, const std::string& licenseKey) noexcept;
+  static bool applicationDidFinishLaunchingWithOptions(
+      const std::optional<LaunchOptions>& launchOptions, const std::string& licenseKey,
+      const Configuration& configuration) noexcept;
+  // Replaces where finished logs go.
+  static void setLogSender(LogSender closure) noexcept;
+  // "5.13.0".
+  static std::string sdkVersion() noexcept;
+  // With decisions disabled every flow behaves as a control flow.
+  static void setDecisionsEnabled(bool enabled) noexcept;
+  // Control mode is decisions disabled.
+  static void setControlMode(bool enabled) noexcept;
+
+  // ---- Global custom signals: added to every later log -----------------------------------
+  // Setting an id that is already present replaces its value in place.
+  static void setGlobalCustomSignal(const std::string& id, bool value) noexcept;
+  static void setGlobalCustomSignal(const std::string& id, int64_t value) noexcept;
+  static void setGlobalCustomSignal(const std::string& id, int value) noexcept;
+  static void setGlobalCustomSignal(const std::string& id, float value) noexcept;
+  static void setGlobalCustomSignal(const std::string& id, double value) noexcept;  // as float
+  static void setGlobalCustomSignal(const std::string& id, const Decimal& decimalValue) noexcept;
+  // No value removes every global custom signal with that id.
+  static void setGlobalCustomSignal(const std::string& id,
+                                    const std::optional<std::string>& value) noexcept;
+  static void setGlobalCustomSignal(const std::string& id, const char* value) noexcept;
+
+  // ---- The process-wide manager -----------------------------------------------------------
+  static ContextManager& shared() noexcept;
+  // Chooses the platform `shared()` is created with. False (and nothing changes) once the
+  // shared manager exists.
+  static bool installDefaultPlatform(Platform platform) noexcept;
+
+  // A manager of its own, for tests and embedding. `imposedSupport` overrides the hardware
+  // check.
+  explicit ContextManager(Platform platform,
+                          std::optional<ContextManagerIsSupported> imposedSupport = std::nullopt);
+  ~ContextManager();
+  ContextManager(const ContextManager&) = delete;
+  ContextManager& operator=(const ContextManager&) = delete;
+
+  // ---- Instance operations (the static API forwards to these) ----------------------------
+  bool setupWith(const std::string& licenseKey, LogSender logSender,
+                 const std::optional<LaunchOptions>& launchOptions,
+                 const Configuration& configuration) noexcept;
+  void replaceLogSender(LogSender sender) noexcept;
+  void setDecisionsSwitch(bool enabled) noexcept;
+  void storeGlobalCustomSignal(const CustomSignal& signal) noexcept;
+  void removeGlobalCustomSignals(const std::string& id) noexcept;
+  CustomSignalList globalCustomSignals() const;
+  // Hands a finished log to the current log sender.
+  void sendLog(std::shared_ptr<Log> log) noexcept;
+
+  // The lifecycle notifications' handlers (they run on the main queue).
+  void handleDidBecomeActiveNotification() noexcept;
+  void handleWillResignActiveNotification() noexcept;
+
+  // ---- State ---------------------------------------------------------------------------------
+  const Platform& platform() const { return platform_; }
+  Configuration configuration() const;
+  std::optional<std::string> licenseKey() const;
+  HostPlatform currentPlatform() const;
+  void setCurrentPlatform(HostPlatform platform);
+  Date initializationDate() const { return initializationDate_; }
+  const std::string& bundleIdentifier() const { return bundleIdentifier_; }
+  ContextManagerIsSupported isSupported() const { return isSupported_; }
+  // Stable per installation while the defaults suite is available.
+  std::string installationUUID();
+  std::string currentSessionId() const;
+  Date currentSessionStarted() const;
+  bool isActive() const;
+  bool isFirstStart() const;
+  int64_t numberOfAppLaunches() const;
+  int64_t numberOfInitialSessionsToAlwaysSendData() const { return 10; }
+
+  // ---- Components -------------------------------------------------------------------------
+  const std::shared_ptr<UserDefaultsProvider>& userDefaultsProvider() const { return defaults_; }
+  const std::shared_ptr<DateProvider>& dateProvider() const { return dateProvider_; }
+  AppLaunchSignalsGenerator& appLaunchSignalsGenerator() { return *appLaunchSignals_; }
+  AppLaunchReasonSignalsGenerator& appLaunchReasonSignalsGenerator() { return *launchReason_; }
+  OrvaneLogSender& orvaneLogSender();
+  OrvaneErrorReporting& orvaneErrorReporting();
+  CoreMLModelManager& coreMLModelManager();
+  PeriodicContextEvaluator& periodicContextEvaluator();
+  AccelerometerSensor& accelerometerSensor();
+
+ private:
+  template <typename T>
+  struct Lazy {
+    std::once_flag once;
+    std::unique_ptr<T> value;
+  };
+
+  void runInitialBootup();
+  void becomeActiveHandling();
+  void triggerBothUploadQueues();
+
+  Platform platform_;
+  std::shared_ptr<UserDefaultsProvider> defaults_;
+  std::shared_ptr<DateProvider> dateProvider_;
+  const Date initializationDate_;
+  const std::string bundleIdentifier_;
+  std::unique_ptr<AppLaunchSignalsGenerator> appLaunchSignals_;
+  std::unique_ptr<AppLaunchReasonSignalsGenerator> launchReason_;
+  ContextManagerIsSupported isSupported_;
+  int observerToken_ = 0;
+
+  // Small state shared between the main queue and callers on other threads. Never held
+  // while calling into a component or the host.
+  mutable std::mutex stateMutex_;
+  Configuration configuration_;
+  std::optional<std::string> licenseKey_;
+  HostPlatform currentPlatform_ = HostPlatform::kNative;
+  LogSender currentLogSender_;
+  std::optional<std::string> installationUUID_;
+  std::string currentSessionId_;
+  Date currentSessionStarted_;
+  bool isActive_ = false;
+  bool isFirstStart_ = true;
+  int64_t numberOfAppLaunches_ = 0;
+
+  mutable std::mutex globalSignalsMutex_;
+  CustomSignalList globalCustomSignals_;
+
+  Lazy<OrvaneLogSender> logSender_;
+  Lazy<OrvaneErrorReporting> errorReporting_;
+  Lazy<CoreMLModelManager> modelManager_;
+  Lazy<PeriodicContextEvaluator> periodicEvaluator_;
+  Lazy<AccelerometerSensor> accelerometerSensor_;
+};
+
+}  // namespace orvane

@@ -1,0 +1,424 @@
+#include "orvane/ContextManager.h"
+
+#include <cmath>
+#include <exception>
+
+#include "api/PeriodicContextEvaluator.h"
+#include "generators/AppLaunchReasonSignalsGenerator.h"
+#include "generators/AppLaunchSignalsGenerator.h"
+#include "logging/OrvaneErrorReporting.h"
+#include "logging/OrvaneLogSender.h"
+#include "models/CoreMLModelManager.h"
+#include "motion/AccelerometerSensor.h"
+#include "util/DateProvider.h"
+#include "util/UUID.h"
+#include "util/UserDefaultsProvider.h"
+
+namespace orvane {
+namespace {
+
+constexpr const char* kSdkVersion = "5.13.0";
+constexpr const char* kDefaultsSuite = "com.orvane.ads";
+constexpr const char* kInstallationUUIDKey = "orvane_installation_uuid";
+constexpr const char* kLateSetupMessage =
+    "[Orvane] ContextManager.applicationDidFinishLaunchingWithOptions was not called right after "
+    "app start. This can lead to lost events or your custom models not being used. Please make "
+    "sure to call ContextManager.applicationDidFinishLaunchingWithOptions() as early after app "
+    "start as possible.";
+
+template <typename T, typename Make>
+T& lazily(std::once_flag& once, std::unique_ptr<T>& value, Make&& make) {
+  std::call_once(once, [&] { value = make(); });
+  return *value;
+}
+
+// Public entry points absorb every internal failure: the host never sees an exception.
+template <typename Fn>
+void absorbing(const Platform& platform, const char* operation, Fn&& fn) noexcept {
+  try {
+    fn();
+  } catch (const std::exception& e) {
+    if (platform.log) {
+      platform.log->error(std::string("[Orvane] Internal error in ") + operation + ": " + e.what());
+    }
+  } catch (...) {
+    if (platform.log) platform.log->error(std::string("[Orvane] Internal error in ") + operation);
+  }
+}
+
+std::mutex& installedPlatformMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+std::optional<Platform>& installedPlatform() {
+  static std::optional<Platform> platform;
+  return platform;
+}
+bool& sharedCreated() {
+  static bool created = false;
+  return created;
+}
+
+}  // namespace
+
+// ---- Creation -----------------------------------------------------------------------------
+
+ContextManager::ContextManager(Platform platform,
+                               std::optional<ContextManagerIsSupported> imposedSupport)
+    : platform_(std::move(platform)),
+      defaults_(std::make_shared<UserDefaultsProvider>(
+          platform_.keyValueStores ? platform_.keyValueStores->openSuite(kDefaultsSuite) : nullptr)),
+      dateProvider_(std::make_shared<DefaultDateProvider>(platform_.clock)),
+      initializationDate_(dateProvider_->currentDate()),
+      bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
+      appLaunchSignals_(std::make_unique<AppLaunchSignalsGenerator>(dateProvider_, defaults_)),
+      launchReason_(std::make_unique<AppLaunchReasonSignalsGenerator>()),
+      currentLogSender_([this](std::shared_ptr<Log> log) { orvaneLogSender().enqueue(std::move(log)); }),
+      currentSessionId_(makeUUIDString(*platform_.random)),
+      currentSessionStarted_(initializationDate_) {
+  if (imposedSupport) {
+    isSupported_ = *imposedSupport;
+  } else {
+    const bool hasHardware = platform_.motion && platform_.motion->isAccelerometerAvailable() &&
+                             platform_.motion->isGyroAvailable();
+    isSupported_ = hasHardware ? ContextManagerIsSupported::kSupported
+                               : ContextManagerIsSupported::kUnsupported;
+  }
+  runInitialBootup();
+  setCurrentPlatform(HostPlatform::kNative);
+}
+
+ContextManager::~ContextManager() {
+  if (observerToken_ != 0 && platform_.application) {
+    platform_.application->removeObserver(observerToken_);
+  }
+}
+
+void ContextManager::runInitialBootup() {
+  if (platform_.application) {
+    observerToken_ = platform_.application->addObserver(
+        {[this] { handleDidBecomeActiveNotification(); },
+         [this] { handleWillResignActiveNotification(); }});
+  }
+  // The manager is usually created while the app is already starting in the foreground.
+  becomeActiveHandling();
+}
+
+ContextManager& ContextManager::shared() noexcept {
+  // Never destroyed: exit-time destructors must not race the SDK's worker threads.
+  static ContextManager* const instance = [] {
+    std::optional<Platform> chosen;
+    {
+      std::lock_guard<std::mutex> guard(installedPlatformMutex());
+      chosen = std::move(installedPlatform());
+      sharedCreated() = true;
+    }
+    return new ContextManager(chosen ? std::move(*chosen) : Platform::defaultPlatform());
+  }();
+  return *instance;
+}
+
+bool ContextManager::installDefaultPlatform(Platform platform) noexcept {
+  std::lock_guard<std::mutex> guard(installedPlatformMutex());
+  if (sharedCreated()) return false;
+  installedPlatform() = std::move(platform);
+  return true;
+}
+
+// ---- Components ---------------------------------------------------------------------------
+
+OrvaneLogSender& ContextManager::orvaneLogSender() {
+  return lazily(logSender_.once, logSender_.value, [] { return std::make_unique<OrvaneLogSender>(); });
+}
+
+OrvaneErrorReporting& ContextManager::orvaneErrorReporting() {
+  return lazily(errorReporting_.once, errorReporting_.value,
+                [this] { return std::make_unique<OrvaneErrorReporting>(*this); });
+}
+
+CoreMLModelManager& ContextManager::coreMLModelManager() {
+  return lazily(modelManager_.once, modelManager_.value,
+                [] { return std::make_unique<CoreMLModelManager>(); });
+}
+
+PeriodicContextEvaluator& ContextManager::periodicContextEvaluator() {
+  return lazily(periodicEvaluator_.once, periodicEvaluator_.value,
+                [] { return std::make_unique<PeriodicContextEvaluator>(); });
+}
+
+AccelerometerSensor& ContextManager::accelerometerSensor() {
+  return lazily(accelerometerSensor_.once, accelerometerSensor_.value, [this] {
+    return std::make_unique<AccelerometerSensor>(platform_.motion,
+                                                 configuration().enableInstantContext);
+  });
+}
+
+// ---- Setup --------------------------------------------------------------------------------
+
+bool ContextManager::setupWith(const std::string& licenseKey, LogSender logSender,
+                               const std::optional<LaunchOptions>& launchOptions,
+                               const Configuration& configuration) noexcept {
+  absorbing(platform_, "setup", [&] {
+    const double sinceStart =
+        dateProvider_->currentDate().secondsSince1970 - initializationDate_.secondsSince1970;
+    const HostPlatform host = currentPlatform();
+    const bool slowStartingHost = host == HostPlatform::kManagedRuntime ||
+                                  host == HostPlatform::kScriptBridge ||
+                                  host == HostPlatform::kCompiledBridge;
+    if (sinceStart >= (slowStartingHost ? 30.0 : 5.0)) platform_.log->error(kLateSetupMessage);
+
+    {
+      std::lock_guard<std::mutex> guard(stateMutex_);
+      configuration_ = configuration;
+      licenseKey_ = licenseKey;
+      if (logSender) currentLogSender_ = std::move(logSender);
+    }
+    launchReason_->setLaunchReason(LaunchReasonHelper::determineLaunchReason(launchOptions));
+    accelerometerSensor().setAlwaysRunInForeground(configuration.enableInstantContext);
+    triggerBothUploadQueues();
+  });
+  return true;
+}
+
+void ContextManager::triggerBothUploadQueues() {
+  orvaneLogSender().triggerUpload(UploadQueueKind::kUnloggedContexts, false);
+  orvaneLogSender().triggerUpload(UploadQueueKind::kMain, true);
+}
+
+void ContextManager::replaceLogSender(LogSender sender) noexcept {
+  absorbing(platform_, "setLogSender", [&] {
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    currentLogSender_ = std::move(sender);
+  });
+}
+
+void ContextManager::sendLog(std::shared_ptr<Log> log) noexcept {
+  absorbing(platform_, "sendLog", [&] {
+    LogSender sender;
+    {
+      std::lock_guard<std::mutex> guard(stateMutex_);
+      sender = currentLogSender_;
+    }
+    if (sender) sender(std::move(log));
+  });
+}
+
+void ContextManager::setDecisionsSwitch(bool enabled) noexcept {
+  absorbing(platform_, "setDecisionsEnabled",
+            [&] { coreMLModelManager().setDecisionsEnabled(enabled); });
+}
+
+// ---- Lifecycle ----------------------------------------------------------------------------
+
+void ContextManager::becomeActiveHandling() {
+  {
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    if (isActive_) return;
+    isActive_ = true;
+    currentSessionStarted_ = dateProvider_->currentDate();
+    currentSessionId_ = makeUUIDString(*platform_.random);
+  }
+  launchReason_->appDidBecomeActive();
+  {
+    AccelerometerSensor& sensor = accelerometerSensor();
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    sensor.setAppInForeground(true);
+    sensor.maybeStartAccelerometer();
+  }
+  const int64_t launches = appLaunchSignals_->incrementAndGetNumberOfAppLaunches();
+  appLaunchSignals_->updateLastAppWillResignDate();
+  {
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    numberOfAppLaunches_ = launches;
+  }
+  orvaneLogSender().triggerUpload(UploadQueueKind::kMain, false);
+  periodicContextEvaluator().appDidBecomeActive();
+}
+
+void ContextManager::handleDidBecomeActiveNotification() noexcept {
+  absorbing(platform_, "didBecomeActive", [&] {
+    becomeActiveHandling();
+    bool firstStart = false;
+    {
+      std::lock_guard<std::mutex> guard(stateMutex_);
+      firstStart = isFirstStart_;
+      isFirstStart_ = false;
+    }
+    if (firstStart) triggerBothUploadQueues();
+  });
+}
+
+void ContextManager::handleWillResignActiveNotification() noexcept {
+  absorbing(platform_, "willResignActive", [&] {
+    {
+      std::lock_guard<std::mutex> guard(stateMutex_);
+      if (!isActive_) return;
+      isActive_ = false;
+    }
+    appLaunchSignals_->updateLastAppWillResignDate();
+    const Date now = dateProvider_->currentDate();
+    launchReason_->setLastResignDate(now);
+    periodicContextEvaluator().appWillResignActive();
+    {
+      AccelerometerSensor& sensor = accelerometerSensor();
+      std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+      sensor.setAppInForeground(false);
+      sensor.maybeStopAccelerometer();
+    }
+    double sessionSeconds = 0;
+    {
+      std::lock_guard<std::mutex> guard(stateMutex_);
+      // A new id at once: background work must not be attributed to the finished session.
+      currentSessionId_ = makeUUIDString(*platform_.random);
+      sessionSeconds = now.secondsSince1970 - currentSessionStarted_.secondsSince1970;
+    }
+    appLaunchSignals_->storeNewSessionDuration(static_cast<int64_t>(std::llround(sessionSeconds)));
+  });
+}
+
+// ---- Identity and state -------------------------------------------------------------------
+
+std::string ContextManager::installationUUID() {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  if (installationUUID_) return *installationUUID_;
+  if (defaults_->isAvailable()) {
+    if (auto stored = defaults_->string(kInstallationUUIDKey)) {
+      installationUUID_ = *stored;
+    } else {
+      installationUUID_ = makeUUIDString(*platform_.random);
+      defaults_->set(kInstallationUUIDKey, *installationUUID_);
+    }
+  } else {
+    platform_.log->error("[Orvane] Failed to get Installation UUID");
+    installationUUID_ = makeUUIDString(*platform_.random);
+  }
+  return *installationUUID_;
+}
+
+Configuration ContextManager::configuration() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return configuration_;
+}
+std::optional<std::string> ContextManager::licenseKey() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return licenseKey_;
+}
+HostPlatform ContextManager::currentPlatform() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return currentPlatform_;
+}
+void ContextManager::setCurrentPlatform(HostPlatform platform) {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  currentPlatform_ = platform;
+}
+std::string ContextManager::currentSessionId() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return currentSessionId_;
+}
+Date ContextManager::currentSessionStarted() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return currentSessionStarted_;
+}
+bool ContextManager::isActive() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return isActive_;
+}
+bool ContextManager::isFirstStart() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return isFirstStart_;
+}
+int64_t ContextManager::numberOfAppLaunches() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return numberOfAppLaunches_;
+}
+
+// ---- Global custom signals ----------------------------------------------------------------
+
+void ContextManager::storeGlobalCustomSignal(const CustomSignal& signal) noexcept {
+  absorbing(platform_, "setGlobalCustomSignal", [&] {
+    std::lock_guard<std::mutex> guard(globalSignalsMutex_);
+    for (auto& existing : globalCustomSignals_) {
+      if (existing.id() == signal.id()) {
+        existing = signal;
+        return;
+      }
+    }
+    globalCustomSignals_.push_back(signal);
+  });
+}
+
+void ContextManager::removeGlobalCustomSignals(const std::string& id) noexcept {
+  absorbing(platform_, "setGlobalCustomSignal", [&] {
+    std::lock_guard<std::mutex> guard(globalSignalsMutex_);
+    std::erase_if(globalCustomSignals_, [&](const CustomSignal& s) { return s.id() == id; });
+  });
+}
+
+CustomSignalList ContextManager::globalCustomSignals() const {
+  std::lock_guard<std::mutex> guard(globalSignalsMutex_);
+  return globalCustomSignals_;
+}
+
+// ---- Static API ---------------------------------------------------------------------------
+
+bool ContextManager::setup(const std::string& licenseKey) noexcept {
+  return shared().setupWith(licenseKey, nullptr, std::nullopt, Configuration{});
+}
+bool ContextManager::setup(const std::string& licenseKey,
+                           const Configuration& configuration) noexcept {
+  return shared().setupWith(licenseKey, nullptr, std::nullopt, configuration);
+}
+bool ContextManager::setup(const std::string& licenseKey, LogSender defaultLogSender,
+                           const Configuration& configuration) noexcept {
+  return shared().setupWith(licenseKey, std::move(defaultLogSender), std::nullopt, configuration);
+}
+bool ContextManager::applicationDidFinishLaunchingWithOptions(
+    const std::optional<LaunchOptions>& launchOptions, const std::string& licenseKey) noexcept {
+  return shared().setupWith(licenseKey, nullptr, launchOptions, Configuration{});
+}
+bool ContextManager::applicationDidFinishLaunchingWithOptions(
+    const std::optional<LaunchOptions>& launchOptions, const std::string& licenseKey,
+    const Configuration& configuration) noexcept {
+  return shared().setupWith(licenseKey, nullptr, launchOptions, configuration);
+}
+void ContextManager::setLogSender(LogSender closure) noexcept {
+  shared().replaceLogSender(std::move(closure));
+}
+std::string ContextManager::sdkVersion() noexcept { return kSdkVersion; }
+void ContextManager::setDecisionsEnabled(bool enabled) noexcept {
+  shared().setDecisionsSwitch(enabled);
+}
+void ContextManager::setControlMode(bool enabled) noexcept { shared().setDecisionsSwitch(!enabled); }
+
+void ContextManager::setGlobalCustomSignal(const std::string& id, bool value) noexcept {
+  shared().storeGlobalCustomSignal(CustomSignalBool(id, value));
+}
+void ContextManager::setGlobalCustomSignal(const std::string& id, int64_t value) noexcept {
+  shared().storeGlobalCustomSignal(CustomSignalInt(id, value));
+}
+void ContextManager::setGlobalCustomSignal(const std::string& id, int value) noexcept {
+  shared().storeGlobalCustomSignal(CustomSignalInt(id, value));
+}
+void ContextManager::setGlobalCustomSignal(const std::string& id, float value) noexcept {
+  shared().storeGlobalCustomSignal(CustomSignalFloat(id, value));
+}
+void ContextManager::setGlobalCustomSignal(const std::string& id, double value) noexcept {
+  shared().storeGlobalCustomSignal(CustomSignalFloat(id, static_cast<float>(value)));
+}
+void ContextManager::setGlobalCustomSignal(const std::string& id,
+                                           const Decimal& decimalValue) noexcept {
+  shared().storeGlobalCustomSignal(CustomSignalDecimal(id, decimalValue));
+}
+void ContextManager::setGlobalCustomSignal(const std::string& id,
+                                           const std::optional<std::string>& value) noexcept {
+  if (value) {
+    shared().storeGlobalCustomSignal(CustomSignalString(id, *value));
+  } else {
+    shared().removeGlobalCustomSignals(id);
+  }
+}
+void ContextManager::setGlobalCustomSignal(const std::string& id, const char* value) noexcept {
+  setGlobalCustomSignal(id, value ? std::optional<std::string>(value) : std::nullopt);
+}
+
+}  // namespace orvane

@@ -1,0 +1,56 @@
+#include "signals/SignalsManager.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace orvane {
+
+SignalsManager::SignalsManager(SignalList signals, std::shared_ptr<SystemLog> log)
+    : signals_(std::move(signals)), log_(std::move(log)) {}
+
+const Signal* SignalsManager::signal(SignalEnum id) const {
+  auto it = std::find_if(signals_.begin(), signals_.end(),
+                         [id](const Signal& s) { return s.id() == id; });
+  return it == signals_.end() ? nullptr : &*it;
+}
+
+std::optional<int64_t> SignalsManager::intValue(SignalEnum id) const {
+  const Signal* s = signal(id);
+  if (s == nullptr || s->kind() != SignalKind::kInt) return std::nullopt;
+  return std::get<int64_t>(s->value());
+}
+
+std::optional<bool> SignalsManager::boolValue(SignalEnum id) const {
+  const Signal* s = signal(id);
+  if (s == nullptr || s->kind() != SignalKind::kBool) return std::nullopt;
+  return std::get<bool>(s->value());
+}
+
+void SignalsManager::removeSignal(SignalEnum id) {
+  std::erase_if(signals_, [id](const Signal& s) { return s.id() == id; });
+}
+
+void SignalsManager::replaceSignal(Signal signal) {
+  removeSignal(signal.id());
+  append(std::move(signal));
+}
+
+void SignalsManager::append(Signal signal) {
+  signals_.push_back(std::move(signal));
+  checkForDuplicates();
+}
+
+void SignalsManager::append(const SignalList& signals) {
+  signals_.insert(signals_.end(), signals.begin(), signals.end());
+  checkForDuplicates();
+}
+
+void SignalsManager::checkForDuplicates() const {
+  std::unordered_set<SignalEnum> distinct;
+  for (const auto& s : signals_) distinct.insert(s.id());
+  if (distinct.size() != signals_.size() && log_) {
+    log_->error("[Orvane] SignalsManager: Duplicate signal ids found");
+  }
+}
+
+}  // namespace orvane

@@ -1,0 +1,257 @@
+#include <gtest/gtest.h>
+
+#include "generators/AppLaunchReasonSignalsGenerator.h"
+#include "generators/AppLaunchSignalsGenerator.h"
+#include "logging/OrvaneLogSender.h"
+#include "models/CoreMLModelManager.h"
+#include "motion/AccelerometerSensor.h"
+#include "orvane/ContextManager.h"
+#include "api/PeriodicContextEvaluator.h"
+#include "testutil/FakePlatform.h"
+#include "util/UserDefaultsProvider.h"
+
+namespace orvane {
+namespace {
+
+using testing::FakePlatform;
+
+constexpr const char* kLateSetupLine =
+    "[Orvane] ContextManager.applicationDidFinishLaunchingWithOptions was not called right after "
+    "app start. This can lead to lost events or your custom models not being used. Please make "
+    "sure to call ContextManager.applicationDidFinishLaunchingWithOptions() as early after app "
+    "start as possible.";
+
+std::vector<std::pair<UploadQueueKind, bool>> triggers(ContextManager& m) {
+  std::vector<std::pair<UploadQueueKind, bool>> out;
+  for (const auto& t : m.orvaneLogSender().triggerHistory()) out.emplace_back(t.queue, t.force);
+  return out;
+}
+
+TEST(ContextManagerTest, LateSetupWarnsAfterThePlatformsGracePeriod) {
+  struct Case {
+    HostPlatform platform;
+    double delay;
+    bool warns;
+  };
+  const Case cases[] = {
+      {HostPlatform::kNative, 4, false},          {HostPlatform::kNative, 5, true},
+      {HostPlatform::kNative, 6, true},           {HostPlatform::kManagedRuntime, 6, false},
+      {HostPlatform::kManagedRuntime, 31, true},  {HostPlatform::kScriptBridge, 29, false},
+      {HostPlatform::kCompiledBridge, 30, true},  {HostPlatform::kHybridWeb, 6, true},
+      {HostPlatform::kUnknown, 4.9, false},
+  };
+  for (const auto& c : cases) {
+    FakePlatform fake;
+    ContextManager manager(fake.platform);
+    manager.setCurrentPlatform(c.platform);
+    fake.clock->advance(c.delay);
+    EXPECT_TRUE(manager.setupWith("key", nullptr, std::nullopt, Configuration{}));
+    EXPECT_EQ(fake.log->count(kLateSetupLine), c.warns ? 1u : 0u)
+        << "platform " << static_cast<int>(c.platform) << " after " << c.delay << " s";
+  }
+}
+
+TEST(ContextManagerTest, CreationStartsASessionAndSetupTakesTheHostsChoices) {
+  FakePlatform fake;
+  ContextManager manager(fake.platform);
+  EXPECT_TRUE(manager.isActive());
+  EXPECT_TRUE(manager.isFirstStart());
+  EXPECT_EQ(manager.numberOfAppLaunches(), 1);
+  EXPECT_EQ(manager.bundleIdentifier(), "com.example.host");
+  EXPECT_EQ(manager.isSupported(), ContextManagerIsSupported::kSupported);
+  // Creation: one main-queue upload without forcing.
+  EXPECT_EQ(triggers(manager), (std::vector<std::pair<UploadQueueKind, bool>>{
+                                   {UploadQueueKind::kMain, false}}));
+
+  Configuration configuration;
+  configuration.enableInstantContext = false;
+  std::vector<std::shared_ptr<Log>> received;
+  LaunchOptions options{{launch_option::kRemoteNotification, PlistDictionary{}}};
+  manager.setupWith("APP-KEY", [&](std::shared_ptr<Log> log) { received.push_back(log); }, options,
+                    configuration);
+
+  EXPECT_EQ(manager.licenseKey(), "APP-KEY");
+  EXPECT_EQ(manager.configuration(), configuration);
+  EXPECT_FALSE(manager.accelerometerSensor().alwaysRunInForeground());
+  EXPECT_FALSE(manager.accelerometerSensor().isSampling());
+  EXPECT_EQ(manager.appLaunchReasonSignalsGenerator().currentAppLaunchReason(), 3);
+  // Setup: the unlogged queue without forcing, then the main queue forced.
+  EXPECT_EQ(triggers(manager), (std::vector<std::pair<UploadQueueKind, bool>>{
+                                   {UploadQueueKind::kMain, false},
+                                   {UploadQueueKind::kUnloggedContexts, false},
+                                   {UploadQueueKind::kMain, true}}));
+  manager.sendLog(nullptr);
+  EXPECT_EQ(received.size(), 1u);
+  EXPECT_EQ(manager.orvaneLogSender().queuedLogCount(), 0u);
+}
+
+TEST(ContextManagerTest, DeviceWithoutGyroscopeIsUnsupported) {
+  FakePlatform fake;
+  fake.platform.motion = makeUnsupportedMotionService(/*hasAccelerometer=*/true, /*hasGyro=*/false);
+  ContextManager manager(fake.platform);
+  EXPECT_EQ(manager.isSupported(), ContextManagerIsSupported::kUnsupported);
+  EXPECT_FALSE(manager.accelerometerSensor().isSampling());
+
+  FakePlatform imposed;
+  ContextManager forced(imposed.platform, ContextManagerIsSupported::kUnsupported);
+  EXPECT_EQ(forced.isSupported(), ContextManagerIsSupported::kUnsupported);
+}
+
+TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
+  FakePlatform fake;
+  ContextManager manager(fake.platform);
+  const std::string firstSession = manager.currentSessionId();
+  AccelerometerSensor& sensor = manager.accelerometerSensor();
+  EXPECT_TRUE(sensor.isSampling());  // instant context keeps sampling in the foreground
+
+  // A become-active while already active does only the first-start part.
+  fake.application->becomeActive();
+  EXPECT_TRUE(manager.isFirstStart()) << "handlers must wait for the main queue";
+  fake.drain();
+  EXPECT_FALSE(manager.isFirstStart());
+  EXPECT_EQ(manager.currentSessionId(), firstSession);
+  EXPECT_EQ(manager.numberOfAppLaunches(), 1);
+  EXPECT_EQ(manager.periodicContextEvaluator().activations(), 1);
+  EXPECT_EQ(triggers(manager).size(), 3u);  // creation + first-start pair
+
+  fake.clock->advance(12.4);
+  fake.application->resignActive();
+  fake.drain();
+  EXPECT_FALSE(manager.isActive());
+  EXPECT_FALSE(sensor.isSampling());
+  EXPECT_FALSE(sensor.isAppInForeground());
+  EXPECT_EQ(manager.periodicContextEvaluator().resignations(), 1);
+  const std::string backgroundSession = manager.currentSessionId();
+  EXPECT_NE(backgroundSession, firstSession);
+  EXPECT_EQ(manager.appLaunchReasonSignalsGenerator().lastResignDate(),
+            Date{fake.clock->now()});
+
+  fake.application->resignActive();  // a second resign changes nothing
+  fake.drain();
+  EXPECT_EQ(manager.currentSessionId(), backgroundSession);
+
+  fake.clock->advance(100);
+  fake.application->becomeActive();
+  fake.drain();
+  EXPECT_TRUE(manager.isActive());
+  EXPECT_TRUE(sensor.isSampling());
+  EXPECT_NE(manager.currentSessionId(), backgroundSession);
+  EXPECT_EQ(manager.currentSessionStarted(), Date{fake.clock->now()});
+  EXPECT_EQ(manager.numberOfAppLaunches(), 2);
+  EXPECT_EQ(manager.periodicContextEvaluator().activations(), 2);
+  EXPECT_EQ(manager.appLaunchReasonSignalsGenerator().currentAppLaunchReason(), 1);
+  EXPECT_EQ(triggers(manager).size(), 4u);  // no first-start pair the second time
+
+  fake.clock->advance(12.6);
+  fake.application->resignActive();
+  fake.drain();
+  auto seconds = manager.userDefaultsProvider()->dictionary("app_seconds");
+  ASSERT_TRUE(seconds);
+  ASSERT_EQ(seconds->size(), 1u);
+  EXPECT_EQ(*seconds->begin()->second.asArray(), (PlistArray{int64_t{12}, int64_t{13}}));
+}
+
+TEST(ContextManagerTest, ManagerStopsListeningWhenDestroyed) {
+  FakePlatform fake;
+  { ContextManager manager(fake.platform); }
+  fake.application->resignActive();
+  fake.application->becomeActive();
+  EXPECT_EQ(fake.drain(), 0u);
+}
+
+TEST(ContextManagerTest, InstallationIdentitySurvivesRestartsWhenTheSuiteIsAvailable) {
+  FakePlatform fake;
+  std::string first;
+  {
+    ContextManager manager(fake.platform);
+    first = manager.installationUUID();
+    EXPECT_EQ(manager.installationUUID(), first);
+    EXPECT_EQ(manager.userDefaultsProvider()->string("orvane_installation_uuid"), first);
+  }
+  ContextManager restarted(fake.platform);
+  EXPECT_EQ(restarted.installationUUID(), first);
+  EXPECT_EQ(fake.log->count("[Orvane] Failed to get Installation UUID"), 0u);
+}
+
+TEST(ContextManagerTest, InstallationIdentityWithoutSuiteIsPerProcessAndLogged) {
+  FakePlatform fake;
+  fake.platform.keyValueStores = testing::makeUnavailableKeyValueStoreProvider();
+  ContextManager a(fake.platform);
+  ContextManager b(fake.platform);
+  const std::string idA = a.installationUUID();
+  EXPECT_EQ(a.installationUUID(), idA);  // cached for the process
+  EXPECT_NE(b.installationUUID(), idA);
+  EXPECT_EQ(fake.log->count("[Orvane] Failed to get Installation UUID"), 2u);
+  EXPECT_EQ(a.numberOfAppLaunches(), 0);  // nothing can be recorded
+}
+
+TEST(ContextManagerTest, DecisionSwitchesEmptyTheModelCache) {
+  FakePlatform fake;
+  ContextManager manager(fake.platform);
+  CoreMLModelManager& models = manager.coreMLModelManager();
+  auto fillCache = [&] {
+    models.modelInfoCache().withLock(
+        [](CoreMLModelManager::ModelInfoCache& cache) { cache["home"] = nullptr; });
+  };
+  auto cacheSize = [&] {
+    return models.modelInfoCache().withLock(
+        [](CoreMLModelManager::ModelInfoCache& cache) { return cache.size(); });
+  };
+  fillCache();
+  manager.setDecisionsSwitch(false);  // setControlMode(enabled: true)
+  EXPECT_FALSE(models.decisionsEnabled());
+  EXPECT_EQ(cacheSize(), 0u);
+  fillCache();
+  manager.setDecisionsSwitch(true);
+  EXPECT_TRUE(models.decisionsEnabled());
+  EXPECT_EQ(cacheSize(), 0u);
+}
+
+TEST(ContextManagerTest, GlobalCustomSignalsReplaceInPlaceAndRemoveById) {
+  FakePlatform fake;
+  ContextManager manager(fake.platform);
+  manager.storeGlobalCustomSignal(CustomSignalInt("a", 1));
+  manager.storeGlobalCustomSignal(CustomSignalBool("b", true));
+  manager.storeGlobalCustomSignal(CustomSignalInt("a", 2));
+  EXPECT_EQ(manager.globalCustomSignals(),
+            (CustomSignalList{CustomSignalInt("a", 2), CustomSignalBool("b", true)}));
+  manager.removeGlobalCustomSignals("a");
+  manager.storeGlobalCustomSignal(CustomSignalString("a", "again"));
+  EXPECT_EQ(manager.globalCustomSignals(),
+            (CustomSignalList{CustomSignalBool("b", true), CustomSignalString("a", "again")}));
+}
+
+// The static surface acts on the one shared manager; install fakes before its first use.
+TEST(ContextManagerStaticTest, StaticOperationsReachTheSharedManager) {
+  static FakePlatform* fake = new FakePlatform();  // lives as long as the shared manager
+  ASSERT_TRUE(ContextManager::installDefaultPlatform(fake->platform));
+  EXPECT_TRUE(ContextManager::setup("STATIC-KEY"));
+  EXPECT_FALSE(ContextManager::installDefaultPlatform(fake->platform));
+  ContextManager& shared = ContextManager::shared();
+  EXPECT_EQ(&shared, &ContextManager::shared());
+  EXPECT_EQ(shared.licenseKey(), "STATIC-KEY");
+  EXPECT_EQ(ContextManager::sdkVersion(), "5.13.0");
+
+  ContextManager::setGlobalCustomSignal("n", 1);
+  ContextManager::setGlobalCustomSignal("f", 0.5);
+  ContextManager::setGlobalCustomSignal("s", "text");
+  ContextManager::setGlobalCustomSignal("d", *Decimal::parse("1.25"));
+  ContextManager::setGlobalCustomSignal("n", std::optional<std::string>());
+  EXPECT_EQ(shared.globalCustomSignals(),
+            (CustomSignalList{CustomSignalFloat("f", 0.5f), CustomSignalString("s", "text"),
+                              CustomSignalDecimal("d", *Decimal::parse("1.25"))}));
+
+  ContextManager::setControlMode(true);
+  EXPECT_FALSE(shared.coreMLModelManager().decisionsEnabled());
+  ContextManager::setDecisionsEnabled(true);
+  EXPECT_TRUE(shared.coreMLModelManager().decisionsEnabled());
+
+  int sent = 0;
+  ContextManager::setLogSender([&](std::shared_ptr<Log>) { ++sent; });
+  shared.sendLog(nullptr);
+  EXPECT_EQ(sent, 1);
+  ContextManager::setLogSender(nullptr);
+}
+
+}  // namespace
+}  // namespace orvane
