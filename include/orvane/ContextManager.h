@@ -28,6 +28,7 @@ class AppLaunchSignalsGenerator;
 class AppLaunchReasonSignalsGenerator;
 class UserDefaultsProvider;
 class DateProvider;
+class LogEncoder;
 
 // Where finished logs go. The default hands them to the upload queue.
 using LogSender = std::function<void(std::shared_ptr<Log>)>;
@@ -115,6 +116,10 @@ class ContextManager {
   const Platform& platform() const { return platform_; }
   Configuration configuration() const;
   std::optional<std::string> licenseKey() const;
+  // The first 16 UTF-16 code units of the app key; none before setup or for a short key.
+  std::optional<std::string> logEncryptionKey() const;
+  // A handle that expires when this manager is destroyed; logs hold it.
+  std::weak_ptr<ContextManager> weakHandle() const { return selfHandle_; }
   HostPlatform currentPlatform() const;
   void setCurrentPlatform(HostPlatform platform);
   Date initializationDate() const { return initializationDate_; }
@@ -135,6 +140,7 @@ class ContextManager {
   AppLaunchSignalsGenerator& appLaunchSignalsGenerator() { return *appLaunchSignals_; }
   AppLaunchReasonSignalsGenerator& appLaunchReasonSignalsGenerator() { return *launchReason_; }
   OrvaneLogSender& orvaneLogSender();
+  LogEncoder& logEncoder();
   OrvaneErrorReporting& orvaneErrorReporting();
   CoreMLModelManager& coreMLModelManager();
   PeriodicContextEvaluator& periodicContextEvaluator();
@@ -152,6 +158,8 @@ class ContextManager {
   void triggerBothUploadQueues();
 
   Platform platform_;
+  // Owns nothing (no-op deleter); only its expiry matters.
+  std::shared_ptr<ContextManager> selfHandle_;
   std::shared_ptr<UserDefaultsProvider> defaults_;
   std::shared_ptr<DateProvider> dateProvider_;
   const Date initializationDate_;
@@ -166,6 +174,7 @@ class ContextManager {
   mutable std::mutex stateMutex_;
   Configuration configuration_;
   std::optional<std::string> licenseKey_;
+  std::optional<std::string> logEncryptionKey_;
   HostPlatform currentPlatform_ = HostPlatform::kNative;
   LogSender currentLogSender_;
   std::optional<std::string> installationUUID_;
@@ -179,6 +188,7 @@ class ContextManager {
   CustomSignalList globalCustomSignals_;
 
   Lazy<OrvaneLogSender> logSender_;
+  Lazy<LogEncoder> logEncoder_;
   Lazy<OrvaneErrorReporting> errorReporting_;
   Lazy<CoreMLModelManager> modelManager_;
   Lazy<PeriodicContextEvaluator> periodicEvaluator_;

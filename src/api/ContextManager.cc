@@ -4,8 +4,11 @@
 #include <exception>
 
 #include "api/PeriodicContextEvaluator.h"
+#include "orvane/Log.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
+#include "logging/AES.h"
+#include "logging/LogEncoder.h"
 #include "logging/OrvaneErrorReporting.h"
 #include "logging/OrvaneLogSender.h"
 #include "models/CoreMLModelManager.h"
@@ -66,6 +69,7 @@ bool& sharedCreated() {
 ContextManager::ContextManager(Platform platform,
                                std::optional<ContextManagerIsSupported> imposedSupport)
     : platform_(std::move(platform)),
+      selfHandle_(this, [](ContextManager*) {}),
       defaults_(std::make_shared<UserDefaultsProvider>(
           platform_.keyValueStores ? platform_.keyValueStores->openSuite(kDefaultsSuite) : nullptr)),
       dateProvider_(std::make_shared<DefaultDateProvider>(platform_.clock)),
@@ -73,7 +77,9 @@ ContextManager::ContextManager(Platform platform,
       bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
       appLaunchSignals_(std::make_unique<AppLaunchSignalsGenerator>(dateProvider_, defaults_)),
       launchReason_(std::make_unique<AppLaunchReasonSignalsGenerator>()),
-      currentLogSender_([this](std::shared_ptr<Log> log) { orvaneLogSender().enqueue(std::move(log)); }),
+      currentLogSender_([](std::shared_ptr<Log> log) {
+        if (log) log->send();
+      }),
       currentSessionId_(makeUUIDString(*platform_.random)),
       currentSessionStarted_(initializationDate_) {
   if (imposedSupport) {
@@ -89,6 +95,7 @@ ContextManager::ContextManager(Platform platform,
 }
 
 ContextManager::~ContextManager() {
+  selfHandle_.reset();
   if (observerToken_ != 0 && platform_.application) {
     platform_.application->removeObserver(observerToken_);
   }
@@ -136,6 +143,13 @@ OrvaneErrorReporting& ContextManager::orvaneErrorReporting() {
                 [this] { return std::make_unique<OrvaneErrorReporting>(*this); });
 }
 
+LogEncoder& ContextManager::logEncoder() {
+  return lazily(logEncoder_.once, logEncoder_.value, [this] {
+    return std::make_unique<LogEncoder>(platform_.crypto, platform_.random, platform_.log,
+                                        [this] { return logEncryptionKey(); });
+  });
+}
+
 CoreMLModelManager& ContextManager::coreMLModelManager() {
   return lazily(modelManager_.once, modelManager_.value,
                 [] { return std::make_unique<CoreMLModelManager>(); });
@@ -171,6 +185,7 @@ bool ContextManager::setupWith(const std::string& licenseKey, LogSender logSende
       std::lock_guard<std::mutex> guard(stateMutex_);
       configuration_ = configuration;
       licenseKey_ = licenseKey;
+      logEncryptionKey_ = deriveLogEncryptionKey(licenseKey);
       if (logSender) currentLogSender_ = std::move(logSender);
     }
     launchReason_->setLaunchReason(LaunchReasonHelper::determineLaunchReason(launchOptions));
@@ -302,6 +317,10 @@ Configuration ContextManager::configuration() const {
 std::optional<std::string> ContextManager::licenseKey() const {
   std::lock_guard<std::mutex> guard(stateMutex_);
   return licenseKey_;
+}
+std::optional<std::string> ContextManager::logEncryptionKey() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return logEncryptionKey_;
 }
 HostPlatform ContextManager::currentPlatform() const {
   std::lock_guard<std::mutex> guard(stateMutex_);

@@ -1,5 +1,7 @@
 #include "logging/OrvaneLogSender.h"
 
+#include "orvane/Log.h"
+
 namespace orvane {
 
 void OrvaneLogSender::triggerUpload(UploadQueueKind queue, bool force) {
@@ -7,9 +9,25 @@ void OrvaneLogSender::triggerUpload(UploadQueueKind queue, bool force) {
   triggers_.push_back({queue, force});
 }
 
-void OrvaneLogSender::enqueue(std::shared_ptr<Log> log) {
+void OrvaneLogSender::addToQueue(const Log& log) {
+  PlistDictionary record = log.rawDictionaryWithStaticColumns();
   std::lock_guard<std::mutex> guard(mutex_);
-  queued_.push_back(std::move(log));
+  main_.push_back(std::move(record));
+}
+
+void OrvaneLogSender::addToUnloggedQueue(const Log& log) {
+  PlistDictionary record = log.rawDictionaryWithStaticColumns();
+  std::lock_guard<std::mutex> guard(mutex_);
+  unlogged_.push_back(std::move(record));
+}
+
+void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUID) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  removed_.push_back(contextUUID);
+  std::erase_if(unlogged_, [&](const PlistDictionary& record) {
+    auto it = record.find("ctx_29");
+    return it != record.end() && it->second.asString() && *it->second.asString() == contextUUID;
+  });
 }
 
 std::vector<OrvaneLogSender::TriggerRequest> OrvaneLogSender::triggerHistory() const {
@@ -17,9 +35,19 @@ std::vector<OrvaneLogSender::TriggerRequest> OrvaneLogSender::triggerHistory() c
   return triggers_;
 }
 
-size_t OrvaneLogSender::queuedLogCount() const {
+std::vector<PlistDictionary> OrvaneLogSender::mainQueue() const {
   std::lock_guard<std::mutex> guard(mutex_);
-  return queued_.size();
+  return main_;
+}
+
+std::vector<PlistDictionary> OrvaneLogSender::unloggedQueue() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return unlogged_;
+}
+
+std::vector<std::string> OrvaneLogSender::removedContextUUIDs() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return removed_;
 }
 
 }  // namespace orvane

@@ -1,12 +1,15 @@
 // File: OrvaneLogSender.h
 // The upload queues: the main queue of finished logs and the queue of contexts that were
-// never logged. This is the entry surface the manager and the logs use; persistence and
-// upload live behind it.
+// never logged. This is the surface the manager and the logs use; persistence and upload
+// live behind it.
 #pragma once
 
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
+
+#include "orvane/PlistValue.h"
 
 namespace orvane {
 
@@ -23,17 +26,23 @@ class OrvaneLogSender {
 
   // Asks for an upload of one queue; `force` sends even below the batch size.
   void triggerUpload(UploadQueueKind queue, bool force);
-  // Takes a finished log into the main queue.
-  void enqueue(std::shared_ptr<Log> log);
+  // The queues keep the log's flat form, never the log object.
+  void addToQueue(const Log& log);
+  void addToUnloggedQueue(const Log& log);
+  void removeUnloggedEventFromQueue(const std::string& contextUUID);
 
-  // What was asked of the queue so far, oldest first (diagnostics and tests).
+  // What was asked of the queues so far, oldest first (diagnostics and tests).
   std::vector<TriggerRequest> triggerHistory() const;
-  size_t queuedLogCount() const;
+  std::vector<PlistDictionary> mainQueue() const;
+  std::vector<PlistDictionary> unloggedQueue() const;
+  std::vector<std::string> removedContextUUIDs() const;
 
  private:
   mutable std::mutex mutex_;
   std::vector<TriggerRequest> triggers_;
-  std::vector<std::shared_ptr<Log>> queued_;
+  std::vector<PlistDictionary> main_;
+  std::vector<PlistDictionary> unlogged_;
+  std::vector<std::string> removed_;
 };
 
 }  // namespace orvane

@@ -82,7 +82,7 @@ TEST(ContextManagerTest, CreationStartsASessionAndSetupTakesTheHostsChoices) {
                                    {UploadQueueKind::kMain, true}}));
   manager.sendLog(nullptr);
   EXPECT_EQ(received.size(), 1u);
-  EXPECT_EQ(manager.orvaneLogSender().queuedLogCount(), 0u);
+  EXPECT_TRUE(manager.orvaneLogSender().mainQueue().empty());
 }
 
 TEST(ContextManagerTest, DeviceWithoutGyroscopeIsUnsupported) {

@@ -1,0 +1,19 @@
+// File: Compression.h
+// Raw DEFLATE (RFC 1951: no zlib header, no checksum), the form the encoded log uses.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "orvane/PlistValue.h"
+#include "util/Result.h"
+
+namespace orvane {
+
+inline constexpr const char* kCompressionErrorDomain = "Compression";
+
+Result<Bytes> deflateRaw(std::span<const uint8_t> input);
+// Fails on malformed or truncated input and when the output would exceed `maxOutput` bytes.
+Result<Bytes> inflateRaw(std::span<const uint8_t> input, size_t maxOutput = 64 * 1024 * 1024);
+
+}  // namespace orvane
