@@ -11,6 +11,7 @@
 #include "orvane/platform/Crypto.h"
 #include "orvane/platform/Executors.h"
 #include "orvane/platform/FileSystem.h"
+#include "orvane/platform/HttpTransport.h"
 #include "orvane/platform/KeyValueStore.h"
 #include "orvane/platform/MotionService.h"
 #include "orvane/platform/RandomSource.h"
@@ -26,6 +27,7 @@ struct Platform {
   std::shared_ptr<SystemLog> log;
   std::shared_ptr<Executors> executors;
   std::shared_ptr<Crypto> crypto;
+  std::shared_ptr<HttpTransport> http;
   std::shared_ptr<ApplicationService> application;
   std::shared_ptr<MotionService> motion;
   BundleInfo bundle;

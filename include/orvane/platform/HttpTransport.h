@@ -1,0 +1,55 @@
+// File: HttpTransport.h
+// HTTP for uploads, error reports and model downloads. Completions run on the transport's
+// own threads; a failure carries a platform error (URL-loading domain codes -1001 time-out,
+// -1003 host not found, -1004 cannot connect, -1005 connection lost; POSIX domain for
+// system errors, numbered as on mobile platforms) so callers can tell transient failures.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "orvane/PlistValue.h"
+#include "orvane/PlatformError.h"
+
+namespace orvane {
+
+struct HttpRequest {
+  std::string url;
+  std::string method = "POST";
+  std::vector<std::pair<std::string, std::string>> headers;
+  Bytes body;
+  double timeoutSeconds = 60;
+};
+
+struct HttpResponse {
+  int statusCode = 0;
+  std::vector<std::pair<std::string, std::string>> headers;
+  Bytes body;
+};
+
+// Exactly one of response and error is set.
+using HttpCompletion =
+    std::function<void(std::optional<HttpResponse> response, std::optional<PlatformError> error)>;
+// On success `temporaryFile` names the downloaded file, which the callee must move away
+// before returning; the transport removes it afterwards.
+using DownloadCompletion = std::function<void(std::optional<std::string> temporaryFile,
+                                              std::optional<HttpResponse> response,
+                                              std::optional<PlatformError> error)>;
+
+class HttpTransport {
+ public:
+  virtual ~HttpTransport() = default;
+  virtual void send(HttpRequest request, HttpCompletion completion) = 0;
+  // GET of `url` into a temporary file in `temporaryDirectory`.
+  virtual void download(std::string url, std::string temporaryDirectory, double timeoutSeconds,
+                        DownloadCompletion completion) = 0;
+};
+
+// libcurl on a small pool of worker threads.
+std::shared_ptr<HttpTransport> makeCurlHttpTransport(size_t workers = 2);
+
+}  // namespace orvane
