@@ -249,7 +249,7 @@ class Reader {
       if (!item) return std::nullopt;
       array.push_back(std::move(*item));
     }
-    return PlistValue(std::move(array));
+    return std::optional<PlistValue>(std::in_place, std::move(array));
   }
 
   std::optional<PlistValue> dictionary(int nesting) {
@@ -266,7 +266,7 @@ class Reader {
       if (!item) return std::nullopt;
       dictionary.emplace_hint(dictionary.end(), std::move(*key), std::move(*item));
     }
-    return PlistValue(std::move(dictionary));
+    return std::optional<PlistValue>(std::in_place, std::move(dictionary));
   }
 
   std::span<const uint8_t> in_;
