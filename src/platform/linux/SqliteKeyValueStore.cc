@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <thread>
 #include <unordered_set>
 #include <utility>
@@ -379,7 +380,13 @@ class SqliteKeyValueStoreProvider final : public KeyValueStoreProvider {
 
   std::shared_ptr<KeyValueStore> openSuite(std::string_view suiteName) override {
     std::vector<std::string> problems;
-    std::shared_ptr<KeyValueStore> store = openLocked(suiteName, problems);
+    std::shared_ptr<KeyValueStore> store;
+    try {
+      store = openLocked(suiteName, problems);
+    } catch (const std::exception& e) {
+      // Out of memory or out of threads: callers were promised null, not an exception.
+      problems.push_back("suite " + inQuotes(suiteName) + ": " + e.what());
+    }
     // Reported after the provider lock is released, so a sink may call back in.
     if (sink_) {
       for (const std::string& problem : problems) sink_(problem);
