@@ -1,0 +1,318 @@
+#include "orvane/platform/KeyValueStore.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "platform/PlistCodec.h"
+#include "platform/PlistSamples.h"
+#include "platform/linux/SqliteKeyValueStore.h"
+
+namespace orvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::nestedArrays;
+using testing::samplePlistValues;
+
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "orvane-kv-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+  }
+  ~TemporaryDirectory() { fs::remove_all(path_); }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+// Collects reports from whichever thread makes them.
+struct ErrorLog {
+  KeyValueStoreErrorSink sink() {
+    return [this](std::string_view message) {
+      std::lock_guard<std::mutex> guard(mutex);
+      messages.emplace_back(message);
+    };
+  }
+  bool mentions(std::string_view text) {
+    std::lock_guard<std::mutex> guard(mutex);
+    return std::any_of(messages.begin(), messages.end(),
+                       [&](const std::string& m) { return m.find(text) != std::string::npos; });
+  }
+  std::mutex mutex;
+  std::vector<std::string> messages;
+};
+
+// One statement on the suite's file through a connection of its own, as another process would
+// run it; `blob` binds to ?1. Answers the first column of the first row, 0 without one, -1 on
+// error.
+int64_t runSql(const fs::path& file, const std::string& sql, const Bytes& blob = {}) {
+  sqlite3* db = nullptr;
+  sqlite3_stmt* statement = nullptr;
+  int64_t result = -1;
+  if (sqlite3_open(file.c_str(), &db) == SQLITE_OK &&
+      sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK) {
+    if (!blob.empty()) sqlite3_bind_blob(statement, 1, blob.data(), int(blob.size()), nullptr);
+    const int rc = sqlite3_step(statement);
+    result = rc == SQLITE_ROW ? sqlite3_column_int64(statement, 0) : rc == SQLITE_DONE ? 0 : -1;
+  }
+  sqlite3_finalize(statement);
+  sqlite3_close(db);
+  return result;
+}
+
+std::vector<std::string> sorted(std::vector<std::string> v) {
+  std::sort(v.begin(), v.end());
+  return v;
+}
+
+// What every provider promises.
+struct ProviderCase {
+  const char* name;
+  std::function<std::shared_ptr<KeyValueStoreProvider>(const fs::path& directory)> make;
+};
+void PrintTo(const ProviderCase& c, std::ostream* os) { *os << c.name; }
+
+class KeyValueStoreContract : public ::testing::TestWithParam<ProviderCase> {
+ protected:
+  void SetUp() override {
+    provider_ = GetParam().make(directory_.path());
+    store_ = provider_->openSuite("contract");
+    ASSERT_NE(store_, nullptr);
+  }
+
+  TemporaryDirectory directory_;
+  std::shared_ptr<KeyValueStoreProvider> provider_;
+  std::shared_ptr<KeyValueStore> store_;
+};
+
+TEST_P(KeyValueStoreContract, RoundTripsEveryValueType) {
+  const auto samples = samplePlistValues();
+  for (const auto& [key, value] : samples) store_->set(key, value);
+  for (const auto& [key, value] : samples) {
+    // Variant equality also tells float from double and Decimal from either.
+    EXPECT_EQ(store_->get(key), value) << key;
+  }
+  EXPECT_TRUE(store_->synchronize());
+}
+
+TEST_P(KeyValueStoreContract, OverwriteRemoveAndKeys) {
+  store_->set("a", int64_t{1});
+  store_->set("b", "two");
+  store_->set("c", true);
+  store_->set("a", PlistArray{"now", "an", "array"});
+  store_->remove("b");
+  store_->remove("never set");
+  EXPECT_EQ(store_->get("a"), PlistValue(PlistArray{"now", "an", "array"}));
+  EXPECT_FALSE(store_->get("b").has_value());
+  EXPECT_EQ(sorted(store_->keys()), (std::vector<std::string>{"a", "c"}));
+}
+
+TEST_P(KeyValueStoreContract, SuitesAreSharedByNameAndIndependentOtherwise) {
+  auto other = provider_->openSuite("other");
+  ASSERT_NE(other, nullptr);
+  EXPECT_EQ(provider_->openSuite("contract"), store_);
+  EXPECT_NE(other, store_);
+  store_->set("shared", int64_t{1});
+  other->set("shared", int64_t{2});
+  other->set("only in other", true);
+  EXPECT_EQ(store_->get("shared"), PlistValue(int64_t{1}));
+  EXPECT_EQ(store_->keys(), std::vector<std::string>{"shared"});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Providers, KeyValueStoreContract,
+    ::testing::Values(ProviderCase{"InMemory",
+                                   [](const fs::path&) {
+                                     return makeInMemoryKeyValueStoreProvider();
+                                   }},
+                      // "suites" does not exist yet: opening has to create it.
+                      ProviderCase{"Sqlite",
+                                   [](const fs::path& directory) {
+                                     return makeSqliteKeyValueStoreProvider(
+                                         (directory / "suites").string(), nullptr);
+                                   }}),
+    [](const ::testing::TestParamInfo<ProviderCase>& info) { return info.param.name; });
+
+// What only a store on disk can get wrong.
+class SqliteKeyValueStoreTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<KeyValueStore> open(const std::string& suite = "suite") {
+    return makeSqliteKeyValueStoreProvider(directory_.path().string(), errors_.sink())
+        ->openSuite(suite);
+  }
+  fs::path file() const { return directory_.path() / "suite.sqlite"; }
+
+  TemporaryDirectory directory_;
+  ErrorLog errors_;
+};
+
+TEST_F(SqliteKeyValueStoreTest, ValuesSurviveReopening) {
+  const auto samples = samplePlistValues();
+  {
+    auto store = open();
+    ASSERT_NE(store, nullptr);
+    for (const auto& [key, value] : samples) store->set(key, value);
+    ASSERT_TRUE(store->synchronize());
+    // Not synchronized: closing the store still lands these, in order.
+    store->set("overwritten", "first");
+    store->set("removed", "soon gone");
+    store->set("overwritten", Date{12.5});
+    store->remove("removed");
+  }
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  for (const auto& [key, value] : samples) EXPECT_EQ(store->get(key), value) << key;
+  EXPECT_EQ(store->get("overwritten"), PlistValue(Date{12.5}));
+  EXPECT_EQ(store->keys().size(), samples.size() + 1);
+  EXPECT_EQ(errors_.messages, std::vector<std::string>{});
+}
+
+TEST_F(SqliteKeyValueStoreTest, SynchronizedWritesSurviveSigkill) {
+  constexpr int kKeys = 100;
+  const pid_t child = fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    // No gtest assertions in the child: it answers through how it ends.
+    auto store =
+        makeSqliteKeyValueStoreProvider(directory_.path().string(), nullptr)->openSuite("suite");
+    if (!store) _exit(2);
+    for (int i = 0; i < kKeys; ++i) store->set(std::to_string(i), Bytes(4096, uint8_t(i)));
+    if (!store->synchronize()) _exit(3);
+    raise(SIGKILL);
+    _exit(4);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+      << "child exited with " << (WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  for (int i = 0; i < kKeys; ++i) {
+    EXPECT_EQ(store->get(std::to_string(i)), PlistValue(Bytes(4096, uint8_t(i)))) << i;
+  }
+}
+
+TEST_F(SqliteKeyValueStoreTest, UnreadableRowsReadAsAbsentAndAreReported) {
+  {
+    auto store = open();
+    ASSERT_NE(store, nullptr);
+    store->set("good", "value");
+    ASSERT_TRUE(store->synchronize());
+  }
+  Bytes truncated = *encodePlistValue(PlistValue("a string cut short"));
+  truncated.resize(truncated.size() - 3);
+  ASSERT_EQ(runSql(file(), "INSERT INTO entries VALUES ('truncated', ?1)", truncated), 0);
+  ASSERT_EQ(runSql(file(), "INSERT INTO entries VALUES ('garbage', ?1)", {0xDE, 0xAD, 0xFF}), 0);
+
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  EXPECT_EQ(store->get("good"), PlistValue("value"));
+  EXPECT_EQ(store->keys(), std::vector<std::string>{"good"});
+  EXPECT_TRUE(errors_.mentions("\"garbage\""));
+  EXPECT_TRUE(errors_.mentions("\"truncated\""));
+
+  // Removing a key that exists only as a damaged row clears it from disk.
+  store->remove("garbage");
+  ASSERT_TRUE(store->synchronize());
+  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM entries WHERE key = 'garbage'"), 0);
+  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM entries WHERE key = 'truncated'"), 1);
+}
+
+TEST_F(SqliteKeyValueStoreTest, UnopenableSuitesGiveNull) {
+  const fs::path regularFile = directory_.path() / "a-file";
+  std::ofstream(regularFile) << "not a directory";
+  std::ofstream(directory_.path() / "notadb.sqlite") << std::string(8192, 'x');
+  const struct {
+    fs::path directory;
+    std::string suite;
+  } cases[] = {
+      {regularFile / "sub", "suite"},
+      {directory_.path(), "notadb"},
+      {directory_.path() / "inner", "../escape"},
+      {directory_.path(), ""},
+  };
+  for (const auto& c : cases) {
+    ErrorLog errors;
+    auto provider = makeSqliteKeyValueStoreProvider(c.directory.string(), errors.sink());
+    EXPECT_EQ(provider->openSuite(c.suite), nullptr) << c.directory << " " << c.suite;
+    EXPECT_EQ(errors.messages.size(), 1u) << c.directory << " " << c.suite;
+  }
+  EXPECT_FALSE(fs::exists(directory_.path() / "escape.sqlite"));
+}
+
+TEST_F(SqliteKeyValueStoreTest, SynchronizeReportsAFailedCommitAndRetriesLater) {
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  ASSERT_EQ(runSql(file(), "DROP TABLE entries"), 0);
+  store->set("first", int64_t{1});
+  store->set("second", int64_t{2});
+  EXPECT_FALSE(store->synchronize());
+  EXPECT_TRUE(errors_.mentions("could not commit"));
+  EXPECT_EQ(store->get("second"), PlistValue(int64_t{2}));
+
+  ASSERT_EQ(runSql(file(), "CREATE TABLE entries (key TEXT PRIMARY KEY, value BLOB)"), 0);
+  EXPECT_TRUE(store->synchronize());
+  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM entries"), 2);
+}
+
+TEST_F(SqliteKeyValueStoreTest, TooDeepAValueFailsSynchronizeUntilTheKeyIsRewritten) {
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  const std::string countDeep = "SELECT COUNT(*) FROM entries WHERE key = 'deep'";
+  store->set("deep", "shallow for now");
+  ASSERT_TRUE(store->synchronize());
+  store->set("deep", nestedArrays(kPlistCodecMaxNesting + 1));
+  EXPECT_FALSE(store->synchronize());
+  // The older row goes rather than coming back on the next open.
+  EXPECT_EQ(runSql(file(), countDeep), 0);
+  EXPECT_TRUE(errors_.mentions("\"deep\""));
+  store->set("other", true);
+  EXPECT_FALSE(store->synchronize());
+  store->set("deep", int64_t{3});
+  EXPECT_TRUE(store->synchronize());
+  EXPECT_EQ(runSql(file(), countDeep), 1);
+}
+
+TEST_F(SqliteKeyValueStoreTest, ConcurrentWritersAllLand) {
+  constexpr int kThreads = 4;
+  {
+    auto store = open();
+    ASSERT_NE(store, nullptr);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < 250; ++i) {
+          store->set(std::to_string(t * 100 + i % 50), int64_t{i});
+          if (i % 40 == 0) {
+            EXPECT_TRUE(store->synchronize());
+          }
+        }
+      });
+    }
+    for (auto& thread : threads) thread.join();
+  }
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  ASSERT_EQ(store->keys().size(), size_t{kThreads * 50});
+  for (int t = 0; t < kThreads; ++t) {
+    // Each key's last write was i = 200 + k.
+    for (int k = 0; k < 50; ++k) EXPECT_EQ(store->get(std::to_string(t * 100 + k)), 200 + k);
+  }
+}
+
+}  // namespace
+}  // namespace orvane
