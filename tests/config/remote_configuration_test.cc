@@ -1,9 +1,11 @@
 #include "config/RemoteConfiguration.h"
 
+#include <atomic>
 #include <bit>
 #include <random>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -218,6 +220,37 @@ TEST_F(RemoteConfigurationTest, QueuedUpdateCompletesAfterTheObjectIsGone) {
   make()->applyConfigurationUpdate(update);
   executors_->runUntilIdle();
   EXPECT_EQ(make()->getConfiguration().errorReportingSampleRate, 0.5f);
+}
+
+TEST_F(RemoteConfigurationTest, ReadersOnOtherThreadsNeverSeeAMixedRecord) {
+  auto config = make();
+  std::atomic<bool> done = false;
+  std::atomic<int> mixed = 0;
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t) {
+    readers.emplace_back([&] {
+      while (!done) {
+        const ConfigurationData seen = config->getConfiguration();
+        // Every update below writes the same number into both fields.
+        const bool defaults = seen.goldenSignalsDurationSeconds == 3 &&
+                              seen.automaticEntryPointPollingIntervalSeconds == 30;
+        if (!defaults &&
+            seen.goldenSignalsDurationSeconds != seen.automaticEntryPointPollingIntervalSeconds) {
+          ++mixed;
+        }
+      }
+    });
+  }
+  for (int64_t n = 100; n < 400; ++n) {
+    ServerConfiguration update;
+    update.goldenSignalsDurationSeconds = n;
+    update.automaticEntryPointPollingIntervalSeconds = n;
+    applyAndDrain(*config, update);
+  }
+  done = true;
+  for (auto& reader : readers) reader.join();
+  EXPECT_EQ(mixed, 0);
+  EXPECT_EQ(config->getConfiguration().goldenSignalsDurationSeconds, 399);
 }
 
 TEST(ConfigurationDataTest, StoredFloatsReadBackBitForBit) {
