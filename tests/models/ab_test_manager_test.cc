@@ -11,17 +11,6 @@ SourcedABTestInformation fromServer(std::string test, std::string cohort) {
   return {{std::move(test), std::move(cohort)}, ABTestInformationSource::kServer};
 }
 
-TEST(ABTestManagerTest, PresetIsCurrentUntilTheServerAssigns) {
-  ABTestManager withPreset(kPreset);
-  EXPECT_EQ(withPreset.getCurrentABTestInformation(),
-            (SourcedABTestInformation{kPreset, ABTestInformationSource::kDefaultConfiguration}));
-  withPreset.setABTestInformation("t", "c");
-  EXPECT_EQ(withPreset.getCurrentABTestInformation(), fromServer("t", "c"));
-
-  ABTestManager withoutPreset;
-  EXPECT_EQ(withoutPreset.getCurrentABTestInformation(), std::nullopt);
-}
-
 TEST(ABTestManagerTest, EachUpdateStatesTheWholeAssignment) {
   const std::map<std::string, ServerAssignmentInfo> flows = {{"home_screen", {"model_b", false}}};
   struct Case {
