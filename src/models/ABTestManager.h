@@ -11,15 +11,9 @@
 #include <string>
 
 #include "config/ServerPayload.h"
+#include "orvane/ABTestInformation.h"
 
 namespace orvane {
-
-struct ABTestInformation {
-  std::string testName;
-  std::string cohortName;
-
-  bool operator==(const ABTestInformation&) const = default;
-};
 
 enum class ABTestInformationSource {
   kDefaultConfiguration,  // preset by the host app
