@@ -29,6 +29,7 @@ class AppLaunchReasonSignalsGenerator;
 class UserDefaultsProvider;
 class DateProvider;
 class LogEncoder;
+class RemoteConfiguration;
 
 // Where finished logs go. The default hands them to the upload queue.
 using LogSender = std::function<void(std::shared_ptr<Log>)>;
@@ -82,6 +83,11 @@ class ContextManager {
                                     const std::optional<std::string>& value) noexcept;
   static void setGlobalCustomSignal(const std::string& id, const char* value) noexcept;
 
+  // ---- The service -------------------------------------------------------------------------
+  // Where uploads, error reports go: scheme and host, e.g. "https://api.example.com" or
+  // "http://127.0.0.1:8080". Defaults to $ORVANE_SERVICE_URL, else the production service.
+  static void setServiceBaseURL(const std::string& baseURL) noexcept;
+
   // ---- The process-wide manager -----------------------------------------------------------
   static ContextManager& shared() noexcept;
   // Chooses the platform `shared()` is created with. False (and nothing changes) once the
@@ -102,6 +108,8 @@ class ContextManager {
                  const Configuration& configuration) noexcept;
   void replaceLogSender(LogSender sender) noexcept;
   void setDecisionsSwitch(bool enabled) noexcept;
+  void setServiceBaseURLValue(const std::string& baseURL) noexcept;
+  std::string serviceBaseURL() const;
   void storeGlobalCustomSignal(const CustomSignal& signal) noexcept;
   void removeGlobalCustomSignals(const std::string& id) noexcept;
   CustomSignalList globalCustomSignals() const;
@@ -143,6 +151,7 @@ class ContextManager {
   LogEncoder& logEncoder();
   OrvaneErrorReporting& orvaneErrorReporting();
   CoreMLModelManager& coreMLModelManager();
+  RemoteConfiguration& remoteConfiguration();
   PeriodicContextEvaluator& periodicContextEvaluator();
   AccelerometerSensor& accelerometerSensor();
 
@@ -175,6 +184,7 @@ class ContextManager {
   Configuration configuration_;
   std::optional<std::string> licenseKey_;
   std::optional<std::string> logEncryptionKey_;
+  std::string serviceBaseURL_;
   HostPlatform currentPlatform_ = HostPlatform::kNative;
   LogSender currentLogSender_;
   std::optional<std::string> installationUUID_;
@@ -191,6 +201,7 @@ class ContextManager {
   Lazy<LogEncoder> logEncoder_;
   Lazy<OrvaneErrorReporting> errorReporting_;
   Lazy<CoreMLModelManager> modelManager_;
+  Lazy<RemoteConfiguration> remoteConfiguration_;
   Lazy<PeriodicContextEvaluator> periodicEvaluator_;
   Lazy<AccelerometerSensor> accelerometerSensor_;
 };

@@ -1,9 +1,11 @@
 #include "orvane/ContextManager.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <exception>
 
 #include "api/PeriodicContextEvaluator.h"
+#include "config/RemoteConfiguration.h"
 #include "orvane/Log.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
@@ -23,6 +25,12 @@ namespace {
 constexpr const char* kSdkVersion = "5.13.0";
 constexpr const char* kDefaultsSuite = "com.orvane.ads";
 constexpr const char* kInstallationUUIDKey = "orvane_installation_uuid";
+constexpr const char* kDefaultServiceBaseURL = "https://api.orvanepellam.com";
+
+std::string initialServiceBaseURL() {
+  const char* fromEnvironment = std::getenv("ORVANE_SERVICE_URL");
+  return fromEnvironment && *fromEnvironment ? fromEnvironment : kDefaultServiceBaseURL;
+}
 constexpr const char* kLateSetupMessage =
     "[Orvane] ContextManager.applicationDidFinishLaunchingWithOptions was not called right after "
     "app start. This can lead to lost events or your custom models not being used. Please make "
@@ -77,6 +85,7 @@ ContextManager::ContextManager(Platform platform,
       bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
       appLaunchSignals_(std::make_unique<AppLaunchSignalsGenerator>(dateProvider_, defaults_)),
       launchReason_(std::make_unique<AppLaunchReasonSignalsGenerator>()),
+      serviceBaseURL_(initialServiceBaseURL()),
       currentLogSender_([](std::shared_ptr<Log> log) {
         if (log) log->send();
       }),
@@ -147,6 +156,14 @@ LogEncoder& ContextManager::logEncoder() {
   return lazily(logEncoder_.once, logEncoder_.value, [this] {
     return std::make_unique<LogEncoder>(platform_.crypto, platform_.random, platform_.log,
                                         [this] { return logEncryptionKey(); });
+  });
+}
+
+RemoteConfiguration& ContextManager::remoteConfiguration() {
+  return lazily(remoteConfiguration_.once, remoteConfiguration_.value, [this] {
+    return std::make_unique<RemoteConfiguration>(
+        defaults_, [this]() -> ErrorReporter& { return orvaneErrorReporting(); },
+        platform_.executors->makeSerialQueue("com.orvane.RemoteConfiguration"));
   });
 }
 
@@ -318,6 +335,22 @@ std::optional<std::string> ContextManager::licenseKey() const {
   std::lock_guard<std::mutex> guard(stateMutex_);
   return licenseKey_;
 }
+void ContextManager::setServiceBaseURLValue(const std::string& baseURL) noexcept {
+  absorbing(platform_, "setServiceBaseURL", [&] {
+    std::string trimmed = baseURL;
+    while (!trimmed.empty() && trimmed.back() == '/') trimmed.pop_back();
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    serviceBaseURL_ = trimmed;
+  });
+}
+std::string ContextManager::serviceBaseURL() const {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  return serviceBaseURL_;
+}
+void ContextManager::setServiceBaseURL(const std::string& baseURL) noexcept {
+  shared().setServiceBaseURLValue(baseURL);
+}
+
 std::optional<std::string> ContextManager::logEncryptionKey() const {
   std::lock_guard<std::mutex> guard(stateMutex_);
   return logEncryptionKey_;

@@ -1,9 +1,16 @@
 // File: OrvaneErrorReporting.h
-// Sends internal failures to the service's error endpoint, when the host allows it. Until
-// the transport is in place a report is written to the system log at debug level.
+// Sends internal failures to the service's error endpoint: one request per report, from one
+// serial queue, never retried. The host's switch turns it off; a per-installation draw
+// against the remotely configured sampling rate thins it out; transient network failures are
+// never sent.
 #pragma once
 
+#include <memory>
+#include <string>
+
 #include "logging/ErrorReporter.h"
+#include "util/Result.h"
+#include "orvane/platform/Executors.h"
 
 namespace orvane {
 
@@ -11,15 +18,29 @@ class ContextManager;
 
 class OrvaneErrorReporting : public ErrorReporter {
  public:
-  explicit OrvaneErrorReporting(ContextManager& owner) : owner_(owner) {}
+  static constexpr const char* kPath = "/v2/error-reporting";
+
+  explicit OrvaneErrorReporting(ContextManager& owner);
 
   using ErrorReporter::reportError;
+  // Returns at once; the request is built and sent on the reporting queue.
   void reportError(std::string_view message, const std::optional<PlatformError>& error,
                    bool usingDefaultConfiguration,
                    const std::optional<PlistDictionary>& additionalData) override;
 
+  bool shouldReportError(bool usingDefaultConfiguration);
+  static bool shouldSkipError(const std::optional<PlatformError>& error);
+
+  // The request body, or the encoding failure.
+  Result<std::string> requestBody(std::string_view message, const std::optional<PlatformError>& error,
+                                  const std::optional<PlistDictionary>& additionalData);
+
  private:
+  void send(std::string message, std::optional<PlatformError> error,
+            std::optional<PlistDictionary> additionalData);
+
   ContextManager& owner_;  // not owned; the manager outlives its components
+  std::shared_ptr<SerialQueue> reportingOperationQueue_;
 };
 
 }  // namespace orvane

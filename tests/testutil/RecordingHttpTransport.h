@@ -1,0 +1,65 @@
+// File: RecordingHttpTransport.h
+// An HTTP transport that records requests and answers them from a script, at once on the
+// caller's thread.
+#pragma once
+
+#include <deque>
+#include <mutex>
+#include <vector>
+
+#include "orvane/platform/HttpTransport.h"
+
+namespace orvane::testing {
+
+class RecordingHttpTransport : public HttpTransport {
+ public:
+  struct Answer {
+    std::optional<HttpResponse> response;
+    std::optional<PlatformError> error;
+  };
+
+  void send(HttpRequest request, HttpCompletion completion) override {
+    Answer answer = next();
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      requests_.push_back(std::move(request));
+    }
+    completion(answer.response, answer.error);
+  }
+  void download(std::string url, std::string, double, DownloadCompletion completion) override {
+    Answer answer = next();
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      HttpRequest request;
+      request.url = std::move(url);
+      request.method = "GET";
+      requests_.push_back(std::move(request));
+    }
+    completion(std::nullopt, answer.response, answer.error);
+  }
+
+  // Answers for the next requests, in order; afterwards every request gets 200 with no body.
+  void script(std::vector<Answer> answers) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    answers_.assign(answers.begin(), answers.end());
+  }
+  std::vector<HttpRequest> requests() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return requests_;
+  }
+
+ private:
+  Answer next() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (answers_.empty()) return {HttpResponse{200, {}, {}}, std::nullopt};
+    Answer a = answers_.front();
+    answers_.pop_front();
+    return a;
+  }
+
+  mutable std::mutex mutex_;
+  std::deque<Answer> answers_;
+  std::vector<HttpRequest> requests_;
+};
+
+}  // namespace orvane::testing
