@@ -1,18 +1,25 @@
-// orvane-sim: plays a host app against the SDK.
+// orvane-sim: plays a host app against the SDK, and the developer tools around it.
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "LogCommands.h"
 #include "orvane/ContextManager.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"orvane-sim: a host-app simulator for the OrvanePellam SDK"};
+  CLI::App app{"orvane-sim: a host-app simulator and developer tools for the OrvanePellam SDK"};
   std::string key = "ORVANE-SIM-KEY-0123456789ABCDEF";
-  app.add_option("--key", key, "the app key to set up with");
+  app.add_option("--key", key, "the app key to set up with (no subcommand)");
+  int exitCode = 0;
+  orvane::sim::addLogCommands(app, exitCode);
   CLI11_PARSE(app, argc, argv);
 
-  orvane::ContextManager::setup(key);
-  auto& manager = orvane::ContextManager::shared();
-  std::cout << "OrvanePellam SDK " << orvane::ContextManager::sdkVersion() << "\n";
-  std::cout << "installation " << manager.installationUUID() << "\n";
-  return 0;
+  if (app.get_subcommands().empty()) {
+    orvane::ContextManager::setup(key);
+    auto& manager = orvane::ContextManager::shared();
+    std::cout << "OrvanePellam SDK " << orvane::ContextManager::sdkVersion() << "\n";
+    std::cout << "installation " << manager.installationUUID() << "\n";
+    std::cout << "session " << manager.currentSessionId() << "\n";
+    std::cout << "app launches " << manager.numberOfAppLaunches() << "\n";
+  }
+  return exitCode;
 }
