@@ -97,6 +97,10 @@ class ManualExecutors : public Executors, public std::enable_shared_from_this<Ma
     uint64_t sequence;
     double due;
     double interval;  // > 0 for repeating timers
+    // Repeating timers fall due at origin + n * interval; adding the interval run after run
+    // would drift by a rounding error each time and miss the last run of an advance().
+    double origin;
+    uint64_t runs;
     SerialQueue* queue;
     Task task;
     std::shared_ptr<bool> cancelled;

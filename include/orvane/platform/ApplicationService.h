@@ -49,7 +49,10 @@ class ApplicationService {
 
 // The Linux application: the host says when the app becomes active or resigns, and sets the
 // other facts. Notifications are posted to the main queue, as the platform posts them.
-class HostApplicationService : public ApplicationService {
+// Own it through a shared_ptr: a notification still queued when the service goes away then
+// finds it gone instead of touching freed memory.
+class HostApplicationService : public ApplicationService,
+                               public std::enable_shared_from_this<HostApplicationService> {
  public:
   explicit HostApplicationService(std::shared_ptr<SerialQueue> mainQueue,
                                   ApplicationState initialState = ApplicationState::kActive);

@@ -1,0 +1,46 @@
+// The services of a Linux host, wired together. Tests build their own Platform from fakes;
+// this is what an application gets when it does not.
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "orvane/platform/Platform.h"
+
+namespace orvane {
+namespace {
+
+std::optional<std::string> environment(const char* name) {
+  const char* value = std::getenv(name);
+  if (value == nullptr || *value == '\0') return std::nullopt;
+  return std::string(value);
+}
+
+}  // namespace
+
+std::string Platform::defaultDataDirectory() {
+  if (auto dir = environment("ORVANE_DATA_DIR")) return *dir;
+  if (auto dir = environment("XDG_DATA_HOME")) return *dir + "/orvane";
+  if (auto home = environment("HOME")) return *home + "/.local/share/orvane";
+  // No home at all (a bare service account): still somewhere writable.
+  return "/tmp/orvane";
+}
+
+Platform Platform::defaultPlatform() {
+  const std::string dataDirectory = defaultDataDirectory();
+  Platform platform;
+  platform.clock = makeSystemClock();
+  platform.random = makeSystemRandomSource();
+  platform.keyValueStores = makeSqliteKeyValueStoreProvider(dataDirectory + "/defaults");
+  platform.fileSystem = makeLocalFileSystem(dataDirectory);
+  platform.log = makeStderrLog();
+  platform.executors = makeThreadExecutors();
+  platform.crypto = makeOpenSslCrypto();
+  platform.application = std::make_shared<HostApplicationService>(platform.executors->mainQueue(),
+                                                                  ApplicationState::kActive);
+  platform.motion = makeReplayMotionService();
+  platform.bundle.bundleIdentifier = environment("ORVANE_BUNDLE_ID");
+  platform.bundle.sdkResourceDirectory = "";
+  return platform;
+}
+
+}  // namespace orvane
