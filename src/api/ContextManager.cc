@@ -129,7 +129,10 @@ ContextManager& ContextManager::shared() noexcept {
       chosen = std::move(installedPlatform());
       sharedCreated() = true;
     }
-    return new ContextManager(chosen ? std::move(*chosen) : Platform::defaultPlatform());
+    auto* manager = new ContextManager(chosen ? std::move(*chosen) : Platform::defaultPlatform());
+    // Like the platform's defaults store at app termination: what was written reaches disk.
+    std::atexit([] { shared().userDefaultsProvider()->synchronize(); });
+    return manager;
   }();
   return *instance;
 }
@@ -319,6 +322,7 @@ std::string ContextManager::installationUUID() {
     } else {
       installationUUID_ = makeUUIDString(*platform_.random);
       defaults_->set(kInstallationUUIDKey, *installationUUID_);
+      defaults_->synchronize();  // the identity must survive a crash right after it is made
     }
   } else {
     platform_.log->error("[Orvane] Failed to get Installation UUID");

@@ -84,6 +84,8 @@ std::optional<Decimal> Decimal::parse(std::string_view text) {
   int digits = 0;
   bool sawDigit = false;
   bool sawPoint = false;
+  int firstDropped = -1;
+  bool stickyDropped = false;
   for (; i < text.size(); ++i) {
     const char c = text[i];
     if (c == '.') {
@@ -97,8 +99,14 @@ std::optional<Decimal> Decimal::parse(std::string_view text) {
       if (mantissa != 0 || c != '0') ++digits;
       mantissa = mantissa * 10 + static_cast<Mantissa>(c - '0');
       if (sawPoint) --exponent;
-    } else if (!sawPoint) {
-      ++exponent;  // digits past the precision only scale an integer part
+    } else {
+      // Past the precision: remember what rounding needs, and let integer digits scale.
+      if (firstDropped < 0) {
+        firstDropped = c - '0';
+      } else if (c != '0') {
+        stickyDropped = true;
+      }
+      if (!sawPoint) ++exponent;
     }
   }
   if (!sawDigit) return std::nullopt;
@@ -113,6 +121,9 @@ std::optional<Decimal> Decimal::parse(std::string_view text) {
     if (ec != std::errc() || ptr != end) return std::nullopt;
     if (exp > 1000 || exp < -1000) return std::nullopt;
     exponent += exp;
+  }
+  if (firstDropped > 5 || (firstDropped == 5 && (stickyDropped || (mantissa & 1) != 0))) {
+    ++mantissa;  // half to even
   }
   return fromParts(negative, mantissa, exponent);
 }

@@ -154,9 +154,13 @@ TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
 TEST(ContextManagerTest, ManagerStopsListeningWhenDestroyed) {
   FakePlatform fake;
   { ContextManager manager(fake.platform); }
-  fake.application->resignActive();
   fake.application->becomeActive();
-  EXPECT_EQ(fake.drain(), 0u);
+  fake.application->resignActive();
+  fake.drain();
+  // A handler of the destroyed manager would have recorded a launch and a session.
+  UserDefaultsProvider defaults(fake.platform.keyValueStores->openSuite("com.orvane.ads"));
+  EXPECT_EQ(defaults.dictionary("app_launches")->begin()->second.asArray()->size(), 1u);
+  EXPECT_FALSE(defaults.dictionary("app_seconds"));
 }
 
 TEST(ContextManagerTest, InstallationIdentitySurvivesRestartsWhenTheSuiteIsAvailable) {

@@ -79,8 +79,8 @@ TEST_F(LogEncodingTest, TextCustomAndGlobalMembers) {
   EXPECT_EQ(env["cs"], (nlohmann::json{{"plan", 2}, {"inf", "Infinity"}, {"nan", "NaN"},
                                        {"price", "9.99"}}));
   EXPECT_EQ(env["gs"], nlohmann::json::object());
-  // The later value of a repeated column wins; it lands in the group of its own width.
-  EXPECT_FALSE(env.contains("i8"));
+  // Each width has its own map: a repeated column replaces a value only within one map.
+  EXPECT_EQ(group(env, "i8"), hex("000401"));
   EXPECT_EQ(group(env, "i16"), hex("0004012C"));
 
   auto empty = envelope({});
@@ -150,7 +150,8 @@ TEST_F(LogEncodingTest, DecoderRejectsDamagedInputWithClearMessages) {
   const std::string b64 = base64Encode(*encoded);
 
   EXPECT_EQ(decodeEncodedLogBase64(b64, "wrong-key-0123456789", *crypto).error().code >= 5, true);
-  EXPECT_EQ(decodeEncodedLogBase64(b64.substr(0, 20), kAppKey, *crypto).error().code, 12);
+  EXPECT_EQ(decodeEncodedLogBase64(b64.substr(0, 21), kAppKey, *crypto).error().code, 12);
+  EXPECT_EQ(decodeEncodedLogBase64(b64.substr(0, 20), kAppKey, *crypto).error().code, 1);
   Bytes truncated(encoded->begin(), encoded->end() - 3);
   EXPECT_EQ(decodeEncodedLog(truncated, kAppKey, *crypto).error().code, 3);
   Bytes marked = *encoded;

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "logging/LogEncoder.h"
 #include "logging/OrvaneLogSender.h"
 #include "orvane/ContextManager.h"
 #include "orvane/Log.h"

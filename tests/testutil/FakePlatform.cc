@@ -257,7 +257,8 @@ FakePlatform::FakePlatform()
       random(std::make_shared<FakeRandomSource>()),
       log(std::make_shared<CapturingLog>()),
       executors(std::make_shared<ManualExecutors>(clock)) {
-  application = std::make_shared<HostApplicationService>(executors->mainQueue());
+  application = std::make_shared<HostApplicationService>(executors->mainQueue(),
+                                                       ApplicationState::kInactive);
   platform.clock = clock;
   platform.random = random;
   platform.keyValueStores = makeInMemoryKeyValueStoreProvider();

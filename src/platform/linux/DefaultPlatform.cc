@@ -35,8 +35,10 @@ Platform Platform::defaultPlatform() {
   platform.log = makeStderrLog();
   platform.executors = makeThreadExecutors();
   platform.crypto = makeOpenSslCrypto();
+  // The app is still launching: the host's first becomeActive() is its launch activation.
   platform.application = std::make_shared<HostApplicationService>(platform.executors->mainQueue(),
-                                                                  ApplicationState::kActive);
+                                                                  ApplicationState::kInactive);
+  platform.http = makeCurlHttpTransport();
   platform.motion = makeReplayMotionService();
   platform.bundle.bundleIdentifier = environment("ORVANE_BUNDLE_ID");
   platform.bundle.sdkResourceDirectory = "";
