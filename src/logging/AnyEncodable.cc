@@ -56,6 +56,18 @@ void appendJsonNumber(std::string& out, double value) { appendFloating(out, valu
 void appendJsonString(std::string& out, std::string_view text) {
   out.push_back('"');
   for (size_t i = 0; i < text.size();) {
+    // Copy runs of plain ASCII in one go: base64 pieces and ids are all plain.
+    size_t run = i;
+    while (run < text.size()) {
+      const auto u = static_cast<uint8_t>(text[run]);
+      if (u < 0x20 || u >= 0x80 || u == '"' || u == '\\') break;
+      ++run;
+    }
+    if (run > i) {
+      out.append(text.data() + i, run - i);
+      i = run;
+      continue;
+    }
     const char c = text[i];
     switch (c) {
       case '"':

@@ -1,5 +1,8 @@
 #include "orvane/Log.h"
 
+#include <algorithm>
+#include <array>
+
 #include "logging/AnyEncodable.h"
 #include "logging/OrvaneLogSender.h"
 #include "orvane/ContextManager.h"
@@ -12,10 +15,35 @@ PlistValue plistValue(const SignalValue& value) {
   return std::visit([](const auto& v) { return PlistValue(v); }, value);
 }
 
-std::string column(const Signal& signal) { return "ctx_" + std::to_string(signal.id().rawValue()); }
+// Columns come from the signal catalogue, which ends below 1024.
+constexpr size_t kColumnLimit = 1024;
+static_assert(signal_catalogue::kAllIds.back() < kColumnLimit);
 
+struct ColumnKeys {
+  std::array<std::string, kColumnLimit> keys;  // "ctx_<column>"
+  std::array<uint16_t, kColumnLimit> byKey;    // columns in the map's (text) order
+  ColumnKeys() {
+    for (size_t c = 0; c < kColumnLimit; ++c) {
+      keys[c] = "ctx_" + std::to_string(c);
+      byKey[c] = static_cast<uint16_t>(c);
+    }
+    std::sort(byKey.begin(), byKey.end(), [&](uint16_t a, uint16_t b) { return keys[a] < keys[b]; });
+  }
+};
+
+// Built-in signals by column, a later signal of a column replacing an earlier one. The map is
+// filled in key order with end hints, so each insertion costs one comparison.
 void putBuiltInSignals(PlistDictionary& out, const SignalList& signals) {
-  for (const Signal& signal : signals) out.insert_or_assign(column(signal), plistValue(signal.value()));
+  static const ColumnKeys columns;
+  std::array<int32_t, kColumnLimit> latest;
+  latest.fill(-1);
+  for (size_t i = 0; i < signals.size(); ++i) {
+    latest[signals[i].id().rawValue()] = static_cast<int32_t>(i);
+  }
+  for (uint16_t c : columns.byKey) {
+    if (latest[c] < 0) continue;
+    out.insert_or_assign(out.end(), columns.keys[c], plistValue(signals[latest[c]].value()));
+  }
 }
 
 void putLastWins(PlistDictionary& out, const char* prefix, const CustomSignalList& signals) {

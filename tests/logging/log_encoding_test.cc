@@ -172,7 +172,7 @@ TEST(Base64Test, MatchesRfcVectorsAndRejectsNonCanonicalText) {
     EXPECT_EQ(base64Encode(bytes), encoded);
     EXPECT_EQ(base64Decode(encoded), bytes);
   }
-  for (const char* bad : {"Zg=", "Z===", "Zg==Zg==", "Zm9v!", "=Zm9"}) {
+  for (const char* bad : {"Zg=", "Z===", "Zg==Zg==", "Zm9v!", "=Zm9", "Zh==", "Zm9=", "PPPPPPPPPPP="}) {
     EXPECT_FALSE(base64Decode(bad)) << bad;
   }
 }
