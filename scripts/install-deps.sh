@@ -6,6 +6,7 @@ packages=(
   cmake ninja-build g++ clang clang-format clang-tidy pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   libssl-dev libsqlite3-dev zlib1g-dev nlohmann-json3-dev libcli11-dev
+  libprotobuf-dev protobuf-compiler
 )
 
 missing=()
