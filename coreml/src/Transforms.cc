@@ -16,10 +16,11 @@ namespace {
 
 constexpr double kMissing = std::numeric_limits<double>::quiet_NaN();
 
+// Copies, not pointers: the description a step is built from does not outlive the build.
 struct Port {
   uint32_t slot;
   std::string name;
-  const FeatureDescription* description;
+  FeatureDescription description;
 };
 
 struct OneInOneOut {
@@ -33,8 +34,8 @@ Result<OneInOneOut> singleInputOutput(const ModelDescription& d, SlotTable& slot
     return Error(std::string(kind) + " needs exactly one input and one output; it has " +
                  std::to_string(d.inputs.size()) + " and " + std::to_string(d.outputs.size()));
   }
-  return OneInOneOut{Port{slots.slotFor(d.inputs[0].name), d.inputs[0].name, &d.inputs[0]},
-                     Port{slots.slotFor(d.outputs[0].name), d.outputs[0].name, &d.outputs[0]}};
+  return OneInOneOut{Port{slots.slotFor(d.inputs[0].name), d.inputs[0].name, d.inputs[0]},
+                     Port{slots.slotFor(d.outputs[0].name), d.outputs[0].name, d.outputs[0]}};
 }
 
 // A numeric value as an array of doubles (a scalar gives one element).
@@ -123,13 +124,13 @@ Result<EvaluatorPtr> buildOneHot(const spec::OneHotEncoder& spec, const ModelDes
   size_t count = 0;
   if (spec.has_stringcategories()) {
     count = static_cast<size_t>(spec.stringcategories().vector_size());
-    if (io->in.description->type != FeatureType::kString) {
+    if (io->in.description.type != FeatureType::kString) {
       return Error("one-hot input '" + io->in.name + "' must be a string for string categories");
     }
   } else if (spec.has_int64categories()) {
     count = static_cast<size_t>(spec.int64categories().vector_size());
-    if (io->in.description->type != FeatureType::kInt64 &&
-        io->in.description->type != FeatureType::kDouble) {
+    if (io->in.description.type != FeatureType::kInt64 &&
+        io->in.description.type != FeatureType::kDouble) {
       return Error("one-hot input '" + io->in.name + "' must be a number for integer categories");
     }
   } else {
@@ -312,7 +313,7 @@ class Scaler final : public Evaluator {
   Status evaluate(Slots& slots) const override {
     const FeatureValue& value = slots[io_.in.slot];
     const bool scalar = !value.multiArrayValue();
-    if (value.isUndefined() && io_.in.description->type != FeatureType::kMultiArray) {
+    if (value.isUndefined() && io_.in.description.type != FeatureType::kMultiArray) {
       slots[io_.out.slot] = FeatureValue::fromDouble(kMissing);
       return {};
     }
@@ -402,7 +403,7 @@ class ArrayFeatureExtractor final : public Evaluator {
       }
       out.push_back(array->values[static_cast<size_t>(index)]);
     }
-    const FeatureType outType = io_.out.description->type;
+    const FeatureType outType = io_.out.description.type;
     if (out.size() == 1 && outType == FeatureType::kDouble) {
       slots[io_.out.slot] = FeatureValue::fromDouble(out[0]);
     } else if (out.size() == 1 && outType == FeatureType::kInt64) {
@@ -507,7 +508,7 @@ Result<EvaluatorPtr> buildTransform(const spec::Model& model, const ModelDescrip
       if (!io) return io.error();
       const auto& indices = model.arrayfeatureextractor().extractindex();
       if (indices.empty()) return Error("the array feature extractor extracts nothing");
-      const FeatureDescription& in = *io->in.description;
+      const FeatureDescription& in = io->in.description;
       if (in.type == FeatureType::kMultiArray && !in.hasFlexibleShape) {
         if (auto count = elementCount(in.shape)) {
           for (uint64_t index : indices) {
