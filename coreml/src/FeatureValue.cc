@@ -69,23 +69,6 @@ FeatureValue FeatureValue::undefined(FeatureType type) {
   return result;
 }
 
-std::optional<int64_t> FeatureValue::int64Value() const {
-  if (const auto* v = std::get_if<int64_t>(&data_)) return *v;
-  return std::nullopt;
-}
-std::optional<double> FeatureValue::doubleValue() const {
-  if (const auto* v = std::get_if<double>(&data_)) return *v;
-  return std::nullopt;
-}
-const std::string* FeatureValue::stringValue() const { return std::get_if<std::string>(&data_); }
-const MultiArray* FeatureValue::multiArrayValue() const { return std::get_if<MultiArray>(&data_); }
-const FeatureValue::Int64Dictionary* FeatureValue::int64DictionaryValue() const {
-  return std::get_if<Int64Dictionary>(&data_);
-}
-const FeatureValue::StringDictionary* FeatureValue::stringDictionaryValue() const {
-  return std::get_if<StringDictionary>(&data_);
-}
-
 std::vector<std::string> DictionaryFeatureProvider::featureNames() const {
   std::vector<std::string> names;
   names.reserve(values_.size());

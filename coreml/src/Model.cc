@@ -454,6 +454,14 @@ Result<std::map<std::string, FeatureValue>> Model::predict(const FeatureProvider
         slots[input.slot] = FeatureValue::undefined(input.description.type);
         continue;
       }
+      const FeatureType declared = input.description.type;
+      if (given->type() == declared && !given->isUndefined() &&
+          (declared == FeatureType::kDouble || declared == FeatureType::kInt64 ||
+           declared == FeatureType::kString)) {
+        // The common case needs no conversion: move it straight into its slot.
+        slots[input.slot] = std::move(*given);
+        continue;
+      }
       auto value = coerce(std::move(*given), input.description);
       if (!value) return value.error();
       slots[input.slot] = std::move(value).value();

@@ -56,13 +56,24 @@ class FeatureValue {
   FeatureType type() const { return type_; }
   bool isUndefined() const { return std::holds_alternative<std::monostate>(data_); }
 
-  // Each accessor answers only for a defined value of exactly that kind.
-  std::optional<int64_t> int64Value() const;
-  std::optional<double> doubleValue() const;
-  const std::string* stringValue() const;
-  const MultiArray* multiArrayValue() const;
-  const Int64Dictionary* int64DictionaryValue() const;
-  const StringDictionary* stringDictionaryValue() const;
+  // Each accessor answers only for a defined value of exactly that kind. Inline: a prediction
+  // reads every input through them.
+  std::optional<int64_t> int64Value() const {
+    if (const auto* v = std::get_if<int64_t>(&data_)) return *v;
+    return std::nullopt;
+  }
+  std::optional<double> doubleValue() const {
+    if (const auto* v = std::get_if<double>(&data_)) return *v;
+    return std::nullopt;
+  }
+  const std::string* stringValue() const { return std::get_if<std::string>(&data_); }
+  const MultiArray* multiArrayValue() const { return std::get_if<MultiArray>(&data_); }
+  const Int64Dictionary* int64DictionaryValue() const {
+    return std::get_if<Int64Dictionary>(&data_);
+  }
+  const StringDictionary* stringDictionaryValue() const {
+    return std::get_if<StringDictionary>(&data_);
+  }
 
   bool operator==(const FeatureValue& other) const = default;
 
