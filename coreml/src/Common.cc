@@ -11,14 +11,14 @@ namespace orvane::coreml::detail {
 
 namespace {
 
-Result<FeatureDescription> convertFeature(const spec::FeatureDescription& in, const char* role) {
+Result<FeatureDescription> convertFeature(const schema::FeatureDescription& in, const char* role) {
   FeatureDescription out;
   out.name = in.name();
   out.shortDescription = in.shortdescription();
   if (out.name.empty()) return Error(std::string("an ") + role + " feature has no name");
   const auto& type = in.type();
   out.isOptional = type.isoptional();
-  using T = spec::FeatureType;
+  using T = schema::FeatureType;
   switch (type.Type_case()) {
     case T::kInt64Type:
       out.type = FeatureType::kInt64;
@@ -37,21 +37,21 @@ Result<FeatureDescription> convertFeature(const spec::FeatureDescription& in, co
       const auto& array = type.multiarraytype();
       out.shape.assign(array.shape().begin(), array.shape().end());
       out.hasFlexibleShape =
-          array.ShapeFlexibility_case() != spec::ArrayFeatureType::SHAPEFLEXIBILITY_NOT_SET;
+          array.ShapeFlexibility_case() != schema::ArrayFeatureType::SHAPEFLEXIBILITY_NOT_SET;
       switch (array.datatype()) {
-        case spec::ArrayFeatureType::FLOAT32:
+        case schema::ArrayFeatureType::FLOAT32:
           out.arrayDataType = ArrayDataType::kFloat32;
           break;
-        case spec::ArrayFeatureType::DOUBLE:
+        case schema::ArrayFeatureType::DOUBLE:
           out.arrayDataType = ArrayDataType::kDouble;
           break;
-        case spec::ArrayFeatureType::INT32:
+        case schema::ArrayFeatureType::INT32:
           out.arrayDataType = ArrayDataType::kInt32;
           break;
-        case spec::ArrayFeatureType::INT8:
+        case schema::ArrayFeatureType::INT8:
           out.arrayDataType = ArrayDataType::kInt8;
           break;
-        case spec::ArrayFeatureType::FLOAT16:
+        case schema::ArrayFeatureType::FLOAT16:
           out.arrayDataType = ArrayDataType::kFloat16;
           break;
         default:
@@ -66,10 +66,10 @@ Result<FeatureDescription> convertFeature(const spec::FeatureDescription& in, co
     case T::kDictionaryType:
       out.type = FeatureType::kDictionary;
       switch (type.dictionarytype().KeyType_case()) {
-        case spec::DictionaryFeatureType::kInt64KeyType:
+        case schema::DictionaryFeatureType::kInt64KeyType:
           out.dictionaryKeyType = DictionaryKeyType::kInt64;
           break;
-        case spec::DictionaryFeatureType::kStringKeyType:
+        case schema::DictionaryFeatureType::kStringKeyType:
           out.dictionaryKeyType = DictionaryKeyType::kString;
           break;
         default:
@@ -79,7 +79,7 @@ Result<FeatureDescription> convertFeature(const spec::FeatureDescription& in, co
     case T::kSequenceType:
       out.type = FeatureType::kSequence;
       out.sequenceElementType =
-          type.sequencetype().Type_case() == spec::SequenceFeatureType::kStringType
+          type.sequencetype().Type_case() == schema::SequenceFeatureType::kStringType
               ? FeatureType::kString
               : FeatureType::kInt64;
       break;
@@ -92,7 +92,7 @@ Result<FeatureDescription> convertFeature(const spec::FeatureDescription& in, co
   return out;
 }
 
-Status convertFeatures(const google::protobuf::RepeatedPtrField<spec::FeatureDescription>& in,
+Status convertFeatures(const google::protobuf::RepeatedPtrField<schema::FeatureDescription>& in,
                        const char* role, std::vector<FeatureDescription>& out) {
   std::set<std::string> seen;
   out.reserve(static_cast<size_t>(in.size()));
@@ -120,7 +120,7 @@ std::optional<uint32_t> SlotTable::find(const std::string& name) const {
   return it->second;
 }
 
-Result<ModelDescription> convertDescription(const spec::ModelDescription& in) {
+Result<ModelDescription> convertDescription(const schema::ModelDescription& in) {
   ModelDescription out;
   if (auto s = convertFeatures(in.input(), "input", out.inputs); !s) return s.error();
   if (auto s = convertFeatures(in.output(), "output", out.outputs); !s) return s.error();

@@ -54,24 +54,24 @@ inline constexpr int kMaxPipelineDepth = 16;
 inline constexpr uint64_t kMaxDimensions = 1'000'000;
 inline constexpr uint64_t kMaxArrayElements = 50'000'000;
 
-Result<ModelDescription> convertDescription(const spec::ModelDescription& description);
+Result<ModelDescription> convertDescription(const schema::ModelDescription& description);
 
 // The name of the model kind of `model` ("treeEnsembleClassifier", ...).
-std::string kindName(const spec::Model& model);
+std::string kindName(const schema::Model& model);
 
-Result<EvaluatorPtr> buildEvaluator(const spec::Model& model, BuildContext& context);
+Result<EvaluatorPtr> buildEvaluator(const schema::Model& model, BuildContext& context);
 
-Result<EvaluatorPtr> buildTreeEnsembleClassifier(const spec::Model& model,
+Result<EvaluatorPtr> buildTreeEnsembleClassifier(const schema::Model& model,
                                                  const ModelDescription& description,
                                                  BuildContext& context);
-Result<EvaluatorPtr> buildTreeEnsembleRegressor(const spec::Model& model,
+Result<EvaluatorPtr> buildTreeEnsembleRegressor(const schema::Model& model,
                                                 const ModelDescription& description,
                                                 BuildContext& context);
-Result<EvaluatorPtr> buildGlmClassifier(const spec::Model& model,
+Result<EvaluatorPtr> buildGlmClassifier(const schema::Model& model,
                                         const ModelDescription& description, BuildContext& context);
-Result<EvaluatorPtr> buildGlmRegressor(const spec::Model& model,
+Result<EvaluatorPtr> buildGlmRegressor(const schema::Model& model,
                                        const ModelDescription& description, BuildContext& context);
-Result<EvaluatorPtr> buildTransform(const spec::Model& model, const ModelDescription& description,
+Result<EvaluatorPtr> buildTransform(const schema::Model& model, const ModelDescription& description,
                                     BuildContext& context);
 
 // ---- Helpers for numeric models ----------------------------------------------------------

@@ -129,7 +129,7 @@ class GlmRegressor final : public Evaluator {
 
 }  // namespace
 
-Result<EvaluatorPtr> buildGlmClassifier(const spec::Model& model,
+Result<EvaluatorPtr> buildGlmClassifier(const schema::Model& model,
                                         const ModelDescription& description,
                                         BuildContext& context) {
   const auto& glm = model.glmclassifier();
@@ -142,12 +142,12 @@ Result<EvaluatorPtr> buildGlmClassifier(const spec::Model& model,
 
   const size_t rows = weights->rows.size();
   const size_t classes = output->classCount();
-  const bool probit = glm.postevaluationtransform() == spec::GLMClassifier::Probit;
-  if (!probit && glm.postevaluationtransform() != spec::GLMClassifier::Logit) {
+  const bool probit = glm.postevaluationtransform() == schema::GLMClassifier::Probit;
+  if (!probit && glm.postevaluationtransform() != schema::GLMClassifier::Logit) {
     return Error("unknown link of the linear classifier");
   }
-  const bool oneVsRest = glm.classencoding() == spec::GLMClassifier::OneVsRest;
-  if (!oneVsRest && glm.classencoding() != spec::GLMClassifier::ReferenceClass) {
+  const bool oneVsRest = glm.classencoding() == schema::GLMClassifier::OneVsRest;
+  if (!oneVsRest && glm.classencoding() != schema::GLMClassifier::ReferenceClass) {
     return Error("unknown class encoding of the linear classifier");
   }
   if (classes == 2 && rows == 1) {
@@ -166,7 +166,7 @@ Result<EvaluatorPtr> buildGlmClassifier(const spec::Model& model,
       std::move(inputs).value(), std::move(weights).value(), probit, std::move(output).value()));
 }
 
-Result<EvaluatorPtr> buildGlmRegressor(const spec::Model& model,
+Result<EvaluatorPtr> buildGlmRegressor(const schema::Model& model,
                                        const ModelDescription& description, BuildContext& context) {
   const auto& glm = model.glmregressor();
   auto inputs = InputVector::make(description, context.slots, "the linear regressor");
@@ -175,13 +175,13 @@ Result<EvaluatorPtr> buildGlmRegressor(const spec::Model& model,
   if (!weights) return weights.error();
   GlmRegressor::Link link;
   switch (glm.postevaluationtransform()) {
-    case spec::GLMRegressor::NoTransform:
+    case schema::GLMRegressor::NoTransform:
       link = GlmRegressor::Link::kNone;
       break;
-    case spec::GLMRegressor::Logit:
+    case schema::GLMRegressor::Logit:
       link = GlmRegressor::Link::kLogit;
       break;
-    case spec::GLMRegressor::Probit:
+    case schema::GLMRegressor::Probit:
       link = GlmRegressor::Link::kProbit;
       break;
     default:

@@ -32,20 +32,20 @@ class PipelineEvaluator final : public Evaluator {
   std::vector<EvaluatorPtr> stages_;
 };
 
-const spec::Pipeline* pipelineOf(const spec::Model& model) {
+const schema::Pipeline* pipelineOf(const schema::Model& model) {
   switch (model.Type_case()) {
-    case spec::Model::kPipeline:
+    case schema::Model::kPipeline:
       return &model.pipeline();
-    case spec::Model::kPipelineClassifier:
+    case schema::Model::kPipelineClassifier:
       return &model.pipelineclassifier().pipeline();
-    case spec::Model::kPipelineRegressor:
+    case schema::Model::kPipelineRegressor:
       return &model.pipelineregressor().pipeline();
     default:
       return nullptr;
   }
 }
 
-Result<EvaluatorPtr> buildPipeline(const spec::Pipeline& pipeline,
+Result<EvaluatorPtr> buildPipeline(const schema::Pipeline& pipeline,
                                    const ModelDescription& description, BuildContext& context) {
   if (pipeline.models_size() == 0) return Error("the pipeline has no stages");
   // Names every stage may read: the pipeline's inputs, then each stage's outputs in turn.
@@ -53,7 +53,7 @@ Result<EvaluatorPtr> buildPipeline(const spec::Pipeline& pipeline,
   for (const auto& input : description.inputs) available.insert(input.name);
   std::vector<EvaluatorPtr> stages;
   for (int i = 0; i < pipeline.models_size(); ++i) {
-    const spec::Model& stage = pipeline.models(i);
+    const schema::Model& stage = pipeline.models(i);
     std::string label = "pipeline stage " + std::to_string(i);
     if (i < pipeline.names_size() && !pipeline.names(i).empty()) {
       label += " ('" + pipeline.names(i) + "')";
@@ -83,8 +83,8 @@ Result<EvaluatorPtr> buildPipeline(const spec::Pipeline& pipeline,
 
 }  // namespace
 
-std::string kindName(const spec::Model& model) {
-  using M = spec::Model;
+std::string kindName(const schema::Model& model) {
+  using M = schema::Model;
   switch (model.Type_case()) {
     case M::kPipelineClassifier:
       return "pipelineClassifier";
@@ -166,7 +166,7 @@ std::string kindName(const spec::Model& model) {
   return "unknown";
 }
 
-Result<EvaluatorPtr> buildEvaluator(const spec::Model& model, BuildContext& context) {
+Result<EvaluatorPtr> buildEvaluator(const schema::Model& model, BuildContext& context) {
   if (context.depth >= kMaxPipelineDepth) return Error("pipelines are nested too deeply");
   if (model.specificationversion() < 0 ||
       model.specificationversion() > kNewestSpecificationVersion) {
@@ -176,7 +176,7 @@ Result<EvaluatorPtr> buildEvaluator(const spec::Model& model, BuildContext& cont
   auto description = convertDescription(model.description());
   if (!description) return description.error();
 
-  using M = spec::Model;
+  using M = schema::Model;
   switch (model.Type_case()) {
     case M::kPipeline:
     case M::kPipelineClassifier:
@@ -346,7 +346,7 @@ Result<std::shared_ptr<ModelImpl>> buildModel(const void* data, size_t size) {
                  std::to_string(kMaxModelFileBytes));
   }
   if (size == 0) return Error("the model file is empty");
-  spec::Model model;
+  schema::Model model;
   if (!model.ParseFromArray(data, static_cast<int>(size))) {
     return Error("the model file is not a valid model (protobuf parsing failed)");
   }

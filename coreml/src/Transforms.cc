@@ -52,19 +52,19 @@ Result<std::vector<double>> numbersOf(const FeatureValue& value, const std::stri
 
 class OneHotEncoder final : public Evaluator {
  public:
-  OneHotEncoder(OneInOneOut io, const spec::OneHotEncoder& spec) : io_(std::move(io)) {
-    isString_ = spec.has_stringcategories();
+  OneHotEncoder(OneInOneOut io, const schema::OneHotEncoder& message) : io_(std::move(io)) {
+    isString_ = message.has_stringcategories();
     if (isString_) {
-      const auto& v = spec.stringcategories().vector();
+      const auto& v = message.stringcategories().vector();
       for (int i = 0; i < v.size(); ++i) stringIndex_.emplace(v[i], static_cast<size_t>(i));
       size_ = static_cast<size_t>(v.size());
     } else {
-      const auto& v = spec.int64categories().vector();
+      const auto& v = message.int64categories().vector();
       for (int i = 0; i < v.size(); ++i) int64Index_.emplace(v[i], static_cast<size_t>(i));
       size_ = static_cast<size_t>(v.size());
     }
-    sparse_ = spec.outputsparse();
-    ignoreUnknown_ = spec.handleunknown() == spec::OneHotEncoder::IgnoreUnknown;
+    sparse_ = message.outputsparse();
+    ignoreUnknown_ = message.handleunknown() == schema::OneHotEncoder::IgnoreUnknown;
   }
 
   Status evaluate(Slots& slots) const override {
@@ -117,18 +117,18 @@ class OneHotEncoder final : public Evaluator {
   std::unordered_map<int64_t, size_t> int64Index_;
 };
 
-Result<EvaluatorPtr> buildOneHot(const spec::OneHotEncoder& spec, const ModelDescription& d,
+Result<EvaluatorPtr> buildOneHot(const schema::OneHotEncoder& message, const ModelDescription& d,
                                  SlotTable& slots) {
   auto io = singleInputOutput(d, slots, "the one-hot encoder");
   if (!io) return io.error();
   size_t count = 0;
-  if (spec.has_stringcategories()) {
-    count = static_cast<size_t>(spec.stringcategories().vector_size());
+  if (message.has_stringcategories()) {
+    count = static_cast<size_t>(message.stringcategories().vector_size());
     if (io->in.description.type != FeatureType::kString) {
       return Error("one-hot input '" + io->in.name + "' must be a string for string categories");
     }
-  } else if (spec.has_int64categories()) {
-    count = static_cast<size_t>(spec.int64categories().vector_size());
+  } else if (message.has_int64categories()) {
+    count = static_cast<size_t>(message.int64categories().vector_size());
     if (io->in.description.type != FeatureType::kInt64 &&
         io->in.description.type != FeatureType::kDouble) {
       return Error("one-hot input '" + io->in.name + "' must be a number for integer categories");
@@ -138,7 +138,7 @@ Result<EvaluatorPtr> buildOneHot(const spec::OneHotEncoder& spec, const ModelDes
   }
   if (count == 0) return Error("the one-hot encoder has no categories");
   if (count > kMaxDimensions) return Error("the one-hot encoder has too many categories");
-  return EvaluatorPtr(std::make_unique<OneHotEncoder>(std::move(io).value(), spec));
+  return EvaluatorPtr(std::make_unique<OneHotEncoder>(std::move(io).value(), message));
 }
 
 // ---- Feature vectorizer ------------------------------------------------------------------
@@ -181,13 +181,13 @@ class FeatureVectorizer final : public Evaluator {
   size_t width_;
 };
 
-Result<EvaluatorPtr> buildVectorizer(const spec::FeatureVectorizer& spec, const ModelDescription& d,
-                                     SlotTable& slots) {
+Result<EvaluatorPtr> buildVectorizer(const schema::FeatureVectorizer& message,
+                                     const ModelDescription& d, SlotTable& slots) {
   if (d.outputs.size() != 1) return Error("the feature vectorizer needs exactly one output");
-  if (spec.inputlist_size() == 0) return Error("the feature vectorizer has no input columns");
+  if (message.inputlist_size() == 0) return Error("the feature vectorizer has no input columns");
   std::vector<FeatureVectorizer::Column> columns;
   uint64_t width = 0;
-  for (const auto& column : spec.inputlist()) {
+  for (const auto& column : message.inputlist()) {
     if (!d.input(column.inputcolumn())) {
       return Error("vectorizer column '" + column.inputcolumn() + "' is not a declared input");
     }
@@ -207,12 +207,13 @@ Result<EvaluatorPtr> buildVectorizer(const spec::FeatureVectorizer& spec, const 
 
 class Imputer final : public Evaluator {
  public:
-  Imputer(OneInOneOut io, spec::Imputer spec) : io_(std::move(io)), spec_(std::move(spec)) {}
+  Imputer(OneInOneOut io, schema::Imputer message)
+      : io_(std::move(io)), message_(std::move(message)) {}
 
   Status evaluate(Slots& slots) const override {
     const FeatureValue& value = slots[io_.in.slot];
-    using I = spec::Imputer;
-    switch (spec_.ImputedValue_case()) {
+    using I = schema::Imputer;
+    switch (message_.ImputedValue_case()) {
       case I::kImputedDoubleValue: {
         double x = kMissing;
         if (auto d = value.doubleValue()) {
@@ -222,28 +223,29 @@ class Imputer final : public Evaluator {
         } else if (!value.isUndefined()) {
           return typeError(value);
         }
-        if (replaces(x)) x = spec_.imputeddoublevalue();
+        if (replaces(x)) x = message_.imputeddoublevalue();
         slots[io_.out.slot] = FeatureValue::fromDouble(x);
         return {};
       }
       case I::kImputedInt64Value: {
         auto i = value.int64Value();
         if (!i && !value.isUndefined()) return typeError(value);
-        const bool replace = !i || (spec_.ReplaceValue_case() == I::kReplaceInt64Value &&
-                                    *i == spec_.replaceint64value());
-        slots[io_.out.slot] = FeatureValue::fromInt64(replace ? spec_.imputedint64value() : *i);
+        const bool replace = !i || (message_.ReplaceValue_case() == I::kReplaceInt64Value &&
+                                    *i == message_.replaceint64value());
+        slots[io_.out.slot] = FeatureValue::fromInt64(replace ? message_.imputedint64value() : *i);
         return {};
       }
       case I::kImputedStringValue: {
         const std::string* s = value.stringValue();
         if (!s && !value.isUndefined()) return typeError(value);
-        const bool replace = !s || (spec_.ReplaceValue_case() == I::kReplaceStringValue &&
-                                    *s == spec_.replacestringvalue());
-        slots[io_.out.slot] = FeatureValue::fromString(replace ? spec_.imputedstringvalue() : *s);
+        const bool replace = !s || (message_.ReplaceValue_case() == I::kReplaceStringValue &&
+                                    *s == message_.replacestringvalue());
+        slots[io_.out.slot] =
+            FeatureValue::fromString(replace ? message_.imputedstringvalue() : *s);
         return {};
       }
       case I::kImputedDoubleArray: {
-        const auto& fill = spec_.imputeddoublearray().vector();
+        const auto& fill = message_.imputeddoublearray().vector();
         MultiArray out;
         if (const MultiArray* a = value.multiArrayValue()) {
           out = *a;
@@ -266,7 +268,7 @@ class Imputer final : public Evaluator {
       }
       case I::kImputedStringDictionary:
         if (value.isUndefined()) {
-          const auto& m = spec_.imputedstringdictionary().map();
+          const auto& m = message_.imputedstringdictionary().map();
           slots[io_.out.slot] =
               FeatureValue::fromDictionary(FeatureValue::StringDictionary(m.begin(), m.end()));
         } else {
@@ -275,7 +277,7 @@ class Imputer final : public Evaluator {
         return {};
       case I::kImputedInt64Dictionary:
         if (value.isUndefined()) {
-          const auto& m = spec_.imputedint64dictionary().map();
+          const auto& m = message_.imputedint64dictionary().map();
           slots[io_.out.slot] =
               FeatureValue::fromDictionary(FeatureValue::Int64Dictionary(m.begin(), m.end()));
         } else {
@@ -291,8 +293,8 @@ class Imputer final : public Evaluator {
   // NaN is always missing; an explicit replacement value is missing too.
   bool replaces(double x) const {
     if (std::isnan(x)) return true;
-    return spec_.ReplaceValue_case() == spec::Imputer::kReplaceDoubleValue &&
-           x == spec_.replacedoublevalue();
+    return message_.ReplaceValue_case() == schema::Imputer::kReplaceDoubleValue &&
+           x == message_.replacedoublevalue();
   }
   Status typeError(const FeatureValue& value) const {
     return Error("imputer input '" + io_.in.name + "' holds a " + featureTypeName(value.type()) +
@@ -300,7 +302,7 @@ class Imputer final : public Evaluator {
   }
 
   OneInOneOut io_;
-  spec::Imputer spec_;
+  schema::Imputer message_;
 };
 
 // ---- Scaler and normalizer ---------------------------------------------------------------
@@ -349,7 +351,7 @@ class Scaler final : public Evaluator {
 
 class Normalizer final : public Evaluator {
  public:
-  Normalizer(OneInOneOut io, spec::Normalizer::NormType norm) : io_(std::move(io)), norm_(norm) {}
+  Normalizer(OneInOneOut io, schema::Normalizer::NormType norm) : io_(std::move(io)), norm_(norm) {}
 
   Status evaluate(Slots& slots) const override {
     auto numbers = numbersOf(slots[io_.in.slot], io_.in.name);
@@ -358,10 +360,10 @@ class Normalizer final : public Evaluator {
     double norm = 0;
     for (double v : x) {
       switch (norm_) {
-        case spec::Normalizer::LMax:
+        case schema::Normalizer::LMax:
           norm = std::max(norm, std::fabs(v));
           break;
-        case spec::Normalizer::L1:
+        case schema::Normalizer::L1:
           norm += std::fabs(v);
           break;
         default:
@@ -369,7 +371,7 @@ class Normalizer final : public Evaluator {
           break;
       }
     }
-    if (norm_ == spec::Normalizer::L2) norm = std::sqrt(norm);
+    if (norm_ == schema::Normalizer::L2) norm = std::sqrt(norm);
     // A zero vector stays as it is instead of turning into NaN.
     if (norm > 0) {
       for (double& v : x) v /= norm;
@@ -380,7 +382,7 @@ class Normalizer final : public Evaluator {
 
  private:
   OneInOneOut io_;
-  spec::Normalizer::NormType norm_;
+  schema::Normalizer::NormType norm_;
 };
 
 // ---- Array feature extractor and dictionary vectorizer ------------------------------------
@@ -425,13 +427,13 @@ class ArrayFeatureExtractor final : public Evaluator {
 
 class DictVectorizer final : public Evaluator {
  public:
-  DictVectorizer(OneInOneOut io, const spec::DictVectorizer& spec) : io_(std::move(io)) {
-    if (spec.has_stringtoindex()) {
-      const auto& v = spec.stringtoindex().vector();
+  DictVectorizer(OneInOneOut io, const schema::DictVectorizer& message) : io_(std::move(io)) {
+    if (message.has_stringtoindex()) {
+      const auto& v = message.stringtoindex().vector();
       for (int i = 0; i < v.size(); ++i) stringIndex_.emplace(v[i], static_cast<size_t>(i));
       size_ = static_cast<size_t>(v.size());
     } else {
-      const auto& v = spec.int64toindex().vector();
+      const auto& v = message.int64toindex().vector();
       for (int i = 0; i < v.size(); ++i) int64Index_.emplace(v[i], static_cast<size_t>(i));
       size_ = static_cast<size_t>(v.size());
     }
@@ -464,18 +466,18 @@ class DictVectorizer final : public Evaluator {
 
 }  // namespace
 
-Result<EvaluatorPtr> buildTransform(const spec::Model& model, const ModelDescription& d,
+Result<EvaluatorPtr> buildTransform(const schema::Model& model, const ModelDescription& d,
                                     BuildContext& context) {
   SlotTable& slots = context.slots;
   switch (model.Type_case()) {
-    case spec::Model::kOneHotEncoder:
+    case schema::Model::kOneHotEncoder:
       return buildOneHot(model.onehotencoder(), d, slots);
-    case spec::Model::kFeatureVectorizer:
+    case schema::Model::kFeatureVectorizer:
       return buildVectorizer(model.featurevectorizer(), d, slots);
-    case spec::Model::kImputer: {
+    case schema::Model::kImputer: {
       auto io = singleInputOutput(d, slots, "the imputer");
       if (!io) return io.error();
-      if (model.imputer().ImputedValue_case() == spec::Imputer::IMPUTEDVALUE_NOT_SET) {
+      if (model.imputer().ImputedValue_case() == schema::Imputer::IMPUTEDVALUE_NOT_SET) {
         return Error("the imputer has no imputed value");
       }
       if (model.imputer().has_imputeddoublearray() &&
@@ -485,7 +487,7 @@ Result<EvaluatorPtr> buildTransform(const spec::Model& model, const ModelDescrip
       }
       return EvaluatorPtr(std::make_unique<Imputer>(std::move(io).value(), model.imputer()));
     }
-    case spec::Model::kScaler: {
+    case schema::Model::kScaler: {
       auto io = singleInputOutput(d, slots, "the scaler");
       if (!io) return io.error();
       const auto& s = model.scaler();
@@ -493,17 +495,17 @@ Result<EvaluatorPtr> buildTransform(const spec::Model& model, const ModelDescrip
           std::move(io).value(), std::vector<double>(s.shiftvalue().begin(), s.shiftvalue().end()),
           std::vector<double>(s.scalevalue().begin(), s.scalevalue().end())));
     }
-    case spec::Model::kNormalizer: {
+    case schema::Model::kNormalizer: {
       auto io = singleInputOutput(d, slots, "the normalizer");
       if (!io) return io.error();
       const auto norm = model.normalizer().normtype();
-      if (norm != spec::Normalizer::LMax && norm != spec::Normalizer::L1 &&
-          norm != spec::Normalizer::L2) {
+      if (norm != schema::Normalizer::LMax && norm != schema::Normalizer::L1 &&
+          norm != schema::Normalizer::L2) {
         return Error("unknown norm of the normalizer");
       }
       return EvaluatorPtr(std::make_unique<Normalizer>(std::move(io).value(), norm));
     }
-    case spec::Model::kArrayFeatureExtractor: {
+    case schema::Model::kArrayFeatureExtractor: {
       auto io = singleInputOutput(d, slots, "the array feature extractor");
       if (!io) return io.error();
       const auto& indices = model.arrayfeatureextractor().extractindex();
@@ -523,7 +525,7 @@ Result<EvaluatorPtr> buildTransform(const spec::Model& model, const ModelDescrip
       return EvaluatorPtr(std::make_unique<ArrayFeatureExtractor>(
           std::move(io).value(), std::vector<uint64_t>(indices.begin(), indices.end())));
     }
-    case spec::Model::kDictVectorizer: {
+    case schema::Model::kDictVectorizer: {
       auto io = singleInputOutput(d, slots, "the dictionary vectorizer");
       if (!io) return io.error();
       const auto& dv = model.dictvectorizer();

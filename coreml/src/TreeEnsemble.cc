@@ -16,7 +16,7 @@ namespace orvane::coreml::detail {
 
 namespace {
 
-using ProtoNode = spec::TreeEnsembleParameters::TreeNode;
+using ProtoNode = schema::TreeEnsembleParameters::TreeNode;
 
 enum class Behavior : uint8_t {
   kLessThanEqual = 0,
@@ -75,8 +75,8 @@ struct NodeKeyHash {
   }
 };
 
-Result<Ensemble> buildEnsemble(const spec::TreeEnsembleParameters& params,
-                               spec::TreeEnsemblePostEvaluationTransform transform,
+Result<Ensemble> buildEnsemble(const schema::TreeEnsembleParameters& params,
+                               schema::TreeEnsemblePostEvaluationTransform transform,
                                std::optional<size_t> inputWidth, BuildContext& context) {
   Ensemble e;
   const auto& nodes = params.nodes();
@@ -101,16 +101,16 @@ Result<Ensemble> buildEnsemble(const spec::TreeEnsembleParameters& params,
   }
 
   switch (transform) {
-    case spec::NoTransform:
+    case schema::NoTransform:
       e.transform = Transform::kNone;
       break;
-    case spec::Classification_SoftMax:
+    case schema::Classification_SoftMax:
       e.transform = Transform::kSoftMax;
       break;
-    case spec::Regression_Logistic:
+    case schema::Regression_Logistic:
       e.transform = Transform::kLogistic;
       break;
-    case spec::Classification_SoftMaxWithZeroClassReference:
+    case schema::Classification_SoftMaxWithZeroClassReference:
       e.transform = Transform::kSoftMaxWithZeroClassReference;
       break;
     default:
@@ -369,7 +369,7 @@ class TreeRegressor final : public Evaluator {
 
 }  // namespace
 
-Result<EvaluatorPtr> buildTreeEnsembleClassifier(const spec::Model& model,
+Result<EvaluatorPtr> buildTreeEnsembleClassifier(const schema::Model& model,
                                                  const ModelDescription& description,
                                                  BuildContext& context) {
   const auto& classifier = model.treeensembleclassifier();
@@ -390,7 +390,7 @@ Result<EvaluatorPtr> buildTreeEnsembleClassifier(const spec::Model& model,
       std::move(inputs).value(), std::move(ensemble).value(), std::move(output).value()));
 }
 
-Result<EvaluatorPtr> buildTreeEnsembleRegressor(const spec::Model& model,
+Result<EvaluatorPtr> buildTreeEnsembleRegressor(const schema::Model& model,
                                                 const ModelDescription& description,
                                                 BuildContext& context) {
   const auto& regressor = model.treeensembleregressor();

@@ -15,8 +15,8 @@
 
 namespace orvane::coreml::testing {
 
-namespace spec = ::orvane::coreml::spec;
-using TreeNode = spec::TreeEnsembleParameters::TreeNode;
+namespace schema = ::orvane::coreml::schema;
+using TreeNode = schema::TreeEnsembleParameters::TreeNode;
 
 inline std::string fixturesDir() {
   if (const char* env = std::getenv("ORVANE_FIXTURES"); env && *env) {
@@ -25,7 +25,7 @@ inline std::string fixturesDir() {
   return std::string(ORVANE_SOURCE_FIXTURES) + "/coreml";
 }
 
-inline void addFeature(google::protobuf::RepeatedPtrField<spec::FeatureDescription>* features,
+inline void addFeature(google::protobuf::RepeatedPtrField<schema::FeatureDescription>* features,
                        const std::string& name, const std::string& kind) {
   auto* f = features->Add();
   f->set_name(name);
@@ -41,12 +41,12 @@ inline void addFeature(google::protobuf::RepeatedPtrField<spec::FeatureDescripti
   } else if (kind == "stringdict") {
     type->mutable_dictionarytype()->mutable_stringkeytype();
   } else if (kind == "array") {
-    type->mutable_multiarraytype()->set_datatype(spec::ArrayFeatureType::DOUBLE);
+    type->mutable_multiarraytype()->set_datatype(schema::ArrayFeatureType::DOUBLE);
   }
 }
 
 inline TreeNode* addBranch(
-    spec::TreeEnsembleParameters* params, uint64_t tree, uint64_t id, uint64_t feature,
+    schema::TreeEnsembleParameters* params, uint64_t tree, uint64_t id, uint64_t feature,
     double threshold, uint64_t trueChild, uint64_t falseChild,
     TreeNode::TreeNodeBehavior behavior = TreeNode::BranchOnValueLessThanEqual) {
   auto* n = params->add_nodes();
@@ -60,7 +60,7 @@ inline TreeNode* addBranch(
   return n;
 }
 
-inline TreeNode* addLeaf(spec::TreeEnsembleParameters* params, uint64_t tree, uint64_t id,
+inline TreeNode* addLeaf(schema::TreeEnsembleParameters* params, uint64_t tree, uint64_t id,
                          double value, uint64_t index = 0) {
   auto* n = params->add_nodes();
   n->set_treeid(tree);
@@ -74,8 +74,8 @@ inline TreeNode* addLeaf(spec::TreeEnsembleParameters* params, uint64_t tree, ui
 
 // A binary tree classifier over doubles "a" and "b": tree 0 splits on a <= 0.5 into the
 // leaves 2 (true) and -2 (false); the logistic of the sum is P(label 1).
-inline spec::Model smallTreeClassifier() {
-  spec::Model m;
+inline schema::Model smallTreeClassifier() {
+  schema::Model m;
   m.set_specificationversion(1);
   auto* d = m.mutable_description();
   addFeature(d->mutable_input(), "a", "double");
@@ -85,7 +85,7 @@ inline spec::Model smallTreeClassifier() {
   d->set_predictedfeaturename("classLabel");
   d->set_predictedprobabilitiesname("classProbability");
   auto* tec = m.mutable_treeensembleclassifier();
-  tec->set_postevaluationtransform(spec::Regression_Logistic);
+  tec->set_postevaluationtransform(schema::Regression_Logistic);
   tec->mutable_int64classlabels()->add_vector(0);
   tec->mutable_int64classlabels()->add_vector(1);
   auto* params = tec->mutable_treeensemble();
@@ -96,7 +96,7 @@ inline spec::Model smallTreeClassifier() {
   return m;
 }
 
-inline Result<Model> build(const spec::Model& m) {
+inline Result<Model> build(const schema::Model& m) {
   const std::string bytes = m.SerializeAsString();
   return Model::fromBytes(bytes.data(), bytes.size());
 }

@@ -21,8 +21,8 @@ using namespace testing;  // NOLINT: the helpers of this folder
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // One stump over input "x": behaviour `b` against 1.0; the true leaf gives +1, the false -1.
-spec::Model stump(TreeNode::TreeNodeBehavior b, bool missingGoesTrue) {
-  spec::Model m;
+schema::Model stump(TreeNode::TreeNodeBehavior b, bool missingGoesTrue) {
+  schema::Model m;
   m.set_specificationversion(1);
   addFeature(m.mutable_description()->mutable_input(), "x", "double");
   addFeature(m.mutable_description()->mutable_output(), "y", "double");
@@ -74,9 +74,9 @@ INSTANTIATE_TEST_SUITE_P(
                       BehaviourCase{TreeNode::BranchOnValueNotEqual, true, false, true}));
 
 // A classifier whose trees add fixed scores, so the transform alone decides the answer.
-spec::Model fixedScores(std::vector<double> scores, spec::TreeEnsemblePostEvaluationTransform t,
-                        int classes) {
-  spec::Model m = smallTreeClassifier();
+schema::Model fixedScores(std::vector<double> scores, schema::TreeEnsemblePostEvaluationTransform t,
+                          int classes) {
+  schema::Model m = smallTreeClassifier();
   auto* tec = m.mutable_treeensembleclassifier();
   tec->set_postevaluationtransform(t);
   tec->mutable_int64classlabels()->clear_vector();
@@ -93,7 +93,7 @@ spec::Model fixedScores(std::vector<double> scores, spec::TreeEnsemblePostEvalua
   return m;
 }
 
-std::map<int64_t, double> probabilities(const spec::Model& m) {
+std::map<int64_t, double> probabilities(const schema::Model& m) {
   auto model = build(m);
   EXPECT_TRUE(model.ok()) << model.message();
   if (!model.ok()) return {};
@@ -109,28 +109,29 @@ TEST(coremlTransforms, ShapeScoresIntoProbabilities) {
   const double s = 0.7;
   const double logistic = 1.0 / (1.0 + std::exp(-s));
   // One score for two classes is the probability of the second class.
-  auto p = probabilities(fixedScores({s}, spec::Regression_Logistic, 2));
+  auto p = probabilities(fixedScores({s}, schema::Regression_Logistic, 2));
   EXPECT_DOUBLE_EQ(p[11], logistic);
   EXPECT_DOUBLE_EQ(p[10], 1.0 - logistic);
   // The zero class reference puts a fixed 0 in front: softmax([0, s]) is the logistic of s.
-  p = probabilities(fixedScores({s}, spec::Classification_SoftMaxWithZeroClassReference, 2));
+  p = probabilities(fixedScores({s}, schema::Classification_SoftMaxWithZeroClassReference, 2));
   EXPECT_NEAR(p[11], logistic, 1e-15);
-  p = probabilities(fixedScores({1.0, 2.0}, spec::Classification_SoftMaxWithZeroClassReference, 3));
+  p = probabilities(
+      fixedScores({1.0, 2.0}, schema::Classification_SoftMaxWithZeroClassReference, 3));
   const double z = 1.0 + std::exp(1.0) + std::exp(2.0);
   EXPECT_NEAR(p[10], 1.0 / z, 1e-15);
   EXPECT_NEAR(p[12], std::exp(2.0) / z, 1e-15);
   // Soft-max of large scores must not overflow.
-  p = probabilities(fixedScores({1000.0, 1000.0, 999.0}, spec::Classification_SoftMax, 3));
+  p = probabilities(fixedScores({1000.0, 1000.0, 999.0}, schema::Classification_SoftMax, 3));
   EXPECT_NEAR(p[10], p[11], 1e-15);
   EXPECT_NEAR(p[10] + p[11] + p[12], 1.0, 1e-15);
   // No transform passes scores through.
-  p = probabilities(fixedScores({0.25, 0.75}, spec::NoTransform, 2));
+  p = probabilities(fixedScores({0.25, 0.75}, schema::NoTransform, 2));
   EXPECT_EQ(p[10], 0.25);
   EXPECT_EQ(p[11], 0.75);
 }
 
 TEST(coremlTransforms, TiesPickTheFirstLabel) {
-  auto model = build(fixedScores({0.5, 0.5}, spec::NoTransform, 2));
+  auto model = build(fixedScores({0.5, 0.5}, schema::NoTransform, 2));
   ASSERT_TRUE(model.ok());
   auto out =
       predictWith(*model, {{"a", FeatureValue::fromDouble(0)}, {"b", FeatureValue::fromDouble(0)}});
@@ -139,14 +140,14 @@ TEST(coremlTransforms, TiesPickTheFirstLabel) {
 }
 
 TEST(coremlLinear, ProbitUsesTheNormalDistribution) {
-  spec::Model m = smallTreeClassifier();
+  schema::Model m = smallTreeClassifier();
   m.clear_treeensembleclassifier();
   auto* g = m.mutable_glmclassifier();
   auto* row = g->add_weights();
   row->add_value(2.0);
   row->add_value(-1.0);
   g->add_offset(0.5);
-  g->set_postevaluationtransform(spec::GLMClassifier::Probit);
+  g->set_postevaluationtransform(schema::GLMClassifier::Probit);
   g->mutable_stringclasslabels()->add_vector("no");
   g->mutable_stringclasslabels()->add_vector("yes");
   m.mutable_description()->mutable_output(0)->mutable_type()->mutable_stringtype();
@@ -168,15 +169,15 @@ TEST(coremlLinear, ProbitUsesTheNormalDistribution) {
 
 // ---- Preprocessing steps, each as a one-stage model ---------------------------------------
 
-spec::Model step(const std::string& inKind, const std::string& outKind) {
-  spec::Model m;
+schema::Model step(const std::string& inKind, const std::string& outKind) {
+  schema::Model m;
   m.set_specificationversion(1);
   addFeature(m.mutable_description()->mutable_input(), "in", inKind);
   addFeature(m.mutable_description()->mutable_output(), "out", outKind);
   return m;
 }
 
-Result<FeatureValue> runStep(const spec::Model& m, FeatureValue in) {
+Result<FeatureValue> runStep(const schema::Model& m, FeatureValue in) {
   auto model = build(m);
   if (!model) return model.error();
   auto out = predictWith(*model, {{"in", std::move(in)}});
@@ -191,7 +192,7 @@ std::vector<double> valuesOf(const Result<FeatureValue>& v) {
 }
 
 TEST(coremlPreprocessing, OneHotEncoderHandlesKnownUnknownAndMissing) {
-  spec::Model m = step("string", "array");
+  schema::Model m = step("string", "array");
   auto* oh = m.mutable_onehotencoder();
   for (const char* c : {"a", "b", "c"}) oh->mutable_stringcategories()->add_vector(c);
   EXPECT_EQ(valuesOf(runStep(m, FeatureValue::fromString("b"))), (std::vector<double>{0, 1, 0}));
@@ -199,7 +200,7 @@ TEST(coremlPreprocessing, OneHotEncoderHandlesKnownUnknownAndMissing) {
   ASSERT_FALSE(unknown.ok());
   EXPECT_NE(unknown.message().find("unknown category 'z'"), std::string::npos);
 
-  oh->set_handleunknown(spec::OneHotEncoder::IgnoreUnknown);
+  oh->set_handleunknown(schema::OneHotEncoder::IgnoreUnknown);
   EXPECT_EQ(valuesOf(runStep(m, FeatureValue::fromString("z"))), (std::vector<double>{0, 0, 0}));
   EXPECT_EQ(valuesOf(runStep(m, FeatureValue::undefined(FeatureType::kString))),
             (std::vector<double>{0, 0, 0}));
@@ -210,13 +211,13 @@ TEST(coremlPreprocessing, OneHotEncoderHandlesKnownUnknownAndMissing) {
   ASSERT_NE(sparse->int64DictionaryValue(), nullptr);
   EXPECT_EQ(*sparse->int64DictionaryValue(), (FeatureValue::Int64Dictionary{{2, 1.0}}));
 
-  spec::Model ints = step("int64", "array");
+  schema::Model ints = step("int64", "array");
   for (int64_t c : {7, -3}) ints.mutable_onehotencoder()->mutable_int64categories()->add_vector(c);
   EXPECT_EQ(valuesOf(runStep(ints, FeatureValue::fromInt64(-3))), (std::vector<double>{0, 1}));
 }
 
 TEST(coremlPreprocessing, ImputerReplacesMissingAndMarkedValues) {
-  spec::Model m = step("double", "double");
+  schema::Model m = step("double", "double");
   m.mutable_imputer()->set_imputeddoublevalue(4.5);
   m.mutable_imputer()->set_replacedoublevalue(-1.0);
   EXPECT_EQ(runStep(m, FeatureValue::fromDouble(kNaN))->doubleValue(), 4.5);
@@ -224,7 +225,7 @@ TEST(coremlPreprocessing, ImputerReplacesMissingAndMarkedValues) {
   EXPECT_EQ(runStep(m, FeatureValue::fromDouble(2.0))->doubleValue(), 2.0);
   EXPECT_EQ(runStep(m, FeatureValue::undefined(FeatureType::kDouble))->doubleValue(), 4.5);
 
-  spec::Model text = step("string", "string");
+  schema::Model text = step("string", "string");
   text.mutable_imputer()->set_imputedstringvalue("other");
   text.mutable_imputer()->set_replacestringvalue("");
   EXPECT_EQ(*runStep(text, FeatureValue::fromString(""))->stringValue(), "other");
@@ -232,7 +233,7 @@ TEST(coremlPreprocessing, ImputerReplacesMissingAndMarkedValues) {
 }
 
 TEST(coremlPreprocessing, ScalerShiftsThenScalesPerElementOrBroadcast) {
-  spec::Model m = step("array", "array");
+  schema::Model m = step("array", "array");
   m.mutable_scaler()->add_shiftvalue(1.0);
   m.mutable_scaler()->add_shiftvalue(-2.0);
   m.mutable_scaler()->add_scalevalue(3.0);
@@ -243,13 +244,13 @@ TEST(coremlPreprocessing, ScalerShiftsThenScalesPerElementOrBroadcast) {
 
 TEST(coremlPreprocessing, NormalizerNorms) {
   struct Case {
-    spec::Normalizer::NormType norm;
+    schema::Normalizer::NormType norm;
     std::vector<double> expected;
   };
-  for (const auto& c : {Case{spec::Normalizer::LMax, {-0.75, 1.0}},
-                        Case{spec::Normalizer::L1, {-3.0 / 7.0, 4.0 / 7.0}},
-                        Case{spec::Normalizer::L2, {-0.6, 0.8}}}) {
-    spec::Model m = step("array", "array");
+  for (const auto& c : {Case{schema::Normalizer::LMax, {-0.75, 1.0}},
+                        Case{schema::Normalizer::L1, {-3.0 / 7.0, 4.0 / 7.0}},
+                        Case{schema::Normalizer::L2, {-0.6, 0.8}}}) {
+    schema::Model m = step("array", "array");
     m.mutable_normalizer()->set_normtype(c.norm);
     const auto out = valuesOf(runStep(m, FeatureValue::fromDoubles({-3.0, 4.0})));
     ASSERT_EQ(out.size(), 2u);
@@ -262,19 +263,19 @@ TEST(coremlPreprocessing, NormalizerNorms) {
 }
 
 TEST(coremlPreprocessing, ArrayFeatureExtractorAndDictVectorizer) {
-  spec::Model one = step("array", "double");
+  schema::Model one = step("array", "double");
   one.mutable_arrayfeatureextractor()->add_extractindex(2);
   EXPECT_EQ(runStep(one, FeatureValue::fromDoubles({5, 6, 7}))->doubleValue(), 7.0);
   auto outside = runStep(one, FeatureValue::fromDoubles({5, 6}));
   ASSERT_FALSE(outside.ok());
   EXPECT_NE(outside.message().find("index 2"), std::string::npos);
 
-  spec::Model two = step("array", "array");
+  schema::Model two = step("array", "array");
   two.mutable_arrayfeatureextractor()->add_extractindex(1);
   two.mutable_arrayfeatureextractor()->add_extractindex(0);
   EXPECT_EQ(valuesOf(runStep(two, FeatureValue::fromDoubles({5, 6}))), (std::vector<double>{6, 5}));
 
-  spec::Model dv = step("stringdict", "array");
+  schema::Model dv = step("stringdict", "array");
   for (const char* k : {"a", "c", "b"})
     dv.mutable_dictvectorizer()->mutable_stringtoindex()->add_vector(k);
   EXPECT_EQ(valuesOf(runStep(dv, FeatureValue::fromDictionary(FeatureValue::StringDictionary{
@@ -305,7 +306,7 @@ TEST(coremlInputs, ConversionsAndRefusals) {
 }
 
 TEST(coremlInputs, OptionalInputsMayBeAbsentAndReadAsMissing) {
-  spec::Model m = stump(TreeNode::BranchOnValueLessThanEqual, true);
+  schema::Model m = stump(TreeNode::BranchOnValueLessThanEqual, true);
   m.mutable_description()->mutable_input(0)->mutable_type()->set_isoptional(true);
   auto model = build(m);
   ASSERT_TRUE(model.ok());
@@ -315,9 +316,9 @@ TEST(coremlInputs, OptionalInputsMayBeAbsentAndReadAsMissing) {
 }
 
 TEST(coremlInputs, MultiArrayShapesMustMatchTheDeclaration) {
-  spec::Model m = step("array", "array");
+  schema::Model m = step("array", "array");
   m.mutable_description()->mutable_input(0)->mutable_type()->mutable_multiarraytype()->add_shape(3);
-  m.mutable_normalizer()->set_normtype(spec::Normalizer::L1);
+  m.mutable_normalizer()->set_normtype(schema::Normalizer::L1);
   EXPECT_TRUE(runStep(m, FeatureValue::fromDoubles({1, 1, 2})).ok());
   EXPECT_FALSE(runStep(m, FeatureValue::fromDoubles({1, 1})).ok());
   EXPECT_FALSE(runStep(m, FeatureValue::fromMultiArray({{2, 2}, {1, 2, 3}})).ok());

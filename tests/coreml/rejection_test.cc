@@ -14,99 +14,100 @@ using namespace testing;  // NOLINT: the helpers of this folder
 
 struct Broken {
   const char* name;
-  std::function<void(spec::Model&)> breakIt;
+  std::function<void(schema::Model&)> breakIt;
   const char* messagePart;
 };
 
-spec::TreeEnsembleParameters* trees(spec::Model& m) {
+schema::TreeEnsembleParameters* trees(schema::Model& m) {
   return m.mutable_treeensembleclassifier()->mutable_treeensemble();
 }
 
 const Broken kBrokenModels[] = {
-    {"VersionZero", [](spec::Model& m) { m.set_specificationversion(0); },
+    {"VersionZero", [](schema::Model& m) { m.set_specificationversion(0); },
      "specification version 0"},
     {"VersionFromTheFuture",
-     [](spec::Model& m) { m.set_specificationversion(kNewestSpecificationVersion + 1); },
+     [](schema::Model& m) { m.set_specificationversion(kNewestSpecificationVersion + 1); },
      "specification version"},
-    {"NoDescription", [](spec::Model& m) { m.clear_description(); }, "no description"},
-    {"NoKind", [](spec::Model& m) { m.clear_treeensembleclassifier(); }, "no kind"},
-    {"UnsupportedKind", [](spec::Model& m) { m.mutable_neuralnetworkclassifier(); },
+    {"NoDescription", [](schema::Model& m) { m.clear_description(); }, "no description"},
+    {"NoKind", [](schema::Model& m) { m.clear_treeensembleclassifier(); }, "no kind"},
+    {"UnsupportedKind", [](schema::Model& m) { m.mutable_neuralnetworkclassifier(); },
      "'neuralNetworkClassifier' are not supported"},
     {"InputWithoutType",
-     [](spec::Model& m) { m.mutable_description()->mutable_input(0)->clear_type(); },
+     [](schema::Model& m) { m.mutable_description()->mutable_input(0)->clear_type(); },
      "has no type"},
     {"DuplicateInputName",
-     [](spec::Model& m) { m.mutable_description()->mutable_input(1)->set_name("a"); },
+     [](schema::Model& m) { m.mutable_description()->mutable_input(1)->set_name("a"); },
      "two input features are named 'a'"},
     {"StringInputToTrees",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        m.mutable_description()->mutable_input(1)->mutable_type()->mutable_stringtype();
      },
      "only numbers and multi-arrays"},
     {"NoPredictedFeatureName",
-     [](spec::Model& m) { m.mutable_description()->clear_predictedfeaturename(); },
+     [](schema::Model& m) { m.mutable_description()->clear_predictedfeaturename(); },
      "does not name its predicted feature"},
     {"LabelTypeDiffersFromOutput",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        m.mutable_description()->mutable_output(0)->mutable_type()->mutable_stringtype();
      },
      "declared as string but the class labels are int64"},
     {"NoClassLabels",
-     [](spec::Model& m) { m.mutable_treeensembleclassifier()->clear_int64classlabels(); },
+     [](schema::Model& m) { m.mutable_treeensembleclassifier()->clear_int64classlabels(); },
      "no class labels"},
     {"RepeatedClassLabels",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        m.mutable_treeensembleclassifier()->mutable_int64classlabels()->set_vector(1, 0);
      },
      "class labels repeat"},
     {"LabelCountMismatch",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        m.mutable_treeensembleclassifier()->mutable_int64classlabels()->add_vector(7);
      },
      "predict 1 values for 3 class labels"},
     {"UndeclaredOutput",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        addFeature(m.mutable_description()->mutable_output(), "extra", "double");
      },
      "output 'extra' is declared"},
-    {"NoNodes", [](spec::Model& m) { trees(m)->clear_nodes(); }, "no nodes"},
-    {"ZeroDimensions", [](spec::Model& m) { trees(m)->set_numpredictiondimensions(0); },
+    {"NoNodes", [](schema::Model& m) { trees(m)->clear_nodes(); }, "no nodes"},
+    {"ZeroDimensions", [](schema::Model& m) { trees(m)->set_numpredictiondimensions(0); },
      "zero dimensions"},
     {"BaseValueCountMismatch",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        trees(m)->add_basepredictionvalue(1);
        trees(m)->add_basepredictionvalue(2);
      },
      "2 base values for 1 dimensions"},
     {"UnknownTransform",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        m.mutable_treeensembleclassifier()->set_postevaluationtransform(
-           static_cast<spec::TreeEnsemblePostEvaluationTransform>(9));
+           static_cast<schema::TreeEnsemblePostEvaluationTransform>(9));
      },
      "unknown post-evaluation transform"},
-    {"DanglingChild", [](spec::Model& m) { trees(m)->mutable_nodes(0)->set_falsechildnodeid(42); },
+    {"DanglingChild",
+     [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_falsechildnodeid(42); },
      "names child 42, which does not exist"},
-    {"ChildInAnotherTree", [](spec::Model& m) { trees(m)->mutable_nodes(2)->set_treeid(1); },
+    {"ChildInAnotherTree", [](schema::Model& m) { trees(m)->mutable_nodes(2)->set_treeid(1); },
      "names child 2, which does not exist"},
-    {"DuplicateNodeId", [](spec::Model& m) { trees(m)->mutable_nodes(2)->set_nodeid(1); },
+    {"DuplicateNodeId", [](schema::Model& m) { trees(m)->mutable_nodes(2)->set_nodeid(1); },
      "two nodes with id 1"},
-    {"SelfLoop", [](spec::Model& m) { trees(m)->mutable_nodes(0)->set_truechildnodeid(0); },
+    {"SelfLoop", [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_truechildnodeid(0); },
      "its own child"},
-    {"TwoRoots", [](spec::Model& m) { addLeaf(trees(m), 0, 3, 1.0); }, "several roots"},
+    {"TwoRoots", [](schema::Model& m) { addLeaf(trees(m), 0, 3, 1.0); }, "several roots"},
     {"CycleBesideTheRoot",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        addBranch(trees(m), 0, 10, 0, 0.0, 11, 11);
        addBranch(trees(m), 0, 11, 0, 0.0, 10, 10);
      },
      "contains a cycle"},
     {"CycleWithoutRoot",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        addBranch(trees(m), 5, 0, 0, 0.0, 1, 1);
        addBranch(trees(m), 5, 1, 0, 0.0, 0, 0);
      },
      "tree 5 has no root"},
     {"SharedChild",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        addBranch(trees(m), 2, 0, 0, 0.0, 1, 2);
        addBranch(trees(m), 2, 1, 1, 0.0, 3, 3);
        addBranch(trees(m), 2, 2, 1, 0.0, 3, 3);
@@ -114,53 +115,53 @@ const Broken kBrokenModels[] = {
      },
      "more than one parent"},
     {"FeatureIndexOutOfRange",
-     [](spec::Model& m) { trees(m)->mutable_nodes(0)->set_branchfeatureindex(2); },
+     [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_branchfeatureindex(2); },
      "reads input index 2 but the input has only 2 values"},
     {"EvaluationIndexOutOfRange",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        trees(m)->mutable_nodes(1)->mutable_evaluationinfo(0)->set_evaluationindex(1);
      },
      "adds to dimension 1 of only 1"},
     {"UnknownNodeBehaviour",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        trees(m)->mutable_nodes(0)->set_nodebehavior(static_cast<TreeNode::TreeNodeBehavior>(7));
      },
      "unknown behaviour 7"},
     {"EmptyPipeline",
-     [](spec::Model& m) {
+     [](schema::Model& m) {
        m.clear_treeensembleclassifier();
        m.mutable_pipelineclassifier()->mutable_pipeline();
      },
      "no stages"},
     {"PipelineStageInputNobodyProvides",
-     [](spec::Model& m) {
-       spec::Model stage = m;
+     [](schema::Model& m) {
+       schema::Model stage = m;
        stage.mutable_description()->mutable_input(1)->set_name("c");
        m.clear_treeensembleclassifier();
        *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
      },
      "needs input 'c'"},
     {"PipelineOutputNobodyProduces",
-     [](spec::Model& m) {
-       spec::Model stage = m;
+     [](schema::Model& m) {
+       schema::Model stage = m;
        m.clear_treeensembleclassifier();
        *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
        m.mutable_description()->mutable_output(1)->set_name("probabilities");
      },
      "pipeline output 'probabilities' is produced by no stage"},
     {"UnsupportedKindInsidePipeline",
-     [](spec::Model& m) {
-       spec::Model stage = m;
+     [](schema::Model& m) {
+       schema::Model stage = m;
        stage.mutable_supportvectorclassifier();
        m.clear_treeensembleclassifier();
        *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
      },
      "pipeline stage 0: models of kind 'supportVectorClassifier' are not supported"},
     {"DeeplyNestedPipelines",
-     [](spec::Model& m) {
-       spec::Model inner = m;
+     [](schema::Model& m) {
+       schema::Model inner = m;
        for (int i = 0; i < 20; ++i) {
-         spec::Model outer;
+         schema::Model outer;
          outer.set_specificationversion(1);
          *outer.mutable_description() = m.description();
          *outer.mutable_pipeline()->add_models() = inner;
@@ -174,7 +175,7 @@ const Broken kBrokenModels[] = {
 class Rejection : public ::testing::TestWithParam<Broken> {};
 
 TEST_P(Rejection, RefusesWithAClearMessage) {
-  spec::Model m = smallTreeClassifier();
+  schema::Model m = smallTreeClassifier();
   ASSERT_TRUE(build(m).ok()) << "the unbroken model must load";
   GetParam().breakIt(m);
   auto loaded = build(m);
@@ -209,8 +210,8 @@ TEST(coremlRejection, MissingFilesAndFoldersAreErrors) {
 }
 
 TEST(coremlRejection, LinearModelsWithInconsistentShapes) {
-  auto glm = [](int rows, int classes, spec::GLMClassifier::ClassEncoding encoding) {
-    spec::Model m = smallTreeClassifier();
+  auto glm = [](int rows, int classes, schema::GLMClassifier::ClassEncoding encoding) {
+    schema::Model m = smallTreeClassifier();
     m.clear_treeensembleclassifier();
     auto* g = m.mutable_glmclassifier();
     for (int r = 0; r < rows; ++r) {
@@ -222,25 +223,25 @@ TEST(coremlRejection, LinearModelsWithInconsistentShapes) {
     for (int c = 0; c < classes; ++c) g->mutable_int64classlabels()->add_vector(c);
     return m;
   };
-  EXPECT_TRUE(build(glm(1, 2, spec::GLMClassifier::ReferenceClass)).ok());
-  EXPECT_TRUE(build(glm(3, 3, spec::GLMClassifier::OneVsRest)).ok());
-  EXPECT_FALSE(build(glm(2, 3, spec::GLMClassifier::OneVsRest)).ok());
-  EXPECT_FALSE(build(glm(2, 3, spec::GLMClassifier::ReferenceClass)).ok());
+  EXPECT_TRUE(build(glm(1, 2, schema::GLMClassifier::ReferenceClass)).ok());
+  EXPECT_TRUE(build(glm(3, 3, schema::GLMClassifier::OneVsRest)).ok());
+  EXPECT_FALSE(build(glm(2, 3, schema::GLMClassifier::OneVsRest)).ok());
+  EXPECT_FALSE(build(glm(2, 3, schema::GLMClassifier::ReferenceClass)).ok());
 
-  spec::Model wide = glm(1, 2, spec::GLMClassifier::ReferenceClass);
+  schema::Model wide = glm(1, 2, schema::GLMClassifier::ReferenceClass);
   wide.mutable_glmclassifier()->mutable_weights(0)->add_value(3.0);
   auto loaded = build(wide);
   ASSERT_FALSE(loaded.ok());
   EXPECT_NE(loaded.message().find("3 weights per row but its inputs have 2"), std::string::npos)
       << loaded.message();
 
-  spec::Model offsets = glm(1, 2, spec::GLMClassifier::ReferenceClass);
+  schema::Model offsets = glm(1, 2, schema::GLMClassifier::ReferenceClass);
   offsets.mutable_glmclassifier()->add_offset(1);
   offsets.mutable_glmclassifier()->add_offset(2);
   EXPECT_FALSE(build(offsets).ok());
 
-  spec::Model probit = glm(3, 3, spec::GLMClassifier::OneVsRest);
-  probit.mutable_glmclassifier()->set_postevaluationtransform(spec::GLMClassifier::Probit);
+  schema::Model probit = glm(3, 3, schema::GLMClassifier::OneVsRest);
+  probit.mutable_glmclassifier()->set_postevaluationtransform(schema::GLMClassifier::Probit);
   EXPECT_FALSE(build(probit).ok());
 }
 
