@@ -1,0 +1,63 @@
+// File: Result.h
+// A value or an error with a readable message. The runtime reports every failure this way:
+// nothing it is handed (files, bytes, feature values) can make it throw or crash.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <variant>
+
+namespace orvane::coreml {
+
+class Error {
+ public:
+  explicit Error(std::string message) : message_(std::move(message)) {}
+  const std::string& message() const { return message_; }
+
+ private:
+  std::string message_;
+};
+
+template <typename T>
+class [[nodiscard]] Result {
+ public:
+  Result(T value) : state_(std::in_place_index<0>, std::move(value)) {}      // NOLINT: implicit
+  Result(Error error) : state_(std::in_place_index<1>, std::move(error)) {}  // NOLINT: implicit
+
+  bool ok() const { return state_.index() == 0; }
+  explicit operator bool() const { return ok(); }
+
+  // Only valid when ok().
+  T& value() & { return std::get<0>(state_); }
+  const T& value() const& { return std::get<0>(state_); }
+  T&& value() && { return std::get<0>(std::move(state_)); }
+  T& operator*() & { return value(); }
+  const T& operator*() const& { return value(); }
+  T* operator->() { return &value(); }
+  const T* operator->() const { return &value(); }
+
+  // Only valid when !ok().
+  const Error& error() const { return std::get<1>(state_); }
+  const std::string& message() const { return error().message(); }
+
+ private:
+  std::variant<T, Error> state_;
+};
+
+// Success without a value, or an error.
+class [[nodiscard]] Status {
+ public:
+  Status() = default;
+  Status(Error error) : error_(std::move(error)), failed_(true) {}  // NOLINT: implicit
+
+  bool ok() const { return !failed_; }
+  explicit operator bool() const { return ok(); }
+  const std::string& message() const { return error_.message(); }
+  const Error& error() const { return error_; }
+
+ private:
+  Error error_{""};
+  bool failed_ = false;
+};
+
+}  // namespace orvane::coreml

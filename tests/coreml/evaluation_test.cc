@@ -1,0 +1,423 @@
+// File: evaluation_test.cc
+// Evaluation rules that the scikit-learn fixtures do not reach: every branch behaviour at and
+// around its threshold, missing values, the transforms on hand-made scores, probit, the
+// preprocessing steps, input conversion, and the compiled folder.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <thread>
+
+#include "coreml_test_support.h"
+
+namespace orvane::coreml {
+namespace {
+
+using namespace testing;  // NOLINT: the helpers of this folder
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+// One stump over input "x": behaviour `b` against 1.0; the true leaf gives +1, the false -1.
+schema::Model stump(TreeNode::TreeNodeBehavior b, bool missingGoesTrue) {
+  schema::Model m;
+  m.set_specificationversion(1);
+  addFeature(m.mutable_description()->mutable_input(), "x", "double");
+  addFeature(m.mutable_description()->mutable_output(), "y", "double");
+  m.mutable_description()->set_predictedfeaturename("y");
+  auto* params = m.mutable_treeensembleregressor()->mutable_treeensemble();
+  params->set_numpredictiondimensions(1);
+  addBranch(params, 0, 0, 0, 1.0, 1, 2, b)->set_missingvaluetrackstruechild(missingGoesTrue);
+  addLeaf(params, 0, 1, 1.0);
+  addLeaf(params, 0, 2, -1.0);
+  return m;
+}
+
+double predictY(const Model& model, FeatureValue x) {
+  auto out = predictWith(model, {{"x", std::move(x)}});
+  EXPECT_TRUE(out.ok()) << out.message();
+  return out.ok() ? out->at("y").doubleValue().value_or(kNaN) : kNaN;
+}
+
+struct BehaviourCase {
+  TreeNode::TreeNodeBehavior behaviour;
+  // Whether the true branch is taken for x = 0.5, 1.0 (the threshold) and 1.5.
+  bool below, at, above;
+};
+
+class coremlBranchBehaviour : public ::testing::TestWithParam<BehaviourCase> {};
+
+TEST_P(coremlBranchBehaviour, ComparesAndRoutesMissingValuesByTheNodesFlag) {
+  const auto& c = GetParam();
+  for (bool missingGoesTrue : {false, true}) {
+    auto model = build(stump(c.behaviour, missingGoesTrue));
+    ASSERT_TRUE(model.ok()) << model.message();
+    EXPECT_EQ(predictY(*model, FeatureValue::fromDouble(0.5)), c.below ? 1.0 : -1.0);
+    EXPECT_EQ(predictY(*model, FeatureValue::fromDouble(1.0)), c.at ? 1.0 : -1.0);
+    EXPECT_EQ(predictY(*model, FeatureValue::fromDouble(1.5)), c.above ? 1.0 : -1.0);
+    // NaN and a missing (undefined) value follow the flag whatever the comparison.
+    EXPECT_EQ(predictY(*model, FeatureValue::fromDouble(kNaN)), missingGoesTrue ? 1.0 : -1.0);
+    EXPECT_EQ(predictY(*model, FeatureValue::undefined(FeatureType::kDouble)),
+              missingGoesTrue ? 1.0 : -1.0);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, coremlBranchBehaviour,
+    ::testing::Values(BehaviourCase{TreeNode::BranchOnValueLessThanEqual, true, true, false},
+                      BehaviourCase{TreeNode::BranchOnValueLessThan, true, false, false},
+                      BehaviourCase{TreeNode::BranchOnValueGreaterThanEqual, false, true, true},
+                      BehaviourCase{TreeNode::BranchOnValueGreaterThan, false, false, true},
+                      BehaviourCase{TreeNode::BranchOnValueEqual, false, true, false},
+                      BehaviourCase{TreeNode::BranchOnValueNotEqual, true, false, true}));
+
+// A classifier whose trees add fixed scores, so the transform alone decides the answer.
+schema::Model fixedScores(std::vector<double> scores, schema::TreeEnsemblePostEvaluationTransform t,
+                          int classes) {
+  schema::Model m = smallTreeClassifier();
+  auto* tec = m.mutable_treeensembleclassifier();
+  tec->set_postevaluationtransform(t);
+  tec->mutable_int64classlabels()->clear_vector();
+  for (int c = 0; c < classes; ++c) tec->mutable_int64classlabels()->add_vector(10 + c);
+  auto* params = tec->mutable_treeensemble();
+  params->Clear();
+  params->set_numpredictiondimensions(scores.size());
+  auto* leaf = addLeaf(params, 0, 0, scores[0], 0);
+  for (size_t i = 1; i < scores.size(); ++i) {
+    auto* info = leaf->add_evaluationinfo();
+    info->set_evaluationindex(i);
+    info->set_evaluationvalue(scores[i]);
+  }
+  return m;
+}
+
+std::map<int64_t, double> probabilities(const schema::Model& m) {
+  auto model = build(m);
+  EXPECT_TRUE(model.ok()) << model.message();
+  if (!model.ok()) return {};
+  auto out =
+      predictWith(*model, {{"a", FeatureValue::fromDouble(0)}, {"b", FeatureValue::fromDouble(0)}});
+  EXPECT_TRUE(out.ok()) << out.message();
+  if (!out.ok()) return {};
+  const auto* dict = out->at("classProbability").int64DictionaryValue();
+  return dict ? *dict : std::map<int64_t, double>{};
+}
+
+TEST(coremlTransforms, ShapeScoresIntoProbabilities) {
+  const double s = 0.7;
+  const double logistic = 1.0 / (1.0 + std::exp(-s));
+  // One score for two classes is the probability of the second class.
+  auto p = probabilities(fixedScores({s}, schema::Regression_Logistic, 2));
+  EXPECT_DOUBLE_EQ(p[11], logistic);
+  EXPECT_DOUBLE_EQ(p[10], 1.0 - logistic);
+  // The zero class reference puts a fixed 0 in front: softmax([0, s]) is the logistic of s.
+  p = probabilities(fixedScores({s}, schema::Classification_SoftMaxWithZeroClassReference, 2));
+  EXPECT_NEAR(p[11], logistic, 1e-15);
+  p = probabilities(
+      fixedScores({1.0, 2.0}, schema::Classification_SoftMaxWithZeroClassReference, 3));
+  const double z = 1.0 + std::exp(1.0) + std::exp(2.0);
+  EXPECT_NEAR(p[10], 1.0 / z, 1e-15);
+  EXPECT_NEAR(p[12], std::exp(2.0) / z, 1e-15);
+  // Soft-max of large scores must not overflow.
+  p = probabilities(fixedScores({1000.0, 1000.0, 999.0}, schema::Classification_SoftMax, 3));
+  EXPECT_NEAR(p[10], p[11], 1e-15);
+  EXPECT_NEAR(p[10] + p[11] + p[12], 1.0, 1e-15);
+  // No transform passes scores through.
+  p = probabilities(fixedScores({0.25, 0.75}, schema::NoTransform, 2));
+  EXPECT_EQ(p[10], 0.25);
+  EXPECT_EQ(p[11], 0.75);
+}
+
+TEST(coremlTransforms, TiesPickTheFirstLabel) {
+  auto model = build(fixedScores({0.5, 0.5}, schema::NoTransform, 2));
+  ASSERT_TRUE(model.ok());
+  auto out =
+      predictWith(*model, {{"a", FeatureValue::fromDouble(0)}, {"b", FeatureValue::fromDouble(0)}});
+  ASSERT_TRUE(out.ok());
+  EXPECT_EQ(out->at("classLabel").int64Value(), 10);
+}
+
+TEST(coremlLinear, ProbitUsesTheNormalDistribution) {
+  schema::Model m = smallTreeClassifier();
+  m.clear_treeensembleclassifier();
+  auto* g = m.mutable_glmclassifier();
+  auto* row = g->add_weights();
+  row->add_value(2.0);
+  row->add_value(-1.0);
+  g->add_offset(0.5);
+  g->set_postevaluationtransform(schema::GLMClassifier::Probit);
+  g->mutable_stringclasslabels()->add_vector("no");
+  g->mutable_stringclasslabels()->add_vector("yes");
+  m.mutable_description()->mutable_output(0)->mutable_type()->mutable_stringtype();
+  m.mutable_description()
+      ->mutable_output(1)
+      ->mutable_type()
+      ->mutable_dictionarytype()
+      ->mutable_stringkeytype();
+  auto model = build(m);
+  ASSERT_TRUE(model.ok()) << model.message();
+  auto out = predictWith(*model,
+                         {{"a", FeatureValue::fromDouble(0.3)}, {"b", FeatureValue::fromInt64(2)}});
+  ASSERT_TRUE(out.ok()) << out.message();
+  const double z = 0.5 + 2.0 * 0.3 - 2.0;
+  const double phi = 0.5 * std::erfc(-z / std::sqrt(2.0));
+  EXPECT_NEAR(out->at("classProbability").stringDictionaryValue()->at("yes"), phi, 1e-15);
+  EXPECT_EQ(*out->at("classLabel").stringValue(), phi > 0.5 ? "yes" : "no");
+}
+
+// ---- Preprocessing steps, each as a one-stage model ---------------------------------------
+
+schema::Model step(const std::string& inKind, const std::string& outKind) {
+  schema::Model m;
+  m.set_specificationversion(1);
+  addFeature(m.mutable_description()->mutable_input(), "in", inKind);
+  addFeature(m.mutable_description()->mutable_output(), "out", outKind);
+  return m;
+}
+
+Result<FeatureValue> runStep(const schema::Model& m, FeatureValue in) {
+  auto model = build(m);
+  if (!model) return model.error();
+  auto out = predictWith(*model, {{"in", std::move(in)}});
+  if (!out) return out.error();
+  return out->at("out");
+}
+
+std::vector<double> valuesOf(const Result<FeatureValue>& v) {
+  EXPECT_TRUE(v.ok()) << (v.ok() ? "" : v.message());
+  if (!v.ok() || !v->multiArrayValue()) return {};
+  return v->multiArrayValue()->values;
+}
+
+TEST(coremlPreprocessing, OneHotEncoderHandlesKnownUnknownAndMissing) {
+  schema::Model m = step("string", "array");
+  auto* oh = m.mutable_onehotencoder();
+  for (const char* c : {"a", "b", "c"}) oh->mutable_stringcategories()->add_vector(c);
+  EXPECT_EQ(valuesOf(runStep(m, FeatureValue::fromString("b"))), (std::vector<double>{0, 1, 0}));
+  auto unknown = runStep(m, FeatureValue::fromString("z"));
+  ASSERT_FALSE(unknown.ok());
+  EXPECT_NE(unknown.message().find("unknown category 'z'"), std::string::npos);
+
+  oh->set_handleunknown(schema::OneHotEncoder::IgnoreUnknown);
+  EXPECT_EQ(valuesOf(runStep(m, FeatureValue::fromString("z"))), (std::vector<double>{0, 0, 0}));
+  EXPECT_EQ(valuesOf(runStep(m, FeatureValue::undefined(FeatureType::kString))),
+            (std::vector<double>{0, 0, 0}));
+
+  oh->set_outputsparse(true);
+  auto sparse = runStep(m, FeatureValue::fromString("c"));
+  ASSERT_TRUE(sparse.ok());
+  ASSERT_NE(sparse->int64DictionaryValue(), nullptr);
+  EXPECT_EQ(*sparse->int64DictionaryValue(), (FeatureValue::Int64Dictionary{{2, 1.0}}));
+
+  schema::Model ints = step("int64", "array");
+  for (int64_t c : {7, -3}) ints.mutable_onehotencoder()->mutable_int64categories()->add_vector(c);
+  EXPECT_EQ(valuesOf(runStep(ints, FeatureValue::fromInt64(-3))), (std::vector<double>{0, 1}));
+}
+
+TEST(coremlPreprocessing, ImputerReplacesMissingAndMarkedValues) {
+  schema::Model m = step("double", "double");
+  m.mutable_imputer()->set_imputeddoublevalue(4.5);
+  m.mutable_imputer()->set_replacedoublevalue(-1.0);
+  EXPECT_EQ(runStep(m, FeatureValue::fromDouble(kNaN))->doubleValue(), 4.5);
+  EXPECT_EQ(runStep(m, FeatureValue::fromDouble(-1.0))->doubleValue(), 4.5);
+  EXPECT_EQ(runStep(m, FeatureValue::fromDouble(2.0))->doubleValue(), 2.0);
+  EXPECT_EQ(runStep(m, FeatureValue::undefined(FeatureType::kDouble))->doubleValue(), 4.5);
+
+  schema::Model text = step("string", "string");
+  text.mutable_imputer()->set_imputedstringvalue("other");
+  text.mutable_imputer()->set_replacestringvalue("");
+  EXPECT_EQ(*runStep(text, FeatureValue::fromString(""))->stringValue(), "other");
+  EXPECT_EQ(*runStep(text, FeatureValue::fromString("x"))->stringValue(), "x");
+}
+
+TEST(coremlPreprocessing, ScalerShiftsThenScalesPerElementOrBroadcast) {
+  schema::Model m = step("array", "array");
+  m.mutable_scaler()->add_shiftvalue(1.0);
+  m.mutable_scaler()->add_shiftvalue(-2.0);
+  m.mutable_scaler()->add_scalevalue(3.0);
+  EXPECT_EQ(valuesOf(runStep(m, FeatureValue::fromDoubles({1.0, 4.0}))),
+            (std::vector<double>{6.0, 6.0}));
+  EXPECT_FALSE(runStep(m, FeatureValue::fromDoubles({1.0, 2.0, 3.0})).ok());
+}
+
+TEST(coremlPreprocessing, NormalizerNorms) {
+  struct Case {
+    schema::Normalizer::NormType norm;
+    std::vector<double> expected;
+  };
+  for (const auto& c : {Case{schema::Normalizer::LMax, {-0.75, 1.0}},
+                        Case{schema::Normalizer::L1, {-3.0 / 7.0, 4.0 / 7.0}},
+                        Case{schema::Normalizer::L2, {-0.6, 0.8}}}) {
+    schema::Model m = step("array", "array");
+    m.mutable_normalizer()->set_normtype(c.norm);
+    const auto out = valuesOf(runStep(m, FeatureValue::fromDoubles({-3.0, 4.0})));
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_NEAR(out[0], c.expected[0], 1e-15) << c.norm;
+    EXPECT_NEAR(out[1], c.expected[1], 1e-15) << c.norm;
+    // A zero vector is left alone rather than divided by zero.
+    EXPECT_EQ(valuesOf(runStep(m, FeatureValue::fromDoubles({0.0, 0.0}))),
+              (std::vector<double>{0.0, 0.0}));
+  }
+}
+
+TEST(coremlPreprocessing, ArrayFeatureExtractorAndDictVectorizer) {
+  schema::Model one = step("array", "double");
+  one.mutable_arrayfeatureextractor()->add_extractindex(2);
+  EXPECT_EQ(runStep(one, FeatureValue::fromDoubles({5, 6, 7}))->doubleValue(), 7.0);
+  auto outside = runStep(one, FeatureValue::fromDoubles({5, 6}));
+  ASSERT_FALSE(outside.ok());
+  EXPECT_NE(outside.message().find("index 2"), std::string::npos);
+
+  schema::Model two = step("array", "array");
+  two.mutable_arrayfeatureextractor()->add_extractindex(1);
+  two.mutable_arrayfeatureextractor()->add_extractindex(0);
+  EXPECT_EQ(valuesOf(runStep(two, FeatureValue::fromDoubles({5, 6}))), (std::vector<double>{6, 5}));
+
+  schema::Model dv = step("stringdict", "array");
+  for (const char* k : {"a", "c", "b"})
+    dv.mutable_dictvectorizer()->mutable_stringtoindex()->add_vector(k);
+  EXPECT_EQ(valuesOf(runStep(dv, FeatureValue::fromDictionary(FeatureValue::StringDictionary{
+                                     {"a", 4}, {"b", 8}, {"z", 1}}))),
+            (std::vector<double>{4, 0, 8}));
+}
+
+// ---- Inputs ------------------------------------------------------------------------------
+
+TEST(coremlInputs, ConversionsAndRefusals) {
+  auto model = build(smallTreeClassifier());
+  ASSERT_TRUE(model.ok());
+  auto p1 = [&](FeatureValue a) -> Result<double> {
+    auto out = predictWith(*model, {{"a", std::move(a)}, {"b", FeatureValue::fromDouble(0)}});
+    if (!out) return out.error();
+    return out->at("classProbability").int64DictionaryValue()->at(1);
+  };
+  const double left = 1.0 / (1.0 + std::exp(-2.0));
+  // An int64 is read as the same double, on both sides of the split.
+  EXPECT_EQ(p1(FeatureValue::fromInt64(0)).value(), left);
+  EXPECT_EQ(p1(FeatureValue::fromInt64(1)).value(), 1.0 / (1.0 + std::exp(2.0)));
+  EXPECT_EQ(p1(FeatureValue::fromDouble(0.0)).value(), left);
+  EXPECT_FALSE(p1(FeatureValue::fromDoubles({0.0})).ok());
+  EXPECT_FALSE(p1(FeatureValue::fromString("0")).ok());
+  auto missing = predictWith(*model, {{"a", FeatureValue::fromDouble(0)}});
+  ASSERT_FALSE(missing.ok());
+  EXPECT_NE(missing.message().find("missing input 'b'"), std::string::npos);
+}
+
+TEST(coremlInputs, OptionalInputsMayBeAbsentAndReadAsMissing) {
+  schema::Model m = stump(TreeNode::BranchOnValueLessThanEqual, true);
+  m.mutable_description()->mutable_input(0)->mutable_type()->set_isoptional(true);
+  auto model = build(m);
+  ASSERT_TRUE(model.ok());
+  auto out = model->predict(DictionaryFeatureProvider{});
+  ASSERT_TRUE(out.ok()) << out.message();
+  EXPECT_EQ(out->at("y").doubleValue(), 1.0);
+}
+
+TEST(coremlInputs, MultiArrayShapesMustMatchTheDeclaration) {
+  schema::Model m = step("array", "array");
+  m.mutable_description()->mutable_input(0)->mutable_type()->mutable_multiarraytype()->add_shape(3);
+  m.mutable_normalizer()->set_normtype(schema::Normalizer::L1);
+  EXPECT_TRUE(runStep(m, FeatureValue::fromDoubles({1, 1, 2})).ok());
+  EXPECT_FALSE(runStep(m, FeatureValue::fromDoubles({1, 1})).ok());
+  EXPECT_FALSE(runStep(m, FeatureValue::fromMultiArray({{2, 2}, {1, 2, 3}})).ok());
+}
+
+class ThrowingProvider : public FeatureProvider {
+ public:
+  std::vector<std::string> featureNames() const override { return {}; }
+  std::optional<FeatureValue> featureValue(const std::string&) const override {
+    throw std::runtime_error("host bug");
+  }
+};
+
+TEST(coremlInputs, AThrowingProviderBecomesAnError) {
+  auto model = build(smallTreeClassifier());
+  ASSERT_TRUE(model.ok());
+  auto out = model->predict(ThrowingProvider{});
+  ASSERT_FALSE(out.ok());
+  EXPECT_NE(out.message().find("host bug"), std::string::npos);
+}
+
+TEST(coremlInputs, ConcurrentPredictionsAgree) {
+  auto model = Model::loadModelFile(fixturesDir() + "/gbc_binary.mlmodel");
+  ASSERT_TRUE(model.ok()) << model.message();
+  auto run = [&](double shift) {
+    std::map<std::string, FeatureValue> in;
+    for (int i = 0; i < 6; ++i) in["f" + std::to_string(i)] = FeatureValue::fromDouble(shift * i);
+    return predictWith(*model, in).value().at("classProbability");
+  };
+  const FeatureValue expected = run(0.1);
+  std::vector<std::thread> threads;
+  std::atomic<int> mismatches{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200; ++i) {
+        if (!(run(0.1) == expected)) ++mismatches;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(mismatches.load(), 0);
+}
+
+// ---- The compiled folder -----------------------------------------------------------------
+
+class coremlCompiled : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = std::filesystem::temp_directory_path() /
+           ("coreml_compiled_" + std::to_string(::getpid()) + "_" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::create_directories(dir_);
+    source_ = (dir_ / "Flow.mlmodel").string();
+    std::ofstream(source_, std::ios::binary) << smallTreeClassifier().SerializeAsString();
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  std::filesystem::path dir_;
+  std::string source_;
+};
+
+TEST_F(coremlCompiled, RoundTripKeepsTheModelAndReplacesAnOldFolder) {
+  auto first = compileModel(source_, (dir_ / "out").string());
+  ASSERT_TRUE(first.ok()) << first.message();
+  EXPECT_EQ(first.value(), (dir_ / "out" / "Flow.mlmodelc").string());
+  std::ofstream(dir_ / "out" / "Flow.mlmodelc" / "stale", std::ios::binary) << "x";
+  auto second = compileModel(source_, (dir_ / "out").string());
+  ASSERT_TRUE(second.ok()) << second.message();
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "out" / "Flow.mlmodelc" / "stale"));
+  auto model = Model::load(second.value());
+  ASSERT_TRUE(model.ok()) << model.message();
+  EXPECT_EQ(model->kindName(), "treeEnsembleClassifier");
+  EXPECT_EQ(model->description().inputs.size(), 2u);
+}
+
+TEST_F(coremlCompiled, RefusesInvalidModelsAndTamperedFolders) {
+  std::ofstream(dir_ / "Bad.mlmodel", std::ios::binary) << "\x08\x63";  // version 99, no body
+  auto bad = compileModel((dir_ / "Bad.mlmodel").string(), (dir_ / "out").string());
+  ASSERT_FALSE(bad.ok());
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "out" / "Bad.mlmodelc"));
+
+  auto compiled = compileModel(source_, (dir_ / "out").string());
+  ASSERT_TRUE(compiled.ok());
+  const auto folder = std::filesystem::path(compiled.value());
+  {
+    std::fstream f(folder / kCompiledModelFileName,
+                   std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(3);
+    f.put('\x7f');
+  }
+  auto tampered = Model::load(folder.string());
+  ASSERT_FALSE(tampered.ok());
+  EXPECT_NE(tampered.message().find("do not match"), std::string::npos);
+
+  std::ofstream(folder / kCompiledManifestFileName) << R"({"formatVersion": 2})";
+  auto future = Model::load(folder.string());
+  ASSERT_FALSE(future.ok());
+  EXPECT_NE(future.message().find("compiled format version 2"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace orvane::coreml

@@ -1,0 +1,249 @@
+// File: rejection_test.cc
+// Broken and hostile model files must be refused with an error that names the problem; none
+// may crash or load.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "coreml_test_support.h"
+
+namespace orvane::coreml {
+namespace {
+
+using namespace testing;  // NOLINT: the helpers of this folder
+
+struct Broken {
+  const char* name;
+  std::function<void(schema::Model&)> breakIt;
+  const char* messagePart;
+};
+
+schema::TreeEnsembleParameters* trees(schema::Model& m) {
+  return m.mutable_treeensembleclassifier()->mutable_treeensemble();
+}
+
+const Broken kBrokenModels[] = {
+    {"VersionZero", [](schema::Model& m) { m.set_specificationversion(0); },
+     "specification version 0"},
+    {"VersionFromTheFuture",
+     [](schema::Model& m) { m.set_specificationversion(kNewestSpecificationVersion + 1); },
+     "specification version"},
+    {"NoDescription", [](schema::Model& m) { m.clear_description(); }, "no description"},
+    {"NoKind", [](schema::Model& m) { m.clear_treeensembleclassifier(); }, "no kind"},
+    {"UnsupportedKind", [](schema::Model& m) { m.mutable_neuralnetworkclassifier(); },
+     "'neuralNetworkClassifier' are not supported"},
+    {"InputWithoutType",
+     [](schema::Model& m) { m.mutable_description()->mutable_input(0)->clear_type(); },
+     "has no type"},
+    {"DuplicateInputName",
+     [](schema::Model& m) { m.mutable_description()->mutable_input(1)->set_name("a"); },
+     "two input features are named 'a'"},
+    {"StringInputToTrees",
+     [](schema::Model& m) {
+       m.mutable_description()->mutable_input(1)->mutable_type()->mutable_stringtype();
+     },
+     "only numbers and multi-arrays"},
+    {"NoPredictedFeatureName",
+     [](schema::Model& m) { m.mutable_description()->clear_predictedfeaturename(); },
+     "does not name its predicted feature"},
+    {"LabelTypeDiffersFromOutput",
+     [](schema::Model& m) {
+       m.mutable_description()->mutable_output(0)->mutable_type()->mutable_stringtype();
+     },
+     "declared as string but the class labels are int64"},
+    {"NoClassLabels",
+     [](schema::Model& m) { m.mutable_treeensembleclassifier()->clear_int64classlabels(); },
+     "no class labels"},
+    {"RepeatedClassLabels",
+     [](schema::Model& m) {
+       m.mutable_treeensembleclassifier()->mutable_int64classlabels()->set_vector(1, 0);
+     },
+     "class labels repeat"},
+    {"LabelCountMismatch",
+     [](schema::Model& m) {
+       m.mutable_treeensembleclassifier()->mutable_int64classlabels()->add_vector(7);
+     },
+     "predict 1 values for 3 class labels"},
+    {"UndeclaredOutput",
+     [](schema::Model& m) {
+       addFeature(m.mutable_description()->mutable_output(), "extra", "double");
+     },
+     "output 'extra' is declared"},
+    {"NoNodes", [](schema::Model& m) { trees(m)->clear_nodes(); }, "no nodes"},
+    {"ZeroDimensions", [](schema::Model& m) { trees(m)->set_numpredictiondimensions(0); },
+     "zero dimensions"},
+    {"BaseValueCountMismatch",
+     [](schema::Model& m) {
+       trees(m)->add_basepredictionvalue(1);
+       trees(m)->add_basepredictionvalue(2);
+     },
+     "2 base values for 1 dimensions"},
+    {"UnknownTransform",
+     [](schema::Model& m) {
+       m.mutable_treeensembleclassifier()->set_postevaluationtransform(
+           static_cast<schema::TreeEnsemblePostEvaluationTransform>(9));
+     },
+     "unknown post-evaluation transform"},
+    {"DanglingChild",
+     [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_falsechildnodeid(42); },
+     "names child 42, which does not exist"},
+    {"ChildInAnotherTree", [](schema::Model& m) { trees(m)->mutable_nodes(2)->set_treeid(1); },
+     "names child 2, which does not exist"},
+    {"DuplicateNodeId", [](schema::Model& m) { trees(m)->mutable_nodes(2)->set_nodeid(1); },
+     "two nodes with id 1"},
+    {"SelfLoop", [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_truechildnodeid(0); },
+     "its own child"},
+    {"TwoRoots", [](schema::Model& m) { addLeaf(trees(m), 0, 3, 1.0); }, "several roots"},
+    {"CycleBesideTheRoot",
+     [](schema::Model& m) {
+       addBranch(trees(m), 0, 10, 0, 0.0, 11, 11);
+       addBranch(trees(m), 0, 11, 0, 0.0, 10, 10);
+     },
+     "contains a cycle"},
+    {"CycleWithoutRoot",
+     [](schema::Model& m) {
+       addBranch(trees(m), 5, 0, 0, 0.0, 1, 1);
+       addBranch(trees(m), 5, 1, 0, 0.0, 0, 0);
+     },
+     "tree 5 has no root"},
+    {"SharedChild",
+     [](schema::Model& m) {
+       addBranch(trees(m), 2, 0, 0, 0.0, 1, 2);
+       addBranch(trees(m), 2, 1, 1, 0.0, 3, 3);
+       addBranch(trees(m), 2, 2, 1, 0.0, 3, 3);
+       addLeaf(trees(m), 2, 3, 1.0);
+     },
+     "more than one parent"},
+    {"FeatureIndexOutOfRange",
+     [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_branchfeatureindex(2); },
+     "reads input index 2 but the input has only 2 values"},
+    {"EvaluationIndexOutOfRange",
+     [](schema::Model& m) {
+       trees(m)->mutable_nodes(1)->mutable_evaluationinfo(0)->set_evaluationindex(1);
+     },
+     "adds to dimension 1 of only 1"},
+    {"UnknownNodeBehaviour",
+     [](schema::Model& m) {
+       trees(m)->mutable_nodes(0)->set_nodebehavior(static_cast<TreeNode::TreeNodeBehavior>(7));
+     },
+     "unknown behaviour 7"},
+    {"EmptyPipeline",
+     [](schema::Model& m) {
+       m.clear_treeensembleclassifier();
+       m.mutable_pipelineclassifier()->mutable_pipeline();
+     },
+     "no stages"},
+    {"PipelineStageInputNobodyProvides",
+     [](schema::Model& m) {
+       schema::Model stage = m;
+       stage.mutable_description()->mutable_input(1)->set_name("c");
+       m.clear_treeensembleclassifier();
+       *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
+     },
+     "needs input 'c'"},
+    {"PipelineOutputNobodyProduces",
+     [](schema::Model& m) {
+       schema::Model stage = m;
+       m.clear_treeensembleclassifier();
+       *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
+       m.mutable_description()->mutable_output(1)->set_name("probabilities");
+     },
+     "pipeline output 'probabilities' is produced by no stage"},
+    {"UnsupportedKindInsidePipeline",
+     [](schema::Model& m) {
+       schema::Model stage = m;
+       stage.mutable_supportvectorclassifier();
+       m.clear_treeensembleclassifier();
+       *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
+     },
+     "pipeline stage 0: models of kind 'supportVectorClassifier' are not supported"},
+    {"DeeplyNestedPipelines",
+     [](schema::Model& m) {
+       schema::Model inner = m;
+       for (int i = 0; i < 20; ++i) {
+         schema::Model outer;
+         outer.set_specificationversion(1);
+         *outer.mutable_description() = m.description();
+         *outer.mutable_pipeline()->add_models() = inner;
+         inner = outer;
+       }
+       m = inner;
+     },
+     "nested too deeply"},
+};
+
+class Rejection : public ::testing::TestWithParam<Broken> {};
+
+TEST_P(Rejection, RefusesWithAClearMessage) {
+  schema::Model m = smallTreeClassifier();
+  ASSERT_TRUE(build(m).ok()) << "the unbroken model must load";
+  GetParam().breakIt(m);
+  auto loaded = build(m);
+  ASSERT_FALSE(loaded.ok());
+  EXPECT_NE(loaded.message().find(GetParam().messagePart), std::string::npos) << loaded.message();
+}
+
+INSTANTIATE_TEST_SUITE_P(coreml, Rejection, ::testing::ValuesIn(kBrokenModels),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(coremlRejection, EveryTruncationOfAValidFileFailsCleanly) {
+  const std::string bytes = smallTreeClassifier().SerializeAsString();
+  for (size_t n = 0; n < bytes.size(); ++n) {
+    auto loaded = Model::fromBytes(bytes.data(), n);
+    EXPECT_FALSE(loaded.ok()) << "prefix of " << n << " bytes loaded";
+  }
+}
+
+TEST(coremlRejection, GarbageAndOversizedInputsFail) {
+  const std::string garbage = "\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01 not a model";
+  EXPECT_FALSE(Model::fromBytes(garbage.data(), garbage.size()).ok());
+  EXPECT_FALSE(Model::fromBytes(nullptr, 0).ok());
+  auto huge = Model::fromBytes(garbage.data(), kMaxModelFileBytes + 1);
+  ASSERT_FALSE(huge.ok());
+  EXPECT_NE(huge.message().find("limit"), std::string::npos);
+}
+
+TEST(coremlRejection, MissingFilesAndFoldersAreErrors) {
+  EXPECT_FALSE(Model::loadModelFile("/nonexistent/model.mlmodel").ok());
+  EXPECT_FALSE(Model::load("/nonexistent/model.mlmodelc").ok());
+  EXPECT_FALSE(compileModel("/nonexistent/model.mlmodel", "/tmp").ok());
+}
+
+TEST(coremlRejection, LinearModelsWithInconsistentShapes) {
+  auto glm = [](int rows, int classes, schema::GLMClassifier::ClassEncoding encoding) {
+    schema::Model m = smallTreeClassifier();
+    m.clear_treeensembleclassifier();
+    auto* g = m.mutable_glmclassifier();
+    for (int r = 0; r < rows; ++r) {
+      auto* row = g->add_weights();
+      row->add_value(1.0);
+      row->add_value(2.0);
+    }
+    g->set_classencoding(encoding);
+    for (int c = 0; c < classes; ++c) g->mutable_int64classlabels()->add_vector(c);
+    return m;
+  };
+  EXPECT_TRUE(build(glm(1, 2, schema::GLMClassifier::ReferenceClass)).ok());
+  EXPECT_TRUE(build(glm(3, 3, schema::GLMClassifier::OneVsRest)).ok());
+  EXPECT_FALSE(build(glm(2, 3, schema::GLMClassifier::OneVsRest)).ok());
+  EXPECT_FALSE(build(glm(2, 3, schema::GLMClassifier::ReferenceClass)).ok());
+
+  schema::Model wide = glm(1, 2, schema::GLMClassifier::ReferenceClass);
+  wide.mutable_glmclassifier()->mutable_weights(0)->add_value(3.0);
+  auto loaded = build(wide);
+  ASSERT_FALSE(loaded.ok());
+  EXPECT_NE(loaded.message().find("3 weights per row but its inputs have 2"), std::string::npos)
+      << loaded.message();
+
+  schema::Model offsets = glm(1, 2, schema::GLMClassifier::ReferenceClass);
+  offsets.mutable_glmclassifier()->add_offset(1);
+  offsets.mutable_glmclassifier()->add_offset(2);
+  EXPECT_FALSE(build(offsets).ok());
+
+  schema::Model probit = glm(3, 3, schema::GLMClassifier::OneVsRest);
+  probit.mutable_glmclassifier()->set_postevaluationtransform(schema::GLMClassifier::Probit);
+  EXPECT_FALSE(build(probit).ok());
+}
+
+}  // namespace
+}  // namespace orvane::coreml
