@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <future>
+
+#include "orvane/platform/HttpTransport.h"
+
+namespace orvane {
+namespace {
+
+struct Outcome {
+  std::optional<HttpResponse> response;
+  std::optional<PlatformError> error;
+  std::optional<std::string> fileContent;
+};
+
+// A loopback server on a free port, stopped with the test.
+class LoopbackServer {
+ public:
+  LoopbackServer() {
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ~LoopbackServer() {
+    server_.stop();
+    thread_.join();
+  }
+  httplib::Server& server() { return server_; }
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+
+ private:
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+// A port that was free a moment ago: bound, read back and closed again.
+int unusedPort() {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  socklen_t length = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  close(fd);
+  return ntohs(address.sin_port);
+}
+
+Outcome send(HttpTransport& transport, HttpRequest request) {
+  std::promise<Outcome> done;
+  transport.send(std::move(request), [&](auto response, auto error) {
+    done.set_value({std::move(response), std::move(error), std::nullopt});
+  });
+  return done.get_future().get();
+}
+
+TEST(CurlTransportTest, PostsBodyAndHeadersAndReturnsTheAnswer) {
+  LoopbackServer loopback;
+  std::string receivedBody, receivedType, receivedMethod;
+  loopback.server().Post("/v3/queue/tech", [&](const httplib::Request& req, httplib::Response& res) {
+    receivedBody = req.body;
+    receivedType = req.get_header_value("Content-Type");
+    receivedMethod = req.method;
+    res.status = 202;
+    res.set_content("{\"ok\":true}", "application/json");
+  });
+  auto transport = makeCurlHttpTransport();
+  HttpRequest request;
+  request.url = loopback.url("/v3/queue/tech");
+  request.headers = {{"Content-Type", "application/json"}};
+  const std::string body = "{\"records\":[1,2,3]}";
+  request.body.assign(body.begin(), body.end());
+  Outcome outcome = send(*transport, request);
+  ASSERT_TRUE(outcome.response) << outcome.error->description;
+  EXPECT_FALSE(outcome.error);
+  EXPECT_EQ(outcome.response->statusCode, 202);
+  EXPECT_EQ(std::string(outcome.response->body.begin(), outcome.response->body.end()), "{\"ok\":true}");
+  EXPECT_EQ(receivedBody, body);
+  EXPECT_EQ(receivedType, "application/json");
+  EXPECT_EQ(receivedMethod, "POST");
+}
+
+TEST(CurlTransportTest, FailuresCarryPortableDomainsAndCodes) {
+  LoopbackServer loopback;
+  loopback.server().Post("/slow", [](const httplib::Request&, httplib::Response& res) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    res.status = 200;
+  });
+  auto transport = makeCurlHttpTransport();
+
+  HttpRequest slow;
+  slow.url = loopback.url("/slow");
+  slow.timeoutSeconds = 0.3;
+  Outcome timedOut = send(*transport, slow);
+  ASSERT_TRUE(timedOut.error);
+  EXPECT_EQ(timedOut.error->domain, kUrlErrorDomain);
+  EXPECT_EQ(timedOut.error->code, -1001);
+
+  // A port nobody listens on: the connection is refused (POSIX 61, as mobile platforms number it).
+  HttpRequest refused;
+  refused.url = "http://127.0.0.1:" + std::to_string(unusedPort()) + "/";
+  refused.timeoutSeconds = 5;
+  Outcome refusedOutcome = send(*transport, refused);
+  ASSERT_TRUE(refusedOutcome.error);
+  EXPECT_EQ(refusedOutcome.error->domain, kPosixErrorDomain);
+  EXPECT_EQ(refusedOutcome.error->code, 61);
+
+  HttpRequest unknownHost;
+  unknownHost.url = "http://host.invalid/";
+  unknownHost.timeoutSeconds = 5;
+  Outcome notFound = send(*transport, unknownHost);
+  ASSERT_TRUE(notFound.error);
+  EXPECT_EQ(notFound.error->code, -1003);
+
+  HttpRequest malformed;
+  malformed.url = "nothing://at all";
+  EXPECT_TRUE(send(*transport, malformed).error);
+}
+
+TEST(CurlTransportTest, DownloadsIntoATemporaryFileThatIsRemovedAfterTheCompletion) {
+  LoopbackServer loopback;
+  const std::string payload(100000, 'm');
+  loopback.server().Get("/model.mlmodel", [&](const httplib::Request&, httplib::Response& res) {
+    res.set_content(payload, "application/octet-stream");
+  });
+  loopback.server().Get("/missing", [](const httplib::Request&, httplib::Response& res) { res.status = 404; });
+  auto transport = makeCurlHttpTransport();
+  const std::string dir = ::testing::TempDir() + "orvane-downloads";
+
+  auto download = [&](const std::string& path) {
+    std::promise<Outcome> done;
+    std::string seenPath;
+    transport->download(loopback.url(path), dir, 10, [&](auto file, auto response, auto error) {
+      Outcome o{std::move(response), std::move(error), std::nullopt};
+      if (file) {
+        seenPath = *file;
+        std::ifstream in(*file, std::ios::binary);
+        o.fileContent.emplace(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+      }
+      done.set_value(std::move(o));
+    });
+    Outcome outcome = done.get_future().get();
+    return std::make_pair(outcome, seenPath);
+  };
+
+  auto [ok, path] = download("/model.mlmodel");
+  ASSERT_TRUE(ok.response);
+  EXPECT_EQ(ok.response->statusCode, 200);
+  EXPECT_EQ(ok.fileContent, payload);
+  // The transport removes the file once the completion returned; give its worker a moment.
+  for (int i = 0; i < 100 && std::filesystem::exists(path); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_FALSE(std::filesystem::exists(path));
+
+  auto [missing, missingPath] = download("/missing");
+  ASSERT_TRUE(missing.response);
+  EXPECT_EQ(missing.response->statusCode, 404);
+}
+
+}  // namespace
+}  // namespace orvane
