@@ -22,6 +22,9 @@ void BM_ManagerCreationToReady(benchmark::State& state) {
     state.ResumeTiming();
   }
 }
-BENCHMARK(BM_ManagerCreationToReady)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ManagerCreationToReady)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 
 }  // namespace

@@ -58,15 +58,19 @@ BENCHMARK(BM_EncodeLog)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAg
 
 void BM_RawDictionaryWithStaticColumns(benchmark::State& state) {
   Fixture f;
-  Log log(f.signals, f.custom, f.global, {}, *f.encoder.encodeLog(f.signals, f.custom, f.global), {});
+  Log log(f.signals, f.custom, f.global, {}, *f.encoder.encodeLog(f.signals, f.custom, f.global),
+          {});
   for (auto _ : state) benchmark::DoNotOptimize(log.rawDictionaryWithStaticColumns());
 }
 BENCHMARK(BM_RawDictionaryWithStaticColumns)
-    ->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly(true);
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 
 void BM_Dictionary(benchmark::State& state) {
   Fixture f;
-  Log log(f.signals, f.custom, f.global, {}, *f.encoder.encodeLog(f.signals, f.custom, f.global), {});
+  Log log(f.signals, f.custom, f.global, {}, *f.encoder.encodeLog(f.signals, f.custom, f.global),
+          {});
   for (auto _ : state) benchmark::DoNotOptimize(log.dictionary());
 }
 BENCHMARK(BM_Dictionary)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly(true);

@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)orvane::BinaryArrayEncodingDecoding::arrayFromData(bytes);
   // Past the cipher: encrypt the input as if it were the compressed envelope, so the
   // inflate, JSON and group decoders see it too.
-  const orvane::Bytes key{'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
+  const orvane::Bytes key{'0', '1', '2', '3', '4', '5', '6', '7',
+                          '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
   const orvane::Bytes iv(16, 7);
   if (auto cipher = crypto->aesCbcEncrypt(key, iv, bytes)) {
     orvane::Bytes encoded(1, 0);

@@ -10,10 +10,10 @@
 namespace orvane {
 
 struct Configuration {
-  bool enableTouchBehaviourMonitoring = true;           // reported as signal 801
-  bool enableSessionDurationMonitoring = true;          // reported as signal 802
-  bool enableScreenshotMonitoring = true;               // reported as signal 803
-  bool enableAutomaticAppStartAndEndTracking = true;    // reported as signal 804
+  bool enableTouchBehaviourMonitoring = true;         // reported as signal 801
+  bool enableSessionDurationMonitoring = true;        // reported as signal 802
+  bool enableScreenshotMonitoring = true;             // reported as signal 803
+  bool enableAutomaticAppStartAndEndTracking = true;  // reported as signal 804
   // When false, app-launch signals are left out of every request (signal 805).
   bool enableAutomaticAppLaunchBehaviourLogging = true;
   // When false, internal failures are not sent to the service (signal 806).

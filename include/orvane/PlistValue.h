@@ -30,22 +30,33 @@ using PlistDictionary = std::map<std::string, PlistValue>;
 
 class PlistValue {
  public:
-  enum class Type { kBool, kInt, kDouble, kFloat, kDecimal, kString, kBytes, kDate, kArray, kDictionary };
+  enum class Type {
+    kBool,
+    kInt,
+    kDouble,
+    kFloat,
+    kDecimal,
+    kString,
+    kBytes,
+    kDate,
+    kArray,
+    kDictionary
+  };
   using Storage = std::variant<bool, int64_t, double, float, Decimal, std::string, Bytes, Date,
                                PlistArray, PlistDictionary>;
 
   PlistValue() : storage_(false) {}
-  PlistValue(bool v) : storage_(v) {}  // NOLINT(google-explicit-constructor)
-  PlistValue(int v) : storage_(static_cast<int64_t>(v)) {}  // NOLINT(google-explicit-constructor)
-  PlistValue(int64_t v) : storage_(v) {}                    // NOLINT(google-explicit-constructor)
-  PlistValue(double v) : storage_(v) {}                     // NOLINT(google-explicit-constructor)
-  PlistValue(float v) : storage_(v) {}                      // NOLINT(google-explicit-constructor)
-  PlistValue(Decimal v) : storage_(v) {}                    // NOLINT(google-explicit-constructor)
-  PlistValue(std::string v) : storage_(std::move(v)) {}     // NOLINT(google-explicit-constructor)
-  PlistValue(const char* v) : storage_(std::string(v)) {}   // NOLINT(google-explicit-constructor)
-  PlistValue(Bytes v) : storage_(std::move(v)) {}           // NOLINT(google-explicit-constructor)
-  PlistValue(Date v) : storage_(v) {}                       // NOLINT(google-explicit-constructor)
-  PlistValue(PlistArray v) : storage_(std::move(v)) {}      // NOLINT(google-explicit-constructor)
+  PlistValue(bool v) : storage_(v) {}                        // NOLINT(google-explicit-constructor)
+  PlistValue(int v) : storage_(static_cast<int64_t>(v)) {}   // NOLINT(google-explicit-constructor)
+  PlistValue(int64_t v) : storage_(v) {}                     // NOLINT(google-explicit-constructor)
+  PlistValue(double v) : storage_(v) {}                      // NOLINT(google-explicit-constructor)
+  PlistValue(float v) : storage_(v) {}                       // NOLINT(google-explicit-constructor)
+  PlistValue(Decimal v) : storage_(v) {}                     // NOLINT(google-explicit-constructor)
+  PlistValue(std::string v) : storage_(std::move(v)) {}      // NOLINT(google-explicit-constructor)
+  PlistValue(const char* v) : storage_(std::string(v)) {}    // NOLINT(google-explicit-constructor)
+  PlistValue(Bytes v) : storage_(std::move(v)) {}            // NOLINT(google-explicit-constructor)
+  PlistValue(Date v) : storage_(v) {}                        // NOLINT(google-explicit-constructor)
+  PlistValue(PlistArray v) : storage_(std::move(v)) {}       // NOLINT(google-explicit-constructor)
   PlistValue(PlistDictionary v) : storage_(std::move(v)) {}  // NOLINT(google-explicit-constructor)
 
   Type type() const { return static_cast<Type>(storage_.index()); }

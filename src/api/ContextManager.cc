@@ -6,7 +6,6 @@
 
 #include "api/PeriodicContextEvaluator.h"
 #include "config/RemoteConfiguration.h"
-#include "orvane/Log.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "logging/AES.h"
@@ -15,6 +14,7 @@
 #include "logging/OrvaneLogSender.h"
 #include "models/CoreMLModelManager.h"
 #include "motion/AccelerometerSensor.h"
+#include "orvane/Log.h"
 #include "util/DateProvider.h"
 #include "util/UUID.h"
 #include "util/UserDefaultsProvider.h"
@@ -79,7 +79,8 @@ ContextManager::ContextManager(Platform platform,
     : platform_(std::move(platform)),
       selfHandle_(this, [](ContextManager*) {}),
       defaults_(std::make_shared<UserDefaultsProvider>(
-          platform_.keyValueStores ? platform_.keyValueStores->openSuite(kDefaultsSuite) : nullptr)),
+          platform_.keyValueStores ? platform_.keyValueStores->openSuite(kDefaultsSuite)
+                                   : nullptr)),
       dateProvider_(std::make_shared<DefaultDateProvider>(platform_.clock)),
       initializationDate_(dateProvider_->currentDate()),
       bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
@@ -112,9 +113,9 @@ ContextManager::~ContextManager() {
 
 void ContextManager::runInitialBootup() {
   if (platform_.application) {
-    observerToken_ = platform_.application->addObserver(
-        {[this] { handleDidBecomeActiveNotification(); },
-         [this] { handleWillResignActiveNotification(); }});
+    observerToken_ =
+        platform_.application->addObserver({[this] { handleDidBecomeActiveNotification(); },
+                                            [this] { handleWillResignActiveNotification(); }});
   }
   // The manager is usually created while the app is already starting in the foreground.
   becomeActiveHandling();
@@ -147,7 +148,8 @@ bool ContextManager::installDefaultPlatform(Platform platform) noexcept {
 // ---- Components ---------------------------------------------------------------------------
 
 OrvaneLogSender& ContextManager::orvaneLogSender() {
-  return lazily(logSender_.once, logSender_.value, [] { return std::make_unique<OrvaneLogSender>(); });
+  return lazily(logSender_.once, logSender_.value,
+                [] { return std::make_unique<OrvaneLogSender>(); });
 }
 
 OrvaneErrorReporting& ContextManager::orvaneErrorReporting() {
@@ -444,7 +446,9 @@ std::string ContextManager::sdkVersion() noexcept { return kSdkVersion; }
 void ContextManager::setDecisionsEnabled(bool enabled) noexcept {
   shared().setDecisionsSwitch(enabled);
 }
-void ContextManager::setControlMode(bool enabled) noexcept { shared().setDecisionsSwitch(!enabled); }
+void ContextManager::setControlMode(bool enabled) noexcept {
+  shared().setDecisionsSwitch(!enabled);
+}
 
 void ContextManager::setGlobalCustomSignal(const std::string& id, bool value) noexcept {
   shared().storeGlobalCustomSignal(CustomSignalBool(id, value));

@@ -43,8 +43,11 @@ std::optional<std::string> deriveLogEncryptionKey(std::string_view appKey) {
   size_t i = 0;
   while (i < appKey.size() && units < 16) {
     const auto c = static_cast<uint8_t>(appKey[i]);
-    size_t length = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3
-                                 : (c & 0xF8) == 0xF0 ? 4 : 0;
+    size_t length = c < 0x80             ? 1
+                    : (c & 0xE0) == 0xC0 ? 2
+                    : (c & 0xF0) == 0xE0 ? 3
+                    : (c & 0xF8) == 0xF0 ? 4
+                                         : 0;
     if (length == 0 || i + length > appKey.size()) return std::nullopt;
     for (size_t k = 1; k < length; ++k) {
       if ((static_cast<uint8_t>(appKey[i + k]) & 0xC0) != 0x80) return std::nullopt;

@@ -6,8 +6,8 @@
 
 #include <bit>
 #include <concepts>
-#include <cstring>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <utility>

@@ -18,7 +18,9 @@ class ErrorReporter {
                            bool usingDefaultConfiguration,
                            const std::optional<PlistDictionary>& additionalData) = 0;
 
-  void reportError(std::string_view message) { reportError(message, std::nullopt, false, std::nullopt); }
+  void reportError(std::string_view message) {
+    reportError(message, std::nullopt, false, std::nullopt);
+  }
   void reportError(std::string_view message, const PlatformError& error) {
     reportError(message, error, false, std::nullopt);
   }

@@ -27,7 +27,8 @@ struct ColumnKeys {
       keys[c] = "ctx_" + std::to_string(c);
       byKey[c] = static_cast<uint16_t>(c);
     }
-    std::sort(byKey.begin(), byKey.end(), [&](uint16_t a, uint16_t b) { return keys[a] < keys[b]; });
+    std::sort(byKey.begin(), byKey.end(),
+              [&](uint16_t a, uint16_t b) { return keys[a] < keys[b]; });
   }
 };
 
@@ -87,7 +88,8 @@ void Log::send() noexcept {
       if (!outcome && s.id() == SignalEnum::id(3)) outcome = &s;
       if (!contextUUID && s.id() == SignalEnum::id(29)) contextUUID = &s;
     }
-    if (outcome && outcome->kind() == SignalKind::kInt && std::get<int64_t>(outcome->value()) == -101) {
+    if (outcome && outcome->kind() == SignalKind::kInt &&
+        std::get<int64_t>(outcome->value()) == -101) {
       sender.addToUnloggedQueue(*this);
       return;
     }

@@ -46,7 +46,8 @@ Result<DecodedLog> decodeEncodedLog(std::span<const uint8_t> encoded, std::strin
   auto logKey = deriveLogEncryptionKey(key);
   if (!logKey) return failure(4, "The key is shorter than 16 characters or not valid UTF-8");
   auto aes = AES::make(*logKey, Bytes(encoded.begin() + 1, encoded.begin() + 17), crypto);
-  if (!aes) return failure(4, "The key is rejected: its first 16 characters must be 16 or 32 bytes");
+  if (!aes)
+    return failure(4, "The key is rejected: its first 16 characters must be 16 or 32 bytes");
   auto plain = aes->crypt(encoded.subspan(17), AES::kDecrypt);
   if (!plain) return failure(5, "Decryption failed (bad padding): wrong key or damaged data");
   auto json = inflateRaw(*plain);
@@ -126,7 +127,8 @@ Result<DecodedLog> decodeEncodedLogBase64(std::string_view base64, std::string_v
 
 Result<std::string> joinEncodedPieces(std::string_view dictionaryJson) {
   const nlohmann::json dict = nlohmann::json::parse(dictionaryJson, nullptr, false);
-  if (dict.is_discarded() || !dict.is_object()) return failure(13, "The pieces are not a JSON object");
+  if (dict.is_discarded() || !dict.is_object())
+    return failure(13, "The pieces are not a JSON object");
   std::map<size_t, std::string> pieces;
   for (const auto& [key, value] : dict.items()) {
     size_t index = 0;
@@ -142,18 +144,21 @@ Result<std::string> joinEncodedPieces(std::string_view dictionaryJson) {
     if (!value.is_string()) return failure(13, "Piece " + key + " is not text");
     const std::string text = value.get<std::string>();
     const std::string prefix = std::to_string(index) + "_";
-    if (text.rfind(prefix, 0) != 0) return failure(13, "Piece " + key + " does not start with " + prefix);
+    if (text.rfind(prefix, 0) != 0)
+      return failure(13, "Piece " + key + " does not start with " + prefix);
     pieces[index] = text.substr(prefix.size());
   }
   if (pieces.empty()) return failure(13, "No encoded pieces found");
   std::string joined;
   size_t expected = 0;
   for (const auto& [index, text] : pieces) {
-    if (index != expected++) return failure(13, "Piece " + std::to_string(expected - 1) + " is missing");
+    if (index != expected++)
+      return failure(13, "Piece " + std::to_string(expected - 1) + " is missing");
     joined += text;
   }
   if (auto count = dict.find("ctx_400"); count != dict.end()) {
-    if (!count->is_number_integer() || count->get<int64_t>() != static_cast<int64_t>(pieces.size())) {
+    if (!count->is_number_integer() ||
+        count->get<int64_t>() != static_cast<int64_t>(pieces.size())) {
       return failure(13, "ctx_400 does not match the number of pieces");
     }
   }
@@ -171,7 +176,8 @@ std::string DecodedLog::toReadableJson() const {
     auto json = AnyEncodable(entry.value).toJson();
     out += json ? *json : "null";
   }
-  out += "},\"customSignals\":" + customSignalsJson + ",\"globalSignals\":" + globalSignalsJson + "}";
+  out +=
+      "},\"customSignals\":" + customSignalsJson + ",\"globalSignals\":" + globalSignalsJson + "}";
   return out;
 }
 

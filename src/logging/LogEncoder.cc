@@ -170,7 +170,8 @@ Result<std::string> LogEncoder::envelopeJson(const SignalList& signals,
   return out;
 }
 
-Result<Bytes> LogEncoder::encodeLog(const SignalList& signals, const CustomSignalList& customSignals,
+Result<Bytes> LogEncoder::encodeLog(const SignalList& signals,
+                                    const CustomSignalList& customSignals,
                                     const CustomSignalList& globalSignals) const {
   return encodeLogWithKey(signals, customSignals, globalSignals,
                           logKey_ ? logKey_() : std::nullopt);
@@ -182,7 +183,8 @@ Result<Bytes> LogEncoder::encodeLogWithKey(const SignalList& signals,
                                            const std::optional<std::string>& key) const {
   auto json = envelopeJson(signals, customSignals, globalSignals);
   if (!json) return json.error();
-  auto compressed = deflateRaw(std::span(reinterpret_cast<const uint8_t*>(json->data()), json->size()));
+  auto compressed =
+      deflateRaw(std::span(reinterpret_cast<const uint8_t*>(json->data()), json->size()));
   if (!compressed) return compressed.error();
 
   Bytes iv(16);

@@ -47,8 +47,8 @@ bool OrvaneErrorReporting::shouldReportError(bool usingDefaultConfiguration) {
   if (rate >= 1.0f) return true;
   if (rate <= 0.0f) return false;
   const std::vector<ControlGroup<bool>> groups{{true, static_cast<double>(rate)}, {false, 1.0}};
-  return ControlGrouper::getGroupAssignment<bool>(*owner_.platform().crypto,
-                                                  owner_.installationUUID(), "error_reporting", groups);
+  return ControlGrouper::getGroupAssignment<bool>(
+      *owner_.platform().crypto, owner_.installationUUID(), "error_reporting", groups);
 }
 
 bool OrvaneErrorReporting::shouldSkipError(const std::optional<PlatformError>& error) {
@@ -68,8 +68,9 @@ void OrvaneErrorReporting::reportError(std::string_view message,
                                        const std::optional<PlistDictionary>& additionalData) {
   try {
     if (!shouldReportError(usingDefaultConfiguration) || shouldSkipError(error)) return;
-    reportingOperationQueue_->async(
-        [this, message = std::string(message), error, additionalData] { send(message, error, additionalData); });
+    reportingOperationQueue_->async([this, message = std::string(message), error, additionalData] {
+      send(message, error, additionalData);
+    });
   } catch (...) {  // reporting must never fail its caller
   }
 }
@@ -132,7 +133,8 @@ void OrvaneErrorReporting::send(std::string message, std::optional<PlatformError
   if (!body) {
     owner_.platform().log->notice(
         "[Orvane] Failed to send error to backend. If this persists, please contact OrvanePellam "
-        "support. " + body.error().description);
+        "support. " +
+        body.error().description);
     return;
   }
   const auto& http = owner_.platform().http;

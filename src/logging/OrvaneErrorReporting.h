@@ -9,8 +9,8 @@
 #include <string>
 
 #include "logging/ErrorReporter.h"
-#include "util/Result.h"
 #include "orvane/platform/Executors.h"
+#include "util/Result.h"
 
 namespace orvane {
 
@@ -32,7 +32,8 @@ class OrvaneErrorReporting : public ErrorReporter {
   static bool shouldSkipError(const std::optional<PlatformError>& error);
 
   // The request body, or the encoding failure.
-  Result<std::string> requestBody(std::string_view message, const std::optional<PlatformError>& error,
+  Result<std::string> requestBody(std::string_view message,
+                                  const std::optional<PlatformError>& error,
                                   const std::optional<PlistDictionary>& additionalData);
 
  private:

@@ -20,7 +20,9 @@ void AccelerometerSensor::setAlwaysRunInForeground(bool alwaysRun) {
   }
 }
 
-void AccelerometerSensor::setAppInForeground(bool inForeground) { isAppInForeground_ = inForeground; }
+void AccelerometerSensor::setAppInForeground(bool inForeground) {
+  isAppInForeground_ = inForeground;
+}
 
 void AccelerometerSensor::addOpenRequest() { ++openForegroundRequests_; }
 

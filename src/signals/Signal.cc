@@ -11,7 +11,8 @@ const std::array<SignalEnum, signal_catalogue::kCount>& SignalEnum::allCases() {
   static const auto cases = []<size_t... I>(std::index_sequence<I...>) {
     return std::array<SignalEnum, signal_catalogue::kCount>{
         *SignalEnum::fromRawValue(signal_catalogue::kAllIds[I])...};
-  }(std::make_index_sequence<signal_catalogue::kCount>());
+  }
+  (std::make_index_sequence<signal_catalogue::kCount>());
   return cases;
 }
 

@@ -63,8 +63,8 @@ std::optional<Bytes> base64Decode(std::string_view text) {
     if ((padding == 1 && (v[2] & 0x3) != 0) || (padding == 2 && (v[1] & 0xF) != 0)) {
       return std::nullopt;
     }
-    const uint32_t n = (uint32_t(v[0]) << 18) | (uint32_t(v[1]) << 12) | (uint32_t(v[2]) << 6) |
-                       uint32_t(v[3]);
+    const uint32_t n =
+        (uint32_t(v[0]) << 18) | (uint32_t(v[1]) << 12) | (uint32_t(v[2]) << 6) | uint32_t(v[3]);
     out.push_back(static_cast<uint8_t>(n >> 16));
     if (padding < 2) out.push_back(static_cast<uint8_t>(n >> 8));
     if (padding < 1) out.push_back(static_cast<uint8_t>(n));

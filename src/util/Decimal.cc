@@ -35,7 +35,8 @@ std::string mantissaDigits(Mantissa m) {
 
 Decimal::Decimal(int64_t value)
     : negative_(value < 0),
-      mantissa_(value < 0 ? static_cast<Mantissa>(-(value + 1)) + 1 : static_cast<Mantissa>(value)) {
+      mantissa_(value < 0 ? static_cast<Mantissa>(-(value + 1)) + 1
+                          : static_cast<Mantissa>(value)) {
   normalise();
 }
 
@@ -159,8 +160,8 @@ std::string Decimal::toString() const {
 
 double Decimal::toDouble() const {
   // strtod rounds the exact decimal text correctly.
-  std::string text = (negative_ ? "-" : "") + mantissaDigits(mantissa_) + "e" +
-                     std::to_string(exponent_);
+  std::string text =
+      (negative_ ? "-" : "") + mantissaDigits(mantissa_) + "e" + std::to_string(exponent_);
   return std::strtod(text.c_str(), nullptr);
 }
 

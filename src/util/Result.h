@@ -15,8 +15,9 @@ namespace orvane {
 template <typename T>
 class [[nodiscard]] Result {
  public:
-  Result(T value) : storage_(std::move(value)) {}              // NOLINT(google-explicit-constructor)
-  Result(PlatformError error) : storage_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
+  Result(T value) : storage_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+  Result(PlatformError error)
+      : storage_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
 
   bool ok() const { return storage_.index() == 0; }
   explicit operator bool() const { return ok(); }

@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
+#include "api/PeriodicContextEvaluator.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "logging/OrvaneLogSender.h"
 #include "models/CoreMLModelManager.h"
 #include "motion/AccelerometerSensor.h"
 #include "orvane/ContextManager.h"
-#include "api/PeriodicContextEvaluator.h"
 #include "testutil/FakePlatform.h"
 #include "util/UserDefaultsProvider.h"
 
@@ -34,10 +34,10 @@ TEST(ContextManagerTest, LateSetupWarnsAfterThePlatformsGracePeriod) {
     bool warns;
   };
   const Case cases[] = {
-      {HostPlatform::kNative, 4, false},          {HostPlatform::kNative, 5, true},
-      {HostPlatform::kNative, 6, true},           {HostPlatform::kManagedRuntime, 6, false},
-      {HostPlatform::kManagedRuntime, 31, true},  {HostPlatform::kScriptBridge, 29, false},
-      {HostPlatform::kCompiledBridge, 30, true},  {HostPlatform::kHybridWeb, 6, true},
+      {HostPlatform::kNative, 4, false},         {HostPlatform::kNative, 5, true},
+      {HostPlatform::kNative, 6, true},          {HostPlatform::kManagedRuntime, 6, false},
+      {HostPlatform::kManagedRuntime, 31, true}, {HostPlatform::kScriptBridge, 29, false},
+      {HostPlatform::kCompiledBridge, 30, true}, {HostPlatform::kHybridWeb, 6, true},
       {HostPlatform::kUnknown, 4.9, false},
   };
   for (const auto& c : cases) {
@@ -60,15 +60,16 @@ TEST(ContextManagerTest, CreationStartsASessionAndSetupTakesTheHostsChoices) {
   EXPECT_EQ(manager.bundleIdentifier(), "com.example.host");
   EXPECT_EQ(manager.isSupported(), ContextManagerIsSupported::kSupported);
   // Creation: one main-queue upload without forcing.
-  EXPECT_EQ(triggers(manager), (std::vector<std::pair<UploadQueueKind, bool>>{
-                                   {UploadQueueKind::kMain, false}}));
+  EXPECT_EQ(triggers(manager),
+            (std::vector<std::pair<UploadQueueKind, bool>>{{UploadQueueKind::kMain, false}}));
 
   Configuration configuration;
   configuration.enableInstantContext = false;
   std::vector<std::shared_ptr<Log>> received;
   LaunchOptions options{{launch_option::kRemoteNotification, PlistDictionary{}}};
-  manager.setupWith("APP-KEY", [&](std::shared_ptr<Log> log) { received.push_back(log); }, options,
-                    configuration);
+  manager.setupWith(
+      "APP-KEY", [&](std::shared_ptr<Log> log) { received.push_back(log); }, options,
+      configuration);
 
   EXPECT_EQ(manager.licenseKey(), "APP-KEY");
   EXPECT_EQ(manager.configuration(), configuration);
@@ -123,8 +124,7 @@ TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
   EXPECT_EQ(manager.periodicContextEvaluator().resignations(), 1);
   const std::string backgroundSession = manager.currentSessionId();
   EXPECT_NE(backgroundSession, firstSession);
-  EXPECT_EQ(manager.appLaunchReasonSignalsGenerator().lastResignDate(),
-            Date{fake.clock->now()});
+  EXPECT_EQ(manager.appLaunchReasonSignalsGenerator().lastResignDate(), Date{fake.clock->now()});
 
   fake.application->resignActive();  // a second resign changes nothing
   fake.drain();

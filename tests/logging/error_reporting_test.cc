@@ -55,19 +55,21 @@ TEST_F(ErrorReportingTest, SendsOneJsonRequestPerReport) {
   EXPECT_EQ(request.url, "http://127.0.0.1:9/v2/error-reporting");
   EXPECT_EQ(request.method, "POST");
   EXPECT_EQ(request.timeoutSeconds, 60);
-  EXPECT_EQ(request.headers, (std::vector<std::pair<std::string, std::string>>{
-                                 {"Content-Type", "application/json"}}));
-  const nlohmann::json expected = {
-      {"message", "Failed to parse V3 JSON returned by server."},
-      {"bundle_id", "com.example.host"},
-      {"license_key", "APP-KEY-0123456789"},
-      {"sdk_version", "5.13.0"},
-      {"last_ota_update", 42},
-      {"installation_uuid", manager->installationUUID()},
-      {"severity", "error"},
-      {"payload",
-       {{"err", "The data couldn't be read."}, {"err_domain", "DecodingError"}, {"err_code", 4864},
-        {"serverData", "{oops"}}}};
+  EXPECT_EQ(
+      request.headers,
+      (std::vector<std::pair<std::string, std::string>>{{"Content-Type", "application/json"}}));
+  const nlohmann::json expected = {{"message", "Failed to parse V3 JSON returned by server."},
+                                   {"bundle_id", "com.example.host"},
+                                   {"license_key", "APP-KEY-0123456789"},
+                                   {"sdk_version", "5.13.0"},
+                                   {"last_ota_update", 42},
+                                   {"installation_uuid", manager->installationUUID()},
+                                   {"severity", "error"},
+                                   {"payload",
+                                    {{"err", "The data couldn't be read."},
+                                     {"err_domain", "DecodingError"},
+                                     {"err_code", 4864},
+                                     {"serverData", "{oops"}}}};
   EXPECT_EQ(bodies[0], expected);
 }
 
@@ -76,8 +78,8 @@ TEST_F(ErrorReportingTest, ReportWithoutErrorSendsNullDetails) {
   manager->orvaneErrorReporting().reportError("Something failed");
   const auto bodies = sentBodies();
   ASSERT_EQ(bodies.size(), 1u);
-  EXPECT_EQ(bodies[0]["payload"], (nlohmann::json{{"err", nullptr}, {"err_domain", nullptr},
-                                                  {"err_code", nullptr}}));
+  EXPECT_EQ(bodies[0]["payload"],
+            (nlohmann::json{{"err", nullptr}, {"err_domain", nullptr}, {"err_code", nullptr}}));
   EXPECT_EQ(bodies[0]["last_ota_update"], 0);
 }
 
@@ -112,12 +114,12 @@ TEST_F(ErrorReportingTest, TransientFailuresAreNeverReported) {
     bool skipped;
   };
   const Case cases[] = {
-      {kUrlErrorDomain, -1001, true},   {kUrlErrorDomain, -1003, true},
-      {kUrlErrorDomain, -1005, true},   {kUrlErrorDomain, -1004, false},
-      {kPosixErrorDomain, 50, true},    {kPosixErrorDomain, 52, true},
-      {kPosixErrorDomain, 53, true},    {kPosixErrorDomain, 54, true},
-      {kPosixErrorDomain, 60, true},    {kPosixErrorDomain, 61, false},
-      {"CoreMLModelManager", 123, true}, {"CoreMLModelManager", 1, false},
+      {kUrlErrorDomain, -1001, true},       {kUrlErrorDomain, -1003, true},
+      {kUrlErrorDomain, -1005, true},       {kUrlErrorDomain, -1004, false},
+      {kPosixErrorDomain, 50, true},        {kPosixErrorDomain, 52, true},
+      {kPosixErrorDomain, 53, true},        {kPosixErrorDomain, 54, true},
+      {kPosixErrorDomain, 60, true},        {kPosixErrorDomain, 61, false},
+      {"CoreMLModelManager", 123, true},    {"CoreMLModelManager", 1, false},
       {kDecodingErrorDomain, -1001, false},
   };
   for (const auto& c : cases) {
@@ -127,7 +129,8 @@ TEST_F(ErrorReportingTest, TransientFailuresAreNeverReported) {
   EXPECT_FALSE(OrvaneErrorReporting::shouldSkipError(std::nullopt));
 
   setSampleRate(1.0f);
-  manager->orvaneErrorReporting().reportError("timed out", PlatformError{kUrlErrorDomain, -1001, "t"});
+  manager->orvaneErrorReporting().reportError("timed out",
+                                              PlatformError{kUrlErrorDomain, -1001, "t"});
   EXPECT_TRUE(sentBodies().empty());
 }
 

@@ -60,7 +60,8 @@ TEST_F(LogEncodingTest, BinaryGroupsAreBigEndianAndNarrowest) {
   EXPECT_EQ(group(env, "f"), hex("00033F800000"));
   EXPECT_EQ(group(env, "b"), hex("FFFFFFE700000009"));
   EXPECT_EQ(group(env, "i8"), hex("00047F"));
-  EXPECT_EQ(group(env, "i16"), hex("00050080" "0006FF7F"));
+  EXPECT_EQ(group(env, "i16"), hex("00050080"
+                                   "0006FF7F"));
   EXPECT_EQ(group(env, "i32"), hex("000700009C40"));
   EXPECT_EQ(group(env, "i64"), hex("00080000000080000000"));
   EXPECT_FALSE(env.contains("d"));
@@ -76,21 +77,22 @@ TEST_F(LogEncodingTest, TextCustomAndGlobalMembers) {
                        CustomSignalDecimal("price", *Decimal::parse("9.99"))},
                       {});
   EXPECT_EQ(env["s"], (nlohmann::json{{"20", "paywall"}, {"7", "2.5"}}));
-  EXPECT_EQ(env["cs"], (nlohmann::json{{"plan", 2}, {"inf", "Infinity"}, {"nan", "NaN"},
-                                       {"price", "9.99"}}));
+  EXPECT_EQ(env["cs"],
+            (nlohmann::json{{"plan", 2}, {"inf", "Infinity"}, {"nan", "NaN"}, {"price", "9.99"}}));
   EXPECT_EQ(env["gs"], nlohmann::json::object());
   // Each width has its own map: a repeated column replaces a value only within one map.
   EXPECT_EQ(group(env, "i8"), hex("000401"));
   EXPECT_EQ(group(env, "i16"), hex("0004012C"));
 
   auto empty = envelope({});
-  EXPECT_EQ(empty, (nlohmann::json{{"cs", nlohmann::json::object()},
-                                   {"gs", nlohmann::json::object()}}));
+  EXPECT_EQ(empty,
+            (nlohmann::json{{"cs", nlohmann::json::object()}, {"gs", nlohmann::json::object()}}));
 }
 
 TEST_F(LogEncodingTest, EncodedLayoutUsesAFreshIvAndRoundTrips) {
-  const SignalList signals{SignalInt(SignalEnum::id(3), -101), SignalFloat(SignalEnum::id(100), 0.25f),
-                           SignalString(SignalEnum::id(20), "home"), SignalBool(SignalEnum::id(12), true)};
+  const SignalList signals{
+      SignalInt(SignalEnum::id(3), -101), SignalFloat(SignalEnum::id(100), 0.25f),
+      SignalString(SignalEnum::id(20), "home"), SignalBool(SignalEnum::id(12), true)};
   auto first = encoder.encodeLog(signals, {CustomSignalBool("vip", true)}, {});
   auto second = encoder.encodeLog(signals, {CustomSignalBool("vip", true)}, {});
   ASSERT_TRUE(first.ok());
@@ -161,7 +163,8 @@ TEST_F(LogEncodingTest, DecoderRejectsDamagedInputWithClearMessages) {
   EXPECT_EQ(decodeEncodedLog(*encoded, "short", *crypto).error().code, 4);
   EXPECT_FALSE(joinEncodedPieces("{\"ctx_401\": \"0_AAAA\", \"ctx_403\": \"2_AAAA\"}").ok());
   EXPECT_FALSE(joinEncodedPieces("[1,2]").ok());
-  EXPECT_EQ(*joinEncodedPieces("{\"c_sdk_param_1\": \"1_CD\", \"c_sdk_param_0\": \"0_AB\"}"), "ABCD");
+  EXPECT_EQ(*joinEncodedPieces("{\"c_sdk_param_1\": \"1_CD\", \"c_sdk_param_0\": \"0_AB\"}"),
+            "ABCD");
 }
 
 TEST(Base64Test, MatchesRfcVectorsAndRejectsNonCanonicalText) {
@@ -172,14 +175,16 @@ TEST(Base64Test, MatchesRfcVectorsAndRejectsNonCanonicalText) {
     EXPECT_EQ(base64Encode(bytes), encoded);
     EXPECT_EQ(base64Decode(encoded), bytes);
   }
-  for (const char* bad : {"Zg=", "Z===", "Zg==Zg==", "Zm9v!", "=Zm9", "Zh==", "Zm9=", "PPPPPPPPPPP="}) {
+  for (const char* bad :
+       {"Zg=", "Z===", "Zg==Zg==", "Zm9v!", "=Zm9", "Zh==", "Zm9=", "PPPPPPPPPPP="}) {
     EXPECT_FALSE(base64Decode(bad)) << bad;
   }
 }
 
 // Decrypts with the openssl command and inflates with Python's zlib: tools nobody here wrote.
 TEST_F(LogEncodingTest, IndependentToolsReadTheEncodedForm) {
-  if (std::system("command -v openssl >/dev/null 2>&1 && command -v python3 >/dev/null 2>&1") != 0) {
+  if (std::system("command -v openssl >/dev/null 2>&1 && command -v python3 >/dev/null 2>&1") !=
+      0) {
     GTEST_SKIP() << "openssl or python3 not installed";
   }
   auto encoded = encoder.encodeLog({SignalString(SignalEnum::id(20), "paywall")},
@@ -207,7 +212,8 @@ TEST_F(LogEncodingTest, IndependentToolsReadTheEncodedForm) {
   const std::string command = "openssl enc -d -aes-128-cbc -K " + keyHex + " -iv " + ivHex +
                               " -in " + cipherPath + " -out " + plainPath +
                               " && python3 -c \"import sys,zlib;sys.stdout.write(zlib.decompress("
-                              "open('" + plainPath + "','rb').read(),-15).decode())\"";
+                              "open('" +
+                              plainPath + "','rb').read(),-15).decode())\"";
   FILE* pipe = popen(command.c_str(), "r");
   ASSERT_NE(pipe, nullptr);
   std::string output;
@@ -215,8 +221,8 @@ TEST_F(LogEncodingTest, IndependentToolsReadTheEncodedForm) {
   while (size_t n = fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
   ASSERT_EQ(pclose(pipe), 0) << output;
   EXPECT_EQ(nlohmann::json::parse(output),
-            (nlohmann::json{{"s", {{"20", "paywall"}}}, {"cs", {{"n", 7}}},
-                            {"gs", nlohmann::json::object()}}));
+            (nlohmann::json{
+                {"s", {{"20", "paywall"}}}, {"cs", {{"n", 7}}}, {"gs", nlohmann::json::object()}}));
 }
 
 }  // namespace

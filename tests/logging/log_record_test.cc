@@ -74,8 +74,7 @@ TEST_F(LogRecordTest, AnalyticsPiecesCoverTheBase64Text) {
   EXPECT_EQ(json["ctx_401"], "0_" + b64.substr(0, 96));
 
   auto bare = makeLog({});
-  EXPECT_EQ(bare->dictionary(),
-            (PlistDictionary{{"ctx_1", "0.0.0"}, {"ctx_400", int64_t{0}}}));
+  EXPECT_EQ(bare->dictionary(), (PlistDictionary{{"ctx_1", "0.0.0"}, {"ctx_400", int64_t{0}}}));
   EXPECT_TRUE(bare->forFirebase().empty());
 }
 
@@ -106,7 +105,8 @@ TEST_F(LogRecordTest, FlatFormsResolveRepeatedIdsDifferently) {
 }
 
 TEST_F(LogRecordTest, CollisionMessagesNameEachGroup) {
-  auto log = makeLog({}, {CustomSignalInt("a", 1)}, {CustomSignalInt("g", 1), CustomSignalFloat("g", 2.5f)},
+  auto log = makeLog({}, {CustomSignalInt("a", 1)},
+                     {CustomSignalInt("g", 1), CustomSignalFloat("g", 2.5f)},
                      {CustomSignalInt("m", 3), CustomSignalInt("m", 4)});
   log->rawDictionary();
   EXPECT_EQ(fake.log->count("[Orvane] Global signal with id g is already set. We're proceeding "

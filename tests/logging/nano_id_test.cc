@@ -58,8 +58,8 @@ TEST(NanoIDTest, AllOnesSourceFallsBackCryptographicallyPerCharacter) {
   for (const auto& r : reports) {
     EXPECT_EQ(r.message, "NanoID rejection sampling exceeded max retries, used crypto fallback");
     EXPECT_FALSE(r.error);
-    EXPECT_EQ(*r.additionalData, (PlistDictionary{{"retryCount", "10"},
-                                                  {"fallbackMethod", "cryptographic"}}));
+    EXPECT_EQ(*r.additionalData,
+              (PlistDictionary{{"retryCount", "10"}, {"fallbackMethod", "cryptographic"}}));
   }
 }
 
@@ -81,7 +81,8 @@ TEST(NanoIDTest, FailingSourceReportsEachStage) {
   EXPECT_EQ(id.size(), 17u);
   EXPECT_TRUE(inAlphabet(id));
   EXPECT_EQ(always.count("SecRandomCopyBytes failed during nano ID generation"), 17u);
-  EXPECT_EQ(always.count("Critical: SecRandomCopyBytes failed in fallback, using pseudorandom"), 17u);
+  EXPECT_EQ(always.count("Critical: SecRandomCopyBytes failed in fallback, using pseudorandom"),
+            17u);
   EXPECT_EQ(always.reports()[1].additionalData->at("securityImpact"), PlistValue("degraded"));
 }
 

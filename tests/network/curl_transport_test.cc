@@ -67,13 +67,14 @@ Outcome send(HttpTransport& transport, HttpRequest request) {
 TEST(CurlTransportTest, PostsBodyAndHeadersAndReturnsTheAnswer) {
   LoopbackServer loopback;
   std::string receivedBody, receivedType, receivedMethod;
-  loopback.server().Post("/v3/queue/tech", [&](const httplib::Request& req, httplib::Response& res) {
-    receivedBody = req.body;
-    receivedType = req.get_header_value("Content-Type");
-    receivedMethod = req.method;
-    res.status = 202;
-    res.set_content("{\"ok\":true}", "application/json");
-  });
+  loopback.server().Post("/v3/queue/tech",
+                         [&](const httplib::Request& req, httplib::Response& res) {
+                           receivedBody = req.body;
+                           receivedType = req.get_header_value("Content-Type");
+                           receivedMethod = req.method;
+                           res.status = 202;
+                           res.set_content("{\"ok\":true}", "application/json");
+                         });
   auto transport = makeCurlHttpTransport();
   HttpRequest request;
   request.url = loopback.url("/v3/queue/tech");
@@ -84,7 +85,8 @@ TEST(CurlTransportTest, PostsBodyAndHeadersAndReturnsTheAnswer) {
   ASSERT_TRUE(outcome.response) << outcome.error->description;
   EXPECT_FALSE(outcome.error);
   EXPECT_EQ(outcome.response->statusCode, 202);
-  EXPECT_EQ(std::string(outcome.response->body.begin(), outcome.response->body.end()), "{\"ok\":true}");
+  EXPECT_EQ(std::string(outcome.response->body.begin(), outcome.response->body.end()),
+            "{\"ok\":true}");
   EXPECT_EQ(receivedBody, body);
   EXPECT_EQ(receivedType, "application/json");
   EXPECT_EQ(receivedMethod, "POST");
@@ -133,7 +135,8 @@ TEST(CurlTransportTest, DownloadsIntoATemporaryFileThatIsRemovedAfterTheCompleti
   loopback.server().Get("/model.mlmodel", [&](const httplib::Request&, httplib::Response& res) {
     res.set_content(payload, "application/octet-stream");
   });
-  loopback.server().Get("/missing", [](const httplib::Request&, httplib::Response& res) { res.status = 404; });
+  loopback.server().Get("/missing",
+                        [](const httplib::Request&, httplib::Response& res) { res.status = 404; });
   auto transport = makeCurlHttpTransport();
   const std::string dir = ::testing::TempDir() + "orvane-downloads";
 

@@ -94,8 +94,8 @@ TEST(CustomSignalTest, ListComparisonIgnoresOrderButNotTypesOrValues) {
   EXPECT_FALSE(containSameElements(a, otherValue));
   EXPECT_FALSE(containSameElements(a, shorter));
   EXPECT_FALSE(containSameElements(a, repeated));
-  EXPECT_FALSE(containSameElements(repeated, CustomSignalList{CustomSignalInt("x", 1),
-                                                              CustomSignalInt("z", 1)}));
+  EXPECT_FALSE(containSameElements(
+      repeated, CustomSignalList{CustomSignalInt("x", 1), CustomSignalInt("z", 1)}));
 }
 
 TEST(ConfigurationTest, AllSignalsCarryTheFlagsInWireOrder) {
@@ -105,9 +105,13 @@ TEST(ConfigurationTest, AllSignalsCarryTheFlagsInWireOrder) {
   const SignalList signals = c.allSignals();
   std::vector<std::pair<uint16_t, bool>> got;
   for (const auto& s : signals) got.emplace_back(s.id().rawValue(), std::get<bool>(s.value()));
-  EXPECT_EQ(got, (std::vector<std::pair<uint16_t, bool>>{
-                     {801, true}, {802, true}, {803, false}, {804, true}, {805, true}, {806, true},
-                     {800, false}}));
+  EXPECT_EQ(got, (std::vector<std::pair<uint16_t, bool>>{{801, true},
+                                                         {802, true},
+                                                         {803, false},
+                                                         {804, true},
+                                                         {805, true},
+                                                         {806, true},
+                                                         {800, false}}));
 }
 
 }  // namespace

@@ -174,9 +174,10 @@ bool ManualExecutors::runOne(double upTo) {
     entries_.erase(std::remove_if(entries_.begin(), entries_.end(),
                                   [](const Entry& e) { return *e.cancelled; }),
                    entries_.end());
-    auto it = std::min_element(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
-      return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
-    });
+    auto it =
+        std::min_element(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+          return a.due != b.due ? a.due < b.due : a.sequence < b.sequence;
+        });
     if (it == entries_.end() || it->due > upTo + kDueTolerance) return false;
     entry = *it;
     if (entry.interval > 0) {
@@ -220,8 +221,8 @@ void ManualExecutors::advance(double seconds) {
 
 size_t ManualExecutors::pendingCount() const {
   std::lock_guard<std::mutex> guard(mutex_);
-  return static_cast<size_t>(
-      std::count_if(entries_.begin(), entries_.end(), [](const Entry& e) { return !*e.cancelled; }));
+  return static_cast<size_t>(std::count_if(entries_.begin(), entries_.end(),
+                                           [](const Entry& e) { return !*e.cancelled; }));
 }
 
 void RecordingErrorReporter::reportError(std::string_view message,
@@ -257,8 +258,8 @@ FakePlatform::FakePlatform()
       random(std::make_shared<FakeRandomSource>()),
       log(std::make_shared<CapturingLog>()),
       executors(std::make_shared<ManualExecutors>(clock)) {
-  application = std::make_shared<HostApplicationService>(executors->mainQueue(),
-                                                       ApplicationState::kInactive);
+  application =
+      std::make_shared<HostApplicationService>(executors->mainQueue(), ApplicationState::kInactive);
   platform.clock = clock;
   platform.random = random;
   platform.keyValueStores = makeInMemoryKeyValueStoreProvider();

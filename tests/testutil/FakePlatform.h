@@ -105,7 +105,8 @@ class ManualExecutors : public Executors, public std::enable_shared_from_this<Ma
     Task task;
     std::shared_ptr<bool> cancelled;
   };
-  std::shared_ptr<Cancellable> enqueue(SerialQueue* queue, double delay, double interval, Task task);
+  std::shared_ptr<Cancellable> enqueue(SerialQueue* queue, double delay, double interval,
+                                       Task task);
 
  private:
   bool runOne(double upTo);

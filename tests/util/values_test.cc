@@ -20,9 +20,18 @@ namespace {
 
 TEST(DecimalTest, ParsesAndPrintsCanonicalText) {
   const std::pair<const char*, const char*> cases[] = {
-      {"2.5", "2.5"},       {"2.50", "2.5"},        {"-1.25", "-1.25"}, {"0", "0"},
-      {"-0", "0"},          {"000.000", "0"},       {"1e3", "1000"},    {"1000", "1000"},
-      {".5", "0.5"},        {"+3.5e-2", "0.035"},   {"0.001", "0.001"}, {"-12.000", "-12"},
+      {"2.5", "2.5"},
+      {"2.50", "2.5"},
+      {"-1.25", "-1.25"},
+      {"0", "0"},
+      {"-0", "0"},
+      {"000.000", "0"},
+      {"1e3", "1000"},
+      {"1000", "1000"},
+      {".5", "0.5"},
+      {"+3.5e-2", "0.035"},
+      {"0.001", "0.001"},
+      {"-12.000", "-12"},
       {"123456789.987654321", "123456789.987654321"},
       {"99999999999999999999999999999999999999", "99999999999999999999999999999999999999"},
   };
@@ -34,8 +43,8 @@ TEST(DecimalTest, ParsesAndPrintsCanonicalText) {
 }
 
 TEST(DecimalTest, RejectsMalformedText) {
-  for (const char* bad : {"", "-", ".", "1.2.3", "abc", "1e", "1e+", " 1", "1 ", "0x10", "NaN",
-                          "1e99999"}) {
+  for (const char* bad :
+       {"", "-", ".", "1.2.3", "abc", "1e", "1e+", " 1", "1 ", "0x10", "NaN", "1e99999"}) {
     EXPECT_FALSE(Decimal::parse(bad)) << bad;
   }
 }
@@ -139,8 +148,8 @@ TEST(PersistedCodableStateTest, RoundTripsAndFallsBackToTheDefault) {
   PersistedCodableState<Sample> reopened("sample_key", defaults, Sample{}, log);
   EXPECT_EQ(reopened.get(), (Sample{3, "three"}));
 
-  for (PlistValue corrupt : {PlistValue(Bytes{'{', 'x'}), PlistValue("not bytes"),
-                             PlistValue(Bytes{'{', '}'})}) {
+  for (PlistValue corrupt :
+       {PlistValue(Bytes{'{', 'x'}), PlistValue("not bytes"), PlistValue(Bytes{'{', '}'})}) {
     store->set("sample_key", corrupt);
     EXPECT_EQ(state.get(), (Sample{-1, "default"}));
   }

@@ -5,11 +5,11 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "logging/LogDecoder.h"
 #include "logging/AES.h"
+#include "logging/LogDecoder.h"
 #include "logging/LogEncoder.h"
-#include "util/Base64.h"
 #include "orvane/platform/Platform.h"
+#include "util/Base64.h"
 
 namespace orvane::sim {
 namespace {
@@ -121,10 +121,12 @@ std::optional<SignalFile> parseSignalFile(const std::string& text, std::string& 
 }  // namespace
 
 void addLogCommands(CLI::App& app, int& exitCode) {
-  auto* encode = app.add_subcommand("encode-log", "encode a signal list into the encrypted log form");
+  auto* encode =
+      app.add_subcommand("encode-log", "encode a signal list into the encrypted log form");
   static std::string encodeKey, signalsPath;
   encode->add_option("--key", encodeKey, "the app key")->required();
-  encode->add_option("--signals", signalsPath, "JSON file with signals, customSignals, globalSignals")
+  encode
+      ->add_option("--signals", signalsPath, "JSON file with signals, customSignals, globalSignals")
       ->required();
   encode->callback([&exitCode] {
     std::string error;

@@ -46,7 +46,8 @@ class Executors {
 
 // One thread per serial queue; the main queue is such a queue named "main" unless the host
 // hands in its own.
-std::shared_ptr<Executors> makeThreadExecutors(std::shared_ptr<SerialQueue> hostMainQueue = nullptr);
+std::shared_ptr<Executors> makeThreadExecutors(
+    std::shared_ptr<SerialQueue> hostMainQueue = nullptr);
 // A serial queue backed by its own thread.
 std::shared_ptr<SerialQueue> makeThreadSerialQueue(const std::string& name);
 

@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "orvane/PlistValue.h"
 #include "orvane/PlatformError.h"
+#include "orvane/PlistValue.h"
 
 namespace orvane {
 
@@ -36,9 +36,9 @@ using HttpCompletion =
     std::function<void(std::optional<HttpResponse> response, std::optional<PlatformError> error)>;
 // On success `temporaryFile` names the downloaded file, which the callee must move away
 // before returning; the transport removes it afterwards.
-using DownloadCompletion = std::function<void(std::optional<std::string> temporaryFile,
-                                              std::optional<HttpResponse> response,
-                                              std::optional<PlatformError> error)>;
+using DownloadCompletion =
+    std::function<void(std::optional<std::string> temporaryFile,
+                       std::optional<HttpResponse> response, std::optional<PlatformError> error)>;
 
 class HttpTransport {
  public:

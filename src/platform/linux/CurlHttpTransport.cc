@@ -48,10 +48,12 @@ PlatformError errorFor(CURLcode code, long osErrno) {
       return {kUrlErrorDomain, -1001, "The request timed out. (" + text + ")"};
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
-      return {kUrlErrorDomain, -1003, "A server with the specified hostname could not be found. (" + text + ")"};
+      return {kUrlErrorDomain, -1003,
+              "A server with the specified hostname could not be found. (" + text + ")"};
     case CURLE_COULDNT_CONNECT:
       if (osErrno != 0) {
-        return {kPosixErrorDomain, portablePosixCode(osErrno), std::strerror(static_cast<int>(osErrno))};
+        return {kPosixErrorDomain, portablePosixCode(osErrno),
+                std::strerror(static_cast<int>(osErrno))};
       }
       return {kUrlErrorDomain, -1004, "Could not connect to the server. (" + text + ")"};
     case CURLE_SEND_ERROR:
@@ -187,7 +189,8 @@ class CurlHttpTransport : public HttpTransport {
     if (request.method == "POST") {
       curl_easy_setopt(curl, CURLOPT_POST, 1L);
       curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
-      curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+      curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE,
+                       static_cast<curl_off_t>(request.body.size()));
     } else if (request.method != "GET") {
       curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
     }
@@ -220,14 +223,16 @@ class CurlHttpTransport : public HttpTransport {
     FILE* file = fd >= 0 ? fdopen(fd, "wb") : nullptr;
     if (!file) {
       completion(std::nullopt, std::nullopt,
-                 PlatformError{kPosixErrorDomain, portablePosixCode(errno), "Cannot create a temporary file"});
+                 PlatformError{kPosixErrorDomain, portablePosixCode(errno),
+                               "Cannot create a temporary file"});
       return;
     }
     CURL* curl = makeHandle(url, timeoutSeconds);
     if (!curl) {
       std::fclose(file);
       std::filesystem::remove(path, ec);
-      completion(std::nullopt, std::nullopt, PlatformError{kUrlErrorDomain, -1, "Cannot create a request"});
+      completion(std::nullopt, std::nullopt,
+                 PlatformError{kUrlErrorDomain, -1, "Cannot create a request"});
       return;
     }
     HttpResponse response;
@@ -245,8 +250,9 @@ class CurlHttpTransport : public HttpTransport {
     if (code != CURLE_OK || !closed) {
       std::filesystem::remove(path, ec);
       completion(std::nullopt, std::nullopt,
-                 code != CURLE_OK ? errorFor(code, osErrno)
-                                  : PlatformError{kUrlErrorDomain, -3003, "Cannot write the downloaded file"});
+                 code != CURLE_OK
+                     ? errorFor(code, osErrno)
+                     : PlatformError{kUrlErrorDomain, -3003, "Cannot write the downloaded file"});
       return;
     }
     response.statusCode = static_cast<int>(status);
