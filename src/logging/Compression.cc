@@ -13,11 +13,14 @@ PlatformError zlibError(int code, const char* what) {
 
 // One compressor per thread, reset between uses: setting one up allocates and clears
 // about 256 KB, which would dominate the encoding of a small log.
+constexpr int kLevel = 5;
+
 class ThreadDeflater {
  public:
   explicit ThreadDeflater(int memLevel) {
-    // windowBits -15: raw DEFLATE without the zlib wrapper.
-    ready_ = deflateInit2(&stream_, Z_DEFAULT_COMPRESSION, Z_DEFLATED, -15, memLevel,
+    // windowBits -15: raw DEFLATE without the zlib wrapper. Level 5 is what mobile platforms'
+    // zlib compression uses, so encoded logs are alike in size everywhere.
+    ready_ = deflateInit2(&stream_, kLevel, Z_DEFLATED, -15, memLevel,
                           Z_DEFAULT_STRATEGY) == Z_OK;
   }
   ~ThreadDeflater() {
