@@ -49,10 +49,13 @@ struct Fixture {
 
 void BM_EncodeLog(benchmark::State& state) {
   Fixture f;
+  size_t size = 0;
   for (auto _ : state) {
     auto encoded = f.encoder.encodeLog(f.signals, f.custom, f.global);
+    size = encoded->size();
     benchmark::DoNotOptimize(encoded);
   }
+  state.counters["encoded_bytes"] = static_cast<double>(size);
 }
 BENCHMARK(BM_EncodeLog)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly(true);
 

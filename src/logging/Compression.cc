@@ -17,11 +17,11 @@ constexpr int kLevel = 5;
 
 class ThreadDeflater {
  public:
-  explicit ThreadDeflater(int memLevel) {
+  ThreadDeflater(int memLevel, int strategy) {
     // windowBits -15: raw DEFLATE without the zlib wrapper. Level 5 is what mobile platforms'
     // zlib compression uses, so encoded logs are alike in size everywhere.
     ready_ = deflateInit2(&stream_, kLevel, Z_DEFLATED, -15, memLevel,
-                          Z_DEFAULT_STRATEGY) == Z_OK;
+                          strategy) == Z_OK;
   }
   ~ThreadDeflater() {
     if (ready_) deflateEnd(&stream_);
@@ -50,14 +50,19 @@ class ThreadDeflater {
 
 }  // namespace
 
-Result<Bytes> deflateRaw(std::span<const uint8_t> input) {
+Result<Bytes> deflateRaw(std::span<const uint8_t> input, CompressionHint hint) {
   // A reset clears the hash table, whose size follows memLevel; small inputs (the binary
-  // groups of a log) get a small table.
+  // groups of a log) get a small table. Text that is mostly base64 of compressed data has
+  // nothing for string matching to find, so it is only Huffman-coded.
+  if (hint == CompressionHint::kEntropyOnly) {
+    thread_local ThreadDeflater huffman(8, Z_HUFFMAN_ONLY);
+    return huffman.compress(input);
+  }
   if (input.size() <= 4096) {
-    thread_local ThreadDeflater small(4);
+    thread_local ThreadDeflater small(4, Z_DEFAULT_STRATEGY);
     return small.compress(input);
   }
-  thread_local ThreadDeflater large(8);
+  thread_local ThreadDeflater large(8, Z_DEFAULT_STRATEGY);
   return large.compress(input);
 }
 

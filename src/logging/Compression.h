@@ -12,7 +12,15 @@ namespace orvane {
 
 inline constexpr const char* kCompressionErrorDomain = "Compression";
 
-Result<Bytes> deflateRaw(std::span<const uint8_t> input);
+enum class CompressionHint {
+  kGeneral,
+  // Data with few repeated strings (base64 of compressed bytes): Huffman coding only, which
+  // is several times faster and loses almost nothing on such data.
+  kEntropyOnly,
+};
+
+Result<Bytes> deflateRaw(std::span<const uint8_t> input,
+                         CompressionHint hint = CompressionHint::kGeneral);
 // Fails on malformed or truncated input and when the output would exceed `maxOutput` bytes.
 Result<Bytes> inflateRaw(std::span<const uint8_t> input, size_t maxOutput = 64 * 1024 * 1024);
 

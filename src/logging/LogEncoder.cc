@@ -184,7 +184,8 @@ Result<Bytes> LogEncoder::encodeLogWithKey(const SignalList& signals,
   auto json = envelopeJson(signals, customSignals, globalSignals);
   if (!json) return json.error();
   auto compressed =
-      deflateRaw(std::span(reinterpret_cast<const uint8_t*>(json->data()), json->size()));
+      deflateRaw(std::span(reinterpret_cast<const uint8_t*>(json->data()), json->size()),
+                 CompressionHint::kEntropyOnly);
   if (!compressed) return compressed.error();
 
   Bytes iv(16);
