@@ -87,7 +87,7 @@ ContextManager::ContextManager(Platform platform,
       appLaunchSignals_(std::make_unique<AppLaunchSignalsGenerator>(dateProvider_, defaults_)),
       launchReason_(std::make_unique<AppLaunchReasonSignalsGenerator>()),
       serviceBaseURL_(initialServiceBaseURL()),
-      currentLogSender_([](std::shared_ptr<Log> log) {
+      currentLogSender_([](const std::shared_ptr<Log>& log) {
         if (log) log->send();
       }),
       currentSessionId_(makeUUIDString(*platform_.random)),
@@ -130,6 +130,7 @@ ContextManager& ContextManager::shared() noexcept {
       chosen = std::move(installedPlatform());
       sharedCreated() = true;
     }
+    // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): without memory there is no SDK
     auto* manager = new ContextManager(chosen ? std::move(*chosen) : Platform::defaultPlatform());
     // Like the platform's defaults store at app termination: what was written reaches disk.
     std::atexit([] { shared().userDefaultsProvider()->synchronize(); });

@@ -15,10 +15,10 @@ namespace orvane {
 class AnyEncodable {
  public:
   AnyEncodable() = default;  // null
-  AnyEncodable(PlistValue value)
-      : value_(std::move(value)) {}              // NOLINT(google-explicit-constructor)
-  AnyEncodable(std::optional<PlistValue> value)  // NOLINT(google-explicit-constructor)
-      : value_(std::move(value)) {}
+  // NOLINTNEXTLINE(google-explicit-constructor): any value converts to its JSON form
+  AnyEncodable(PlistValue value) : value_(std::move(value)) {}
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  AnyEncodable(std::optional<PlistValue> value) : value_(std::move(value)) {}
 
   const std::optional<PlistValue>& value() const { return value_; }
 

@@ -20,8 +20,7 @@ class ThreadDeflater {
   ThreadDeflater(int memLevel, int strategy) {
     // windowBits -15: raw DEFLATE without the zlib wrapper. Level 5 is what mobile platforms'
     // zlib compression uses, so encoded logs are alike in size everywhere.
-    ready_ = deflateInit2(&stream_, kLevel, Z_DEFLATED, -15, memLevel,
-                          strategy) == Z_OK;
+    ready_ = deflateInit2(&stream_, kLevel, Z_DEFLATED, -15, memLevel, strategy) == Z_OK;
   }
   ~ThreadDeflater() {
     if (ready_) deflateEnd(&stream_);

@@ -22,6 +22,6 @@ enum class CompressionHint {
 Result<Bytes> deflateRaw(std::span<const uint8_t> input,
                          CompressionHint hint = CompressionHint::kGeneral);
 // Fails on malformed or truncated input and when the output would exceed `maxOutput` bytes.
-Result<Bytes> inflateRaw(std::span<const uint8_t> input, size_t maxOutput = 64 * 1024 * 1024);
+Result<Bytes> inflateRaw(std::span<const uint8_t> input, size_t maxOutput = size_t{64} << 20);
 
 }  // namespace orvane

@@ -144,8 +144,12 @@ Result<std::string> joinEncodedPieces(std::string_view dictionaryJson) {
     if (!value.is_string()) return failure(13, "Piece " + key + " is not text");
     const std::string text = value.get<std::string>();
     const std::string prefix = std::to_string(index) + "_";
-    if (text.rfind(prefix, 0) != 0)
-      return failure(13, "Piece " + key + " does not start with " + prefix);
+    if (text.rfind(prefix, 0) != 0) {
+      std::string message = "Piece " + key;
+      message += " does not start with ";
+      message += prefix;
+      return failure(13, std::move(message));
+    }
     pieces[index] = text.substr(prefix.size());
   }
   if (pieces.empty()) return failure(13, "No encoded pieces found");

@@ -125,8 +125,9 @@ Result<std::string> OrvaneErrorReporting::requestBody(
   return out;
 }
 
-void OrvaneErrorReporting::send(std::string message, std::optional<PlatformError> error,
-                                std::optional<PlistDictionary> additionalData) {
+void OrvaneErrorReporting::send(const std::string& message,
+                                const std::optional<PlatformError>& error,
+                                const std::optional<PlistDictionary>& additionalData) {
   const std::string url = owner_.serviceBaseURL() + kPath;
   if (!isValidURL(url)) return;
   auto body = requestBody(message, error, additionalData);
@@ -146,7 +147,8 @@ void OrvaneErrorReporting::send(std::string message, std::optional<PlatformError
   request.body.assign(body->begin(), body->end());
   request.timeoutSeconds = 60;
   // The response is not examined and nothing is retried.
-  http->send(std::move(request), [](std::optional<HttpResponse>, std::optional<PlatformError>) {});
+  http->send(std::move(request),
+             [](const std::optional<HttpResponse>&, const std::optional<PlatformError>&) {});
 }
 
 }  // namespace orvane

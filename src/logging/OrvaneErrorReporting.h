@@ -37,8 +37,8 @@ class OrvaneErrorReporting : public ErrorReporter {
                                   const std::optional<PlistDictionary>& additionalData);
 
  private:
-  void send(std::string message, std::optional<PlatformError> error,
-            std::optional<PlistDictionary> additionalData);
+  void send(const std::string& message, const std::optional<PlatformError>& error,
+            const std::optional<PlistDictionary>& additionalData);
 
   ContextManager& owner_;  // not owned; the manager outlives its components
   std::shared_ptr<SerialQueue> reportingOperationQueue_;

@@ -7,10 +7,10 @@ namespace {
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-constexpr std::array<int8_t, 256> makeReverse() {
-  std::array<int8_t, 256> table{};
+constexpr std::array<int16_t, 256> makeReverse() {
+  std::array<int16_t, 256> table{};
   for (auto& v : table) v = -1;
-  for (int i = 0; i < 64; ++i) table[static_cast<uint8_t>(kAlphabet[i])] = static_cast<int8_t>(i);
+  for (int i = 0; i < 64; ++i) table[static_cast<uint8_t>(kAlphabet[i])] = static_cast<int16_t>(i);
   return table;
 }
 constexpr auto kReverse = makeReverse();

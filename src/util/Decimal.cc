@@ -188,7 +188,7 @@ std::strong_ordering Decimal::operator<=>(const Decimal& other) const {
       mag = c <=> 0;
     }
   }
-  if (negative_) return 0 <=> mag;
+  if (negative_) return 0 <=> mag;  // NOLINT(modernize-use-nullptr): the literal 0 of <=>
   return mag;
 }
 

@@ -15,9 +15,10 @@ namespace orvane {
 template <typename T>
 class [[nodiscard]] Result {
  public:
-  Result(T value) : storage_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
-  Result(PlatformError error)
-      : storage_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
+  // NOLINTNEXTLINE(google-explicit-constructor): a value or an error converts to a result
+  Result(T value) : storage_(std::move(value)) {}
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  Result(PlatformError error) : storage_(std::move(error)) {}
 
   bool ok() const { return storage_.index() == 0; }
   explicit operator bool() const { return ok(); }

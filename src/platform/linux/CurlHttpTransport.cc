@@ -182,7 +182,10 @@ class CurlHttpTransport : public HttpTransport {
     }
     curl_slist* headers = nullptr;
     for (const auto& [name, value] : request.headers) {
-      headers = curl_slist_append(headers, (name + ": " + value).c_str());
+      std::string line = name;
+      line += ": ";
+      line += value;
+      headers = curl_slist_append(headers, line.c_str());
     }
     headers = curl_slist_append(headers, "Expect:");  // no 100-continue round trip
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
