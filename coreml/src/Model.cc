@@ -170,7 +170,7 @@ Result<EvaluatorPtr> buildEvaluator(const schema::Model& model, BuildContext& co
   if (context.depth >= kMaxPipelineDepth) return Error("pipelines are nested too deeply");
   if (model.specificationversion() < 0 ||
       model.specificationversion() > kNewestSpecificationVersion) {
-    return Error("unsupported specification version " +
+    return Error("unsupported format version " +
                  std::to_string(model.specificationversion()));
   }
   auto description = convertDescription(model.description());
@@ -352,7 +352,7 @@ Result<std::shared_ptr<ModelImpl>> buildModel(const void* data, size_t size) {
   }
   const int version = model.specificationversion();
   if (version < kOldestSpecificationVersion || version > kNewestSpecificationVersion) {
-    return Error("specification version " + std::to_string(version) + " is outside the range " +
+    return Error("format version " + std::to_string(version) + " is outside the range " +
                  std::to_string(kOldestSpecificationVersion) + " to " +
                  std::to_string(kNewestSpecificationVersion) + " that this runtime reads");
   }

@@ -24,10 +24,10 @@ schema::TreeEnsembleParameters* trees(schema::Model& m) {
 
 const Broken kBrokenModels[] = {
     {"VersionZero", [](schema::Model& m) { m.set_specificationversion(0); },
-     "specification version 0"},
+     "format version 0"},
     {"VersionFromTheFuture",
      [](schema::Model& m) { m.set_specificationversion(kNewestSpecificationVersion + 1); },
-     "specification version"},
+     "format version"},
     {"NoDescription", [](schema::Model& m) { m.clear_description(); }, "no description"},
     {"NoKind", [](schema::Model& m) { m.clear_treeensembleclassifier(); }, "no kind"},
     {"UnsupportedKind", [](schema::Model& m) { m.mutable_neuralnetworkclassifier(); },
