@@ -11,6 +11,8 @@
 #include <mutex>
 #include <thread>
 
+#include <unistd.h>
+
 #include "orvane/platform/HttpTransport.h"
 
 namespace orvane {
@@ -160,6 +162,29 @@ class CurlHttpTransport : public HttpTransport {
     }
   }
 
+  struct Transfer {
+    CURLcode code;
+    long osErrno;
+  };
+
+  // Runs the transfer with its body going to `sink` and its headers and status into
+  // `response`, then releases the handle.
+  static Transfer perform(CURL* curl, curl_write_callback write, void* sink,
+                          HttpResponse& response) {
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, write);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
+    const CURLcode code = curl_easy_perform(curl);
+    long status = 0;
+    long osErrno = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &osErrno);
+    curl_easy_cleanup(curl);
+    response.statusCode = static_cast<int>(status);
+    return {code, osErrno};
+  }
+
   static CURL* makeHandle(const std::string& url, double timeoutSeconds) {
     CURL* curl = curl_easy_init();
     if (!curl) return nullptr;
@@ -198,22 +223,12 @@ class CurlHttpTransport : public HttpTransport {
       curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
     }
     HttpResponse response;
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, appendToBytes);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
-    const CURLcode code = curl_easy_perform(curl);
-    long status = 0;
-    long osErrno = 0;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-    curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &osErrno);
+    const Transfer transfer = perform(curl, appendToBytes, &response.body, response);
     curl_slist_free_all(headers);
-    curl_easy_cleanup(curl);
-    if (code != CURLE_OK) {
-      completion(std::nullopt, errorFor(code, osErrno));
+    if (transfer.code != CURLE_OK) {
+      completion(std::nullopt, errorFor(transfer.code, transfer.osErrno));
       return;
     }
-    response.statusCode = static_cast<int>(status);
     completion(std::move(response), std::nullopt);
   }
 
@@ -225,6 +240,12 @@ class CurlHttpTransport : public HttpTransport {
     const int fd = mkstemp(path.data());
     FILE* file = fd >= 0 ? fdopen(fd, "wb") : nullptr;
     if (!file) {
+      const int err = errno;
+      if (fd >= 0) {
+        close(fd);
+        std::filesystem::remove(path, ec);
+      }
+      errno = err;
       completion(std::nullopt, std::nullopt,
                  PlatformError{kPosixErrorDomain, portablePosixCode(errno),
                                "Cannot create a temporary file"});
@@ -239,26 +260,17 @@ class CurlHttpTransport : public HttpTransport {
       return;
     }
     HttpResponse response;
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, appendToFile);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, file);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
-    const CURLcode code = curl_easy_perform(curl);
-    long status = 0;
-    long osErrno = 0;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-    curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &osErrno);
-    curl_easy_cleanup(curl);
+    const Transfer transfer = perform(curl, appendToFile, file, response);
+    const CURLcode code = transfer.code;
     const bool closed = std::fclose(file) == 0;
     if (code != CURLE_OK || !closed) {
       std::filesystem::remove(path, ec);
       completion(std::nullopt, std::nullopt,
                  code != CURLE_OK
-                     ? errorFor(code, osErrno)
+                     ? errorFor(code, transfer.osErrno)
                      : PlatformError{kUrlErrorDomain, -3003, "Cannot write the downloaded file"});
       return;
     }
-    response.statusCode = static_cast<int>(status);
     completion(path, std::move(response), std::nullopt);
     std::filesystem::remove(path, ec);
   }
