@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "LogCommands.h"
+#include "ModelCommands.h"
 #include "orvane/ContextManager.h"
 
 int main(int argc, char** argv) {
@@ -11,6 +12,7 @@ int main(int argc, char** argv) {
   app.add_option("--key", key, "the app key to set up with (no subcommand)");
   int exitCode = 0;
   orvane::sim::addLogCommands(app, exitCode);
+  orvane::sim::addModelCommands(app, exitCode);
   CLI11_PARSE(app, argc, argv);
 
   if (app.get_subcommands().empty()) {
