@@ -9,6 +9,7 @@
 #include <fstream>
 #include <future>
 
+#include "models/ModelDownloader.h"
 #include "orvane/platform/HttpTransport.h"
 
 namespace orvane {
@@ -169,6 +170,37 @@ TEST(CurlTransportTest, DownloadsIntoATemporaryFileThatIsRemovedAfterTheCompleti
   auto [missing, missingPath] = download("/missing");
   ASSERT_TRUE(missing.response);
   EXPECT_EQ(missing.response->statusCode, 404);
+}
+
+}  // namespace
+}  // namespace orvane
+
+namespace orvane {
+namespace {
+
+TEST(ModelDownloadOverHttpTest, DownloadsAndCompilesFromALoopbackServer) {
+  const char* root = std::getenv("ORVANE_FIXTURES");
+  std::ifstream in(std::string(root ? root : "tests/fixtures") + "/coreml/gbc_binary.mlmodel",
+                   std::ios::binary);
+  const std::string model((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  ASSERT_FALSE(model.empty());
+  LoopbackServer loopback;
+  loopback.server().Get("/models/home.mlmodel",
+                        [&](const httplib::Request&, httplib::Response& res) {
+                          res.set_content(model, "application/octet-stream");
+                        });
+  loopback.server().Get("/models/gone",
+                        [](const httplib::Request&, httplib::Response& res) { res.status = 410; });
+  auto downloader = std::make_shared<ModelDownloader>(
+      makeCurlHttpTransport(), makePortableModelRuntime(), ::testing::TempDir() + "orvane-dl");
+
+  auto result = downloader->downloadAndCompileModel(loopback.url("/models/home.mlmodel"));
+  ASSERT_TRUE(result.ok()) << result.error().description;
+  EXPECT_TRUE(makePortableModelRuntime()->loadCompiledModel(result->compiledModelPath).ok());
+
+  auto gone = downloader->downloadAndCompileModel(loopback.url("/models/gone"));
+  ASSERT_FALSE(gone.ok());
+  EXPECT_EQ(gone.error().description, "Unexpected status code: 410");
 }
 
 }  // namespace

@@ -269,6 +269,7 @@ FakePlatform::FakePlatform()
   platform.crypto = makeOpenSslCrypto();
   platform.application = application;
   platform.motion = makeReplayMotionService();
+  platform.modelRuntime = makePortableModelRuntime();
   platform.bundle.bundleIdentifier = "com.example.host";
   platform.bundle.shortVersion = "1.0";
   platform.bundle.buildVersion = "1";

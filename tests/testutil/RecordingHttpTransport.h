@@ -4,6 +4,8 @@
 #pragma once
 
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <vector>
 
@@ -16,6 +18,8 @@ class RecordingHttpTransport : public HttpTransport {
   struct Answer {
     std::optional<HttpResponse> response;
     std::optional<PlatformError> error;
+    // For downloads: the content of the file handed to the completion (none: no file).
+    std::optional<std::string> fileContent;
   };
 
   void send(HttpRequest request, HttpCompletion completion) override {
@@ -26,7 +30,8 @@ class RecordingHttpTransport : public HttpTransport {
     }
     completion(answer.response, answer.error);
   }
-  void download(std::string url, std::string, double, DownloadCompletion completion) override {
+  void download(std::string url, std::string directory, double,
+                DownloadCompletion completion) override {
     Answer answer = next();
     {
       std::lock_guard<std::mutex> guard(mutex_);
@@ -35,7 +40,14 @@ class RecordingHttpTransport : public HttpTransport {
       request.method = "GET";
       requests_.push_back(std::move(request));
     }
-    completion(std::nullopt, answer.response, answer.error);
+    std::optional<std::string> file;
+    if (answer.fileContent) {
+      std::filesystem::create_directories(directory);
+      file = directory + "/download-" + std::to_string(requests().size());
+      std::ofstream(*file, std::ios::binary) << *answer.fileContent;
+    }
+    completion(file, answer.response, answer.error);
+    if (file) std::filesystem::remove(*file);
   }
 
   // Answers for the next requests, in order; afterwards every request gets 200 with no body.
@@ -51,7 +63,7 @@ class RecordingHttpTransport : public HttpTransport {
  private:
   Answer next() {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (answers_.empty()) return {HttpResponse{200, {}, {}}, std::nullopt};
+    if (answers_.empty()) return {HttpResponse{200, {}, {}}, std::nullopt, std::nullopt};
     Answer a = answers_.front();
     answers_.pop_front();
     return a;

@@ -13,6 +13,7 @@
 #include "orvane/platform/FileSystem.h"
 #include "orvane/platform/HttpTransport.h"
 #include "orvane/platform/KeyValueStore.h"
+#include "orvane/platform/ModelRuntime.h"
 #include "orvane/platform/MotionService.h"
 #include "orvane/platform/RandomSource.h"
 #include "orvane/platform/SystemLog.h"
@@ -30,6 +31,7 @@ struct Platform {
   std::shared_ptr<HttpTransport> http;
   std::shared_ptr<ApplicationService> application;
   std::shared_ptr<MotionService> motion;
+  std::shared_ptr<ModelRuntime> modelRuntime;
   BundleInfo bundle;
 
   // The Linux platform. Data lives in $ORVANE_DATA_DIR, else $XDG_DATA_HOME/orvane, else

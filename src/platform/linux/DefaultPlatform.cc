@@ -39,6 +39,7 @@ Platform Platform::defaultPlatform() {
   platform.application = std::make_shared<HostApplicationService>(platform.executors->mainQueue(),
                                                                   ApplicationState::kInactive);
   platform.http = makeCurlHttpTransport();
+  platform.modelRuntime = makePortableModelRuntime();
   platform.motion = makeReplayMotionService();
   platform.bundle.bundleIdentifier = environment("ORVANE_BUNDLE_ID");
   platform.bundle.sdkResourceDirectory = "";

@@ -1,0 +1,72 @@
+#include "models/ModelDownloader.h"
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+
+namespace orvane {
+
+PlatformError DownloadError::unexpectedStatusCode(int status) {
+  return {kDomain, kUnexpectedStatusCode, "Unexpected status code: " + std::to_string(status)};
+}
+PlatformError DownloadError::compilationFailed(const std::string& compilerError) {
+  return {kDomain, kCompilationFailed, "Failed to compile model: " + compilerError};
+}
+PlatformError DownloadError::noResponse() {
+  return {kDomain, kNoResponse, "No response received."};
+}
+PlatformError DownloadError::unknown() { return {kDomain, kUnknown, "Unknown download error."}; }
+
+ModelDownloader::ModelDownloader(std::shared_ptr<HttpTransport> session,
+                                 std::shared_ptr<ModelRuntime> compiler,
+                                 std::string temporaryDirectory, double timeoutSeconds)
+    : session_(std::move(session)),
+      compiler_(std::move(compiler)),
+      temporaryDirectory_(std::move(temporaryDirectory)),
+      timeoutSeconds_(timeoutSeconds) {}
+
+Result<ModelDownloader::Downloaded> ModelDownloader::downloadAndCompileModel(
+    const std::string& url) {
+  if (!session_ || !compiler_) return DownloadError::unknown();
+  auto slot = std::make_shared<std::promise<Result<Downloaded>>>();
+  auto answered = std::make_shared<std::atomic<bool>>(false);
+  auto answer = [slot, answered](Result<Downloaded> result) {
+    if (!answered->exchange(true)) slot->set_value(std::move(result));
+  };
+  std::weak_ptr<ModelDownloader> weakSelf = weak_from_this();
+  // Each download compiles into a folder of its own, so concurrent updates never collide.
+  static std::atomic<uint64_t> counter{0};
+  const std::string compileFolder =
+      (std::filesystem::path(temporaryDirectory_) /
+       ("compiled-" + std::to_string(reinterpret_cast<uintptr_t>(this)) + "-" +
+        std::to_string(counter.fetch_add(1))))
+          .string();
+
+  session_->download(
+      url, temporaryDirectory_, timeoutSeconds_,
+      [weakSelf, answer, compileFolder](std::optional<std::string> file,
+                                        std::optional<HttpResponse> response,
+                                        std::optional<PlatformError> error) {
+        auto self = weakSelf.lock();
+        if (!self) return answer(DownloadError::unknown());
+        if (error) return answer(*error);
+        if (!response) return answer(DownloadError::noResponse());
+        if (response->statusCode < 200 || response->statusCode > 299) {
+          return answer(DownloadError::unexpectedStatusCode(response->statusCode));
+        }
+        if (!file) return answer(DownloadError::unknown());
+        // The compiled folder takes its name from the file; the transport's name is random.
+        std::error_code ec;
+        std::filesystem::create_directories(compileFolder, ec);
+        const std::string named = compileFolder + "/model.mlmodel";
+        std::filesystem::rename(*file, named, ec);
+        if (ec) return answer(DownloadError::unknown());
+        auto compiled = self->compiler_->compileModel(named, compileFolder);
+        std::filesystem::remove(named, ec);
+        if (!compiled) return answer(DownloadError::compilationFailed(compiled.error().message()));
+        answer(Downloaded{compiled.value(), std::move(*response)});
+      });
+  return slot->get_future().get();
+}
+
+}  // namespace orvane
