@@ -174,8 +174,25 @@ RemoteConfiguration& ContextManager::remoteConfiguration() {
 }
 
 CoreMLModelManager& ContextManager::coreMLModelManager() {
-  return lazily(modelManager_.once, modelManager_.value,
-                [] { return std::make_unique<CoreMLModelManager>(); });
+  return lazily(modelManager_.once, modelManager_.value, [this] {
+    CoreMLModelManager::Dependencies deps;
+    deps.defaults = defaults_;
+    deps.fileSystem = platform_.fileSystem;
+    deps.modelRuntime = platform_.modelRuntime;
+    deps.http = platform_.http;
+    deps.crypto = platform_.crypto;
+    deps.dateProvider = dateProvider_;
+    deps.log = platform_.log;
+    deps.updatingQueue = platform_.executors->makeSerialQueue("com.orvane.CoreMLModelManager");
+    deps.errorReporter = [this]() -> ErrorReporter& { return orvaneErrorReporting(); };
+    deps.remoteConfiguration = [this]() -> RemoteConfiguration& { return remoteConfiguration(); };
+    deps.bundleIdentifier = bundleIdentifier_;
+    deps.sdkVersion = kSdkVersion;
+    if (!platform_.bundle.sdkResourceDirectory.empty()) {
+      deps.bundledModelsFolder = platform_.bundle.sdkResourceDirectory + "/Orvane.bundle";
+    }
+    return std::make_unique<CoreMLModelManager>(std::move(deps));
+  });
 }
 
 PeriodicContextEvaluator& ContextManager::periodicContextEvaluator() {

@@ -11,6 +11,10 @@ std::string makeUUIDString(RandomSource& random) {
   }
   bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
   bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+  return uuidString(bytes);
+}
+
+std::string uuidString(const std::array<uint8_t, 16>& bytes) {
   static constexpr char kHex[] = "0123456789ABCDEF";
   std::string out;
   out.reserve(36);

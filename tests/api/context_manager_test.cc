@@ -195,7 +195,7 @@ TEST(ContextManagerTest, DecisionSwitchesEmptyTheModelCache) {
   CoreMLModelManager& models = manager.coreMLModelManager();
   auto fillCache = [&] {
     models.modelInfoCache().withLock(
-        [](CoreMLModelManager::ModelInfoCache& cache) { cache["home"] = nullptr; });
+        [](CoreMLModelManager::ModelInfoCache& cache) { cache["home"] = CustomModelInfo{}; });
   };
   auto cacheSize = [&] {
     return models.modelInfoCache().withLock(

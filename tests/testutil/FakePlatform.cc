@@ -261,6 +261,7 @@ FakePlatform::FakePlatform()
   application =
       std::make_shared<HostApplicationService>(executors->mainQueue(), ApplicationState::kInactive);
   platform.clock = clock;
+  platform.calendar = makeFixedOffsetCalendar("GMT", 0);
   platform.random = random;
   platform.keyValueStores = makeInMemoryKeyValueStoreProvider();
   platform.fileSystem = makeLocalFileSystem(::testing::TempDir() + "orvane-fake-platform");

@@ -24,6 +24,8 @@ class FileSystem {
   virtual bool move(const std::string& from, const std::string& to) = 0;
   // Removes a file or a whole folder.
   virtual bool remove(const std::string& path) = 0;
+  // A folder is mirrored: its folders are created anew and its files hard-linked. False when
+  // something exists at `link`.
   virtual bool createHardLink(const std::string& existing, const std::string& link) = 0;
   // Seconds since 1970 of the last modification.
   virtual std::optional<double> modificationDate(const std::string& path) const = 0;

@@ -7,6 +7,7 @@
 
 #include "orvane/platform/ApplicationService.h"
 #include "orvane/platform/BundleInfo.h"
+#include "orvane/platform/Calendar.h"
 #include "orvane/platform/Clock.h"
 #include "orvane/platform/Crypto.h"
 #include "orvane/platform/Executors.h"
@@ -22,6 +23,7 @@ namespace orvane {
 
 struct Platform {
   std::shared_ptr<Clock> clock;
+  std::shared_ptr<Calendar> calendar;
   std::shared_ptr<RandomSource> random;
   std::shared_ptr<KeyValueStoreProvider> keyValueStores;
   std::shared_ptr<FileSystem> fileSystem;

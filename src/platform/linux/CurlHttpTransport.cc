@@ -195,6 +195,9 @@ class CurlHttpTransport : public HttpTransport {
                      static_cast<long>(std::min(timeoutSeconds, 30.0) * 1000));
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
+    // URLs come from the network: never let one read local files or speak other protocols.
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
     return curl;
   }

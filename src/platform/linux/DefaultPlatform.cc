@@ -29,6 +29,7 @@ Platform Platform::defaultPlatform() {
   const std::string dataDirectory = defaultDataDirectory();
   Platform platform;
   platform.clock = makeSystemClock();
+  platform.calendar = makeSystemCalendar();
   platform.random = makeSystemRandomSource();
   platform.keyValueStores = makeSqliteKeyValueStoreProvider(dataDirectory + "/defaults");
   platform.fileSystem = makeLocalFileSystem(dataDirectory);

@@ -109,8 +109,25 @@ class LocalFileSystem : public FileSystem {
 
   bool createHardLink(const std::string& existing, const std::string& link) override {
     std::error_code ec;
-    fs::create_hard_link(existing, link, ec);
-    return !ec;
+    if (!fs::is_directory(existing, ec)) {
+      fs::create_hard_link(existing, link, ec);
+      return !ec;
+    }
+    // Folders cannot be hard-linked: mirror the tree and link every file in it.
+    if (fs::exists(fs::symlink_status(link, ec)) || !fs::create_directory(link, ec)) return false;
+    fs::recursive_directory_iterator it(existing, ec);
+    for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+      const fs::path target = fs::path(link) / fs::relative(it->path(), existing, ec);
+      if (ec) break;
+      if (it->is_directory(ec)) {
+        fs::create_directory(target, ec);
+      } else {
+        fs::create_hard_link(it->path(), target, ec);
+      }
+    }
+    if (!ec) return true;
+    fs::remove_all(link, ec);
+    return false;
   }
 
   std::optional<double> modificationDate(const std::string& path) const override {

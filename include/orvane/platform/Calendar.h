@@ -1,0 +1,41 @@
+// File: Calendar.h
+// The user's calendar and time zone: how an instant reads on the user's wall clock.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orvane {
+
+// Gregorian wall-clock fields of one instant. weekday runs 1..7 with 1 = Sunday.
+struct CalendarComponents {
+  int year = 0;
+  int month = 0;  // 1..12
+  int day = 0;    // 1..31
+  int hour = 0;   // 0..23
+  int minute = 0;
+  int second = 0;
+  int weekday = 0;
+
+  bool operator==(const CalendarComponents&) const = default;
+};
+
+class Calendar {
+ public:
+  virtual ~Calendar() = default;
+  // None when the instant cannot be represented (far outside the calendar's range).
+  virtual std::optional<CalendarComponents> components(double secondsSince1970) const = 0;
+  // The zone's name ("Europe/Berlin"), or an offset form ("GMT+0100") when it has none.
+  virtual std::string timeZoneIdentifier() const = 0;
+  // Offset of the zone's wall clock from UTC at that instant.
+  virtual int64_t secondsFromGMT(double secondsSince1970) const = 0;
+};
+
+// The machine's local time zone (TZ, else /etc/localtime).
+std::shared_ptr<Calendar> makeSystemCalendar();
+// A zone with a constant offset and no daylight saving; for tests and hosts that know better.
+std::shared_ptr<Calendar> makeFixedOffsetCalendar(std::string identifier, int64_t offsetSeconds);
+
+}  // namespace orvane

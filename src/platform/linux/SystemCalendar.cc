@@ -1,0 +1,95 @@
+// Wall-clock fields through the C library's time zone database.
+#include <time.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+
+#include "orvane/platform/Calendar.h"
+
+namespace orvane {
+namespace {
+
+std::optional<time_t> toTimeT(double secondsSince1970) {
+  if (!std::isfinite(secondsSince1970)) return std::nullopt;
+  const double floored = std::floor(secondsSince1970);
+  // Years far beyond any real date overflow struct tm's int year.
+  if (std::fabs(floored) > 1e14) return std::nullopt;
+  return static_cast<time_t>(floored);
+}
+
+CalendarComponents fromTm(const struct tm& fields) {
+  return {fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday,    fields.tm_hour,
+          fields.tm_min,         fields.tm_sec,     fields.tm_wday + 1};
+}
+
+std::string offsetName(int64_t offsetSeconds) {
+  const int64_t minutes = std::llabs(offsetSeconds) / 60;
+  char text[48];
+  std::snprintf(text, sizeof text, "GMT%c%02lld%02lld", offsetSeconds < 0 ? '-' : '+',
+                static_cast<long long>(minutes / 60), static_cast<long long>(minutes % 60));
+  return text;
+}
+
+class SystemCalendar : public Calendar {
+ public:
+  SystemCalendar() { tzset(); }
+
+  std::optional<CalendarComponents> components(double secondsSince1970) const override {
+    auto t = toTimeT(secondsSince1970);
+    struct tm fields {};
+    if (!t || localtime_r(&*t, &fields) == nullptr) return std::nullopt;
+    return fromTm(fields);
+  }
+
+  std::string timeZoneIdentifier() const override {
+    if (const char* tz = std::getenv("TZ"); tz != nullptr && *tz != '\0') {
+      return *tz == ':' ? std::string(tz + 1) : std::string(tz);
+    }
+    std::error_code ec;
+    const auto target = std::filesystem::read_symlink("/etc/localtime", ec).string();
+    if (!ec) {
+      if (auto at = target.find("zoneinfo/"); at != std::string::npos) return target.substr(at + 9);
+    }
+    return offsetName(secondsFromGMT(static_cast<double>(time(nullptr))));
+  }
+
+  int64_t secondsFromGMT(double secondsSince1970) const override {
+    auto t = toTimeT(secondsSince1970);
+    struct tm fields {};
+    if (!t || localtime_r(&*t, &fields) == nullptr) return 0;
+    return fields.tm_gmtoff;
+  }
+};
+
+class FixedOffsetCalendar : public Calendar {
+ public:
+  FixedOffsetCalendar(std::string identifier, int64_t offsetSeconds)
+      : identifier_(std::move(identifier)), offsetSeconds_(offsetSeconds) {}
+
+  std::optional<CalendarComponents> components(double secondsSince1970) const override {
+    auto t = toTimeT(secondsSince1970 + static_cast<double>(offsetSeconds_));
+    struct tm fields {};
+    if (!t || gmtime_r(&*t, &fields) == nullptr) return std::nullopt;
+    return fromTm(fields);
+  }
+  std::string timeZoneIdentifier() const override {
+    return identifier_.empty() ? offsetName(offsetSeconds_) : identifier_;
+  }
+  int64_t secondsFromGMT(double) const override { return offsetSeconds_; }
+
+ private:
+  std::string identifier_;
+  int64_t offsetSeconds_;
+};
+
+}  // namespace
+
+std::shared_ptr<Calendar> makeSystemCalendar() { return std::make_shared<SystemCalendar>(); }
+
+std::shared_ptr<Calendar> makeFixedOffsetCalendar(std::string identifier, int64_t offsetSeconds) {
+  return std::make_shared<FixedOffsetCalendar>(std::move(identifier), offsetSeconds);
+}
+
+}  // namespace orvane
