@@ -1,5 +1,6 @@
 #include "models/ContextDictionaryFeatureProvider.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -9,36 +10,6 @@ namespace {
 
 using coreml::FeatureType;
 using coreml::FeatureValue;
-
-constexpr std::string_view kCustomOpen = "<c>";
-constexpr std::string_view kCustomClose = "</c>";
-
-// The second "_"-separated part of `rest`, if there are at least two parts.
-std::optional<std::string> secondPart(std::string_view rest) {
-  const size_t first = rest.find('_');
-  if (first == std::string_view::npos) return std::nullopt;
-  std::string_view tail = rest.substr(first + 1);
-  return std::string(tail.substr(0, tail.find('_')));
-}
-
-// Decimal unsigned 16-bit number with an optional sign, as the platform's integer parser
-// reads it ("-0" is zero; any other negative number does not fit).
-std::optional<uint16_t> parseUInt16(std::string_view text) {
-  bool negative = false;
-  if (!text.empty() && (text.front() == '+' || text.front() == '-')) {
-    negative = text.front() == '-';
-    text.remove_prefix(1);
-  }
-  if (text.empty()) return std::nullopt;
-  uint32_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return std::nullopt;
-    value = value * 10 + static_cast<uint32_t>(c - '0');
-    if (value > 0xFFFF) return std::nullopt;
-  }
-  if (negative && value != 0) return std::nullopt;
-  return static_cast<uint16_t>(value);
-}
 
 const char* customSignalKindName(const CustomSignalValue& value) {
   static constexpr const char* kNames[] = {"bool", "int", "float", "decimal", "string"};
@@ -62,12 +33,18 @@ std::string defaultDecimalText(double value) {
 
 ContextDictionaryFeatureProvider::ContextDictionaryFeatureProvider(
     const SignalsManager& signalsManager, const CustomSignalList& customSignals,
-    const LoadedModel& model, const CoreMLModelMetadata& metadata, std::shared_ptr<SystemLog> log)
+    const LoadedModel& model, const CoreMLModelMetadata& metadata, std::shared_ptr<SystemLog> log,
+    const FeaturePlan* plan)
     : signalsManager_(signalsManager),
       customSignals_(customSignals),
       model_(model),
       metadata_(metadata),
-      log_(std::move(log)) {
+      log_(std::move(log)),
+      plan_(plan) {
+  if (plan_ == nullptr) {
+    ownPlan_ = std::make_unique<FeaturePlan>(model_.description());
+    plan_ = ownPlan_.get();
+  }
   uint16_t highest = 0;
   for (const Signal& s : signalsManager_.signals()) highest = std::max(highest, s.id().rawValue());
   signalsById_.assign(static_cast<size_t>(highest) + 1, nullptr);
@@ -84,54 +61,41 @@ std::vector<std::string> ContextDictionaryFeatureProvider::featureNames() const 
   return names;
 }
 
-std::optional<ParsedFeatureName> ContextDictionaryFeatureProvider::parseFeatureName(
-    std::string_view name) {
-  if (name.starts_with(kCustomOpen)) {
-    const size_t close = name.find(kCustomClose);
-    if (close == std::string_view::npos) return std::nullopt;
-    // "<c></c>" and a close marker inside the open one give no name.
-    const std::string_view signalName =
-        close >= kCustomOpen.size() ? name.substr(kCustomOpen.size(), close - kCustomOpen.size())
-                                    : std::string_view();
-    return ParsedFeatureName{std::string(signalName), true, secondPart(name.substr(close))};
-  }
-  const size_t underscore = name.find('_');
-  return ParsedFeatureName{std::string(name.substr(0, underscore)), false,
-                           underscore == std::string_view::npos
-                               ? std::nullopt
-                               : std::optional<std::string>(secondPart(name))};
-}
-
 const Signal* ContextDictionaryFeatureProvider::findSignal(uint16_t rawId) const {
   return rawId < signalsById_.size() ? signalsById_[rawId] : nullptr;
 }
 
 std::optional<FeatureValue> ContextDictionaryFeatureProvider::featureValue(
     const std::string& featureName) const {
-  const auto parsed = parseFeatureName(featureName);
-  if (!parsed || parsed->signalName.empty()) return emptyValue(featureName);
+  if (const PlannedFeature* planned = plan_->find(featureName, cursor_)) return valueOf(*planned);
+  // Not one of the model's inputs: served all the same, typed as a double.
+  return valueOf(FeaturePlan::plan(featureName, FeatureType::kDouble));
+}
+
+FeatureValue ContextDictionaryFeatureProvider::valueOf(const PlannedFeature& feature) const {
+  const auto& parsed = feature.parsed;
+  if (!parsed || parsed->signalName.empty()) return FeatureValue::undefined(feature.type);
 
   std::optional<FeatureValue> value;
   if (parsed->isCustomSignal) {
     for (const CustomSignal& custom : customSignals_) {
       if (custom.id() == parsed->signalName) {
-        value = customSignalToFeatureValue(featureName, custom);
+        value = customValue(feature.name, feature.type, custom);
         break;
       }
     }
-  } else if (auto raw = parseUInt16(parsed->signalName);
-             raw && SignalEnum::fromRawValue(*raw).has_value()) {
-    if (const Signal* signal = findSignal(*raw)) value = signalToFeatureValue(*signal);
+  } else if (feature.signalId) {
+    if (const Signal* signal = findSignal(*feature.signalId)) value = signalToFeatureValue(*signal);
   }
-  if (!value) return emptyValue(featureName);
+  if (!value) return FeatureValue::undefined(feature.type);
 
   if (parsed->categoryIndex) {
     if (auto hot = handleCategoricalValue(parsed->signalName, *value, *parsed->categoryIndex)) {
-      return hot;
+      return *hot;
     }
     return FeatureValue::fromInt64(*parsed->categoryIndex == "-1" ? 1 : 0);
   }
-  return value;
+  return std::move(*value);
 }
 
 std::optional<FeatureValue> ContextDictionaryFeatureProvider::signalToFeatureValue(
@@ -155,7 +119,12 @@ std::optional<FeatureValue> ContextDictionaryFeatureProvider::customSignalToFeat
     const std::string& featureName, const CustomSignal& customSignal) const {
   const coreml::FeatureDescription* input = model_.description().input(featureName);
   if (input == nullptr) return FeatureValue::undefined(FeatureType::kDouble);
-  const FeatureType type = input->type;
+  return customValue(featureName, input->type, customSignal);
+}
+
+FeatureValue ContextDictionaryFeatureProvider::customValue(const std::string& featureName,
+                                                           FeatureType type,
+                                                           const CustomSignal& customSignal) const {
   const CustomSignalValue& value = customSignal.value();
   if (const bool* b = std::get_if<bool>(&value); b && type == FeatureType::kInt64) {
     return FeatureValue::fromInt64(*b ? 1 : 0);

@@ -10,10 +10,10 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "coreml/FeatureValue.h"
+#include "models/FeaturePlan.h"
 #include "models/ModelExecutionInformation.h"
 #include "orvane/CustomSignal.h"
 #include "orvane/platform/SystemLog.h"
@@ -21,27 +21,23 @@
 
 namespace orvane {
 
-struct ParsedFeatureName {
-  std::string signalName;
-  bool isCustomSignal = false;
-  std::optional<std::string> categoryIndex;
-
-  bool operator==(const ParsedFeatureName&) const = default;
-};
-
 class ContextDictionaryFeatureProvider : public coreml::FeatureProvider {
  public:
-  // Everything is borrowed and must outlive the provider.
+  // Everything is borrowed and must outlive the provider. Without `plan` the provider parses
+  // the model's input names itself.
   ContextDictionaryFeatureProvider(const SignalsManager& signalsManager,
                                    const CustomSignalList& customSignals, const LoadedModel& model,
                                    const CoreMLModelMetadata& metadata,
-                                   std::shared_ptr<SystemLog> log);
+                                   std::shared_ptr<SystemLog> log,
+                                   const FeaturePlan* plan = nullptr);
 
   // The model's input names.
   std::vector<std::string> featureNames() const override;
   std::optional<coreml::FeatureValue> featureValue(const std::string& featureName) const override;
 
-  static std::optional<ParsedFeatureName> parseFeatureName(std::string_view featureName);
+  static std::optional<ParsedFeatureName> parseFeatureName(std::string_view featureName) {
+    return orvane::parseFeatureName(featureName);
+  }
   // Bool as integer 0/1, float as double, integer, string; decimals have no model form.
   static std::optional<coreml::FeatureValue> signalToFeatureValue(const Signal& signal);
   // Text of a value for matching against category lists: strings as they are, numbers in
@@ -57,6 +53,9 @@ class ContextDictionaryFeatureProvider : public coreml::FeatureProvider {
   coreml::FeatureValue emptyValue(const std::string& featureName) const;
 
  private:
+  coreml::FeatureValue valueOf(const PlannedFeature& feature) const;
+  coreml::FeatureValue customValue(const std::string& featureName, coreml::FeatureType type,
+                                   const CustomSignal& customSignal) const;
   const Signal* findSignal(uint16_t rawId) const;
 
   const SignalsManager& signalsManager_;
@@ -64,6 +63,9 @@ class ContextDictionaryFeatureProvider : public coreml::FeatureProvider {
   const LoadedModel& model_;
   const CoreMLModelMetadata& metadata_;
   std::shared_ptr<SystemLog> log_;
+  std::unique_ptr<FeaturePlan> ownPlan_;
+  const FeaturePlan* plan_;
+  mutable size_t cursor_ = 0;
   // First signal of each raw id: a model asks for hundreds of inputs per prediction.
   std::vector<const Signal*> signalsById_;
 };

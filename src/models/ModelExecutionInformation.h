@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "models/FeaturePlan.h"
 #include "orvane/platform/ModelRuntime.h"
 #include "util/Result.h"
 
@@ -58,16 +59,21 @@ class CoreMLModelExecutionInformation : public BaseModelExecutionInformation {
       : BaseModelExecutionInformation(randomUpsellChance),
         modelThresholds_(std::move(modelThresholds)),
         coreMLModel_(std::move(coreMLModel)),
-        coreMLModelMetadata_(std::move(coreMLModelMetadata)) {}
+        coreMLModelMetadata_(std::move(coreMLModelMetadata)) {
+    if (coreMLModel_) featurePlan_ = std::make_shared<FeaturePlan>(coreMLModel_->description());
+  }
 
   const ModelThresholds& modelThresholds() const { return modelThresholds_; }
   const std::shared_ptr<const LoadedModel>& coreMLModel() const { return coreMLModel_; }
   const CoreMLModelMetadata& coreMLModelMetadata() const { return coreMLModelMetadata_; }
+  // The model's input names parsed once; none without a model.
+  const FeaturePlan* featurePlan() const { return featurePlan_.get(); }
 
  private:
   ModelThresholds modelThresholds_;
   std::shared_ptr<const LoadedModel> coreMLModel_;
   CoreMLModelMetadata coreMLModelMetadata_;
+  std::shared_ptr<const FeaturePlan> featurePlan_;
 };
 
 // Handed in by the request side; a threshold function overrides the flow's thresholds when it

@@ -65,7 +65,8 @@ ModelExecutorResult ModelExecutor::executeCoreMLModel(
   const auto& model = executionInformation.coreMLModel();
   if (!model) return executeControlGroup("", 1.0);
   ContextDictionaryFeatureProvider provider(signalsManager, customSignals, *model,
-                                            executionInformation.coreMLModelMetadata(), deps_.log);
+                                            executionInformation.coreMLModelMetadata(), deps_.log,
+                                            executionInformation.featurePlan());
   auto prediction = model->predict(provider);
   if (!prediction) {
     if (deps_.errorReporter) {

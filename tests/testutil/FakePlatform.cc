@@ -242,6 +242,11 @@ size_t RecordingErrorReporter::count(std::string_view message) const {
                                            [&](const auto& r) { return r.message == message; }));
 }
 
+void RecordingErrorReporter::clear() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  reports_.clear();
+}
+
 namespace {
 class UnavailableProvider : public KeyValueStoreProvider {
  public:

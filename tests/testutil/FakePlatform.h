@@ -134,6 +134,7 @@ class RecordingErrorReporter : public ErrorReporter {
                    const std::optional<PlistDictionary>& additionalData) override;
   std::vector<RecordedReport> reports() const;
   size_t count(std::string_view message) const;
+  void clear();
 
  private:
   mutable std::mutex mutex_;
