@@ -13,6 +13,7 @@
 #include <string>
 
 #include "orvane/Configuration.h"
+#include "orvane/ContextModelInformation.h"
 #include "orvane/CustomSignal.h"
 #include "orvane/platform/Platform.h"
 
@@ -69,6 +70,13 @@ class ContextManager {
   static void setDecisionsEnabled(bool enabled) noexcept;
   // Control mode is decisions disabled.
   static void setControlMode(bool enabled) noexcept;
+  // The generation id of the model set in use: the service's id, "ota-<version>", or
+  // "calibration" before any update.
+  static std::string currentAppliedCustomModelVersion() noexcept;
+  // How `flowName` is decided today; none when the flow has neither a model nor a control
+  // assignment (it then always upsells).
+  static std::optional<ContextModelInformation> getCustomModel(
+      const std::string& flowName) noexcept;
 
   // ---- Global custom signals: added to every later log -----------------------------------
   // Setting an id that is already present replaces its value in place.
@@ -108,6 +116,8 @@ class ContextManager {
                  const Configuration& configuration) noexcept;
   void replaceLogSender(LogSender sender) noexcept;
   void setDecisionsSwitch(bool enabled) noexcept;
+  std::string appliedModelGenerationId() noexcept;
+  std::optional<ContextModelInformation> modelInformation(const std::string& flowName) noexcept;
   void setServiceBaseURLValue(const std::string& baseURL) noexcept;
   std::string serviceBaseURL() const;
   void storeGlobalCustomSignal(const CustomSignal& signal) noexcept;

@@ -263,6 +263,33 @@ void ContextManager::setDecisionsSwitch(bool enabled) noexcept {
             [&] { coreMLModelManager().setDecisionsEnabled(enabled); });
 }
 
+std::string ContextManager::appliedModelGenerationId() noexcept {
+  std::string id = "calibration";
+  absorbing(platform_, "currentAppliedCustomModelVersion",
+            [&] { id = coreMLModelManager().getCurrentAppliedGenerationId(); });
+  return id;
+}
+
+std::optional<ContextModelInformation> ContextManager::modelInformation(
+    const std::string& flowName) noexcept {
+  std::optional<ContextModelInformation> view;
+  absorbing(platform_, "getCustomModel", [&] {
+    const CustomModelInfo info = coreMLModelManager().getModelInfoForFlow(flowName);
+    if (!info.executionInformation) return;
+    view = ContextModelInformation{info.isControl,
+                                   info.modelVersion,
+                                   info.supportedDuration,
+                                   info.useInstantContext,
+                                   info.executionInformation->randomUpsellChance(),
+                                   std::nullopt};
+    if (const auto* model =
+            dynamic_cast<const CoreMLModelExecutionInformation*>(info.executionInformation.get())) {
+      view->upsellThreshold = model->modelThresholds().upsellThreshold;
+    }
+  });
+  return view;
+}
+
 // ---- Lifecycle ----------------------------------------------------------------------------
 
 void ContextManager::becomeActiveHandling() {
@@ -466,6 +493,13 @@ void ContextManager::setDecisionsEnabled(bool enabled) noexcept {
 }
 void ContextManager::setControlMode(bool enabled) noexcept {
   shared().setDecisionsSwitch(!enabled);
+}
+std::string ContextManager::currentAppliedCustomModelVersion() noexcept {
+  return shared().appliedModelGenerationId();
+}
+std::optional<ContextModelInformation> ContextManager::getCustomModel(
+    const std::string& flowName) noexcept {
+  return shared().modelInformation(flowName);
 }
 
 void ContextManager::setGlobalCustomSignal(const std::string& id, bool value) noexcept {

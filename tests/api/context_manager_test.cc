@@ -211,6 +211,28 @@ TEST(ContextManagerTest, DecisionSwitchesEmptyTheModelCache) {
   EXPECT_EQ(cacheSize(), 0u);
 }
 
+TEST(ContextManagerTest, PublicModelViewFollowsTheStoreAndTheSwitch) {
+  FakePlatform fake;
+  ContextManager manager(fake.platform);
+  EXPECT_EQ(manager.appliedModelGenerationId(), "calibration");
+  EXPECT_FALSE(manager.modelInformation("home"));  // nothing assigned: always upsell
+
+  const std::string control =
+      R"({"isControl":true,"supportedDuration":3,"useInstantContext":true,"randomUpsellChance":0.2,"modelVersion":"ctl-1"})";
+  manager.userDefaultsProvider()->set("model_info_for_flow_paywall",
+                                      Bytes(control.begin(), control.end()));
+  manager.userDefaultsProvider()->set("ota_last_applied_version", int64_t{4});
+  EXPECT_EQ(manager.appliedModelGenerationId(), "ota-4");
+  EXPECT_EQ(manager.modelInformation("paywall"),
+            (ContextModelInformation{true, "ctl-1", 3, true, 0.2, std::nullopt}));
+
+  manager.setDecisionsSwitch(false);
+  auto switched = manager.modelInformation("paywall");
+  ASSERT_TRUE(switched);
+  EXPECT_DOUBLE_EQ(switched->randomUpsellChance, 1.0);
+  EXPECT_TRUE(switched->modelVersion.starts_with("CCCC"));
+}
+
 TEST(ContextManagerTest, GlobalCustomSignalsReplaceInPlaceAndRemoveById) {
   FakePlatform fake;
   ContextManager manager(fake.platform);
