@@ -139,7 +139,7 @@ void TimingCoordinator::applyLatestConfiguration(
     for (const auto& [flow, info] : *modelInfoPerFlow) {
       if (!info.timingConfiguration) continue;
       if (auto converted = toClient(*info.timingConfiguration, lazy)) {
-        next.emplace(flow, std::move(*converted));
+        next.emplace(flow, *converted);
       }
     }
   }
