@@ -7,6 +7,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,6 +24,10 @@ class Log;
 class OrvaneLogSender;
 class OrvaneErrorReporting;
 class CoreMLModelManager;
+class Context;
+class FlowTimingSignalsGenerator;
+class ModelExecutor;
+class TimingCoordinator;
 class PeriodicContextEvaluator;
 class AccelerometerSensor;
 class AppLaunchSignalsGenerator;
@@ -164,6 +169,21 @@ class ContextManager {
   RemoteConfiguration& remoteConfiguration();
   PeriodicContextEvaluator& periodicContextEvaluator();
   AccelerometerSensor& accelerometerSensor();
+  TimingCoordinator& timingCoordinator();
+  ModelExecutor& modelExecutor();
+  FlowTimingSignalsGenerator& flowTimingSignalsGenerator() { return *flowTimingSignals_; }
+
+  // ---- Recent contexts -----------------------------------------------------------------------
+  // The flow's most recently created context, marked as handed out again; none if there is
+  // none.
+  std::shared_ptr<Context> recentContextForFlow(const std::string& flowName);
+  // Runs `fn` with the recent-contexts map under its lock. Never call out to host code in it.
+  using RecentContexts = std::map<std::string, std::shared_ptr<Context>>;
+  template <typename Fn>
+  auto withRecentContexts(Fn&& fn) {
+    std::lock_guard<std::mutex> guard(recentContextsMutex_);
+    return std::forward<Fn>(fn)(recentContexts_);
+  }
 
  private:
   template <typename T>
@@ -185,6 +205,7 @@ class ContextManager {
   const std::string bundleIdentifier_;
   std::unique_ptr<AppLaunchSignalsGenerator> appLaunchSignals_;
   std::unique_ptr<AppLaunchReasonSignalsGenerator> launchReason_;
+  std::unique_ptr<FlowTimingSignalsGenerator> flowTimingSignals_;
   ContextManagerIsSupported isSupported_;
   int observerToken_ = 0;
 
@@ -214,6 +235,11 @@ class ContextManager {
   Lazy<RemoteConfiguration> remoteConfiguration_;
   Lazy<PeriodicContextEvaluator> periodicEvaluator_;
   Lazy<AccelerometerSensor> accelerometerSensor_;
+  Lazy<TimingCoordinator> timingCoordinator_;
+  Lazy<ModelExecutor> modelExecutor_;
+
+  std::mutex recentContextsMutex_;
+  RecentContexts recentContexts_;
 };
 
 }  // namespace orvane

@@ -13,8 +13,12 @@
 #include "logging/OrvaneErrorReporting.h"
 #include "logging/OrvaneLogSender.h"
 #include "models/CoreMLModelManager.h"
+#include "models/ModelExecutor.h"
 #include "motion/AccelerometerSensor.h"
+#include "orvane/Context.h"
 #include "orvane/Log.h"
+#include "timing/FlowTimingSignalsGenerator.h"
+#include "timing/TimingCoordinator.h"
 #include "util/DateProvider.h"
 #include "util/UUID.h"
 #include "util/UserDefaultsProvider.h"
@@ -86,6 +90,7 @@ ContextManager::ContextManager(Platform platform,
       bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
       appLaunchSignals_(std::make_unique<AppLaunchSignalsGenerator>(dateProvider_, defaults_)),
       launchReason_(std::make_unique<AppLaunchReasonSignalsGenerator>()),
+      flowTimingSignals_(std::make_unique<FlowTimingSignalsGenerator>(dateProvider_, defaults_)),
       serviceBaseURL_(initialServiceBaseURL()),
       currentLogSender_([](const std::shared_ptr<Log>& log) {
         if (log) log->send();
@@ -195,6 +200,32 @@ CoreMLModelManager& ContextManager::coreMLModelManager() {
   });
 }
 
+TimingCoordinator& ContextManager::timingCoordinator() {
+  return lazily(timingCoordinator_.once, timingCoordinator_.value, [this] {
+    return std::make_unique<TimingCoordinator>(
+        defaults_, dateProvider_, platform_.random,
+        [this]() -> ErrorReporter& { return orvaneErrorReporting(); });
+  });
+}
+
+ModelExecutor& ContextManager::modelExecutor() {
+  return lazily(modelExecutor_.once, modelExecutor_.value, [this] {
+    return std::make_unique<ModelExecutor>(ModelExecutor::Dependencies{
+        platform_.random, platform_.calendar, dateProvider_, platform_.log,
+        [this]() -> ErrorReporter& { return orvaneErrorReporting(); }});
+  });
+}
+
+std::shared_ptr<Context> ContextManager::recentContextForFlow(const std::string& flowName) {
+  auto context = withRecentContexts([&](RecentContexts& recent) -> std::shared_ptr<Context> {
+    auto it = recent.find(flowName);
+    if (it == recent.end() || !it->second) return nullptr;
+    it->second->markReturnedAgain();
+    return it->second;
+  });
+  return context;
+}
+
 PeriodicContextEvaluator& ContextManager::periodicContextEvaluator() {
   return lazily(periodicEvaluator_.once, periodicEvaluator_.value,
                 [] { return std::make_unique<PeriodicContextEvaluator>(); });
@@ -249,12 +280,27 @@ void ContextManager::replaceLogSender(LogSender sender) noexcept {
 
 void ContextManager::sendLog(std::shared_ptr<Log> log) noexcept {
   absorbing(platform_, "sendLog", [&] {
-    LogSender sender;
-    {
-      std::lock_guard<std::mutex> guard(stateMutex_);
-      sender = currentLogSender_;
+    // The sender is host code: it always runs on the main queue, and the one current when it
+    // runs is used.
+    auto deliver = [this, log = std::move(log)] {
+      absorbing(platform_, "sendLog", [&] {
+        LogSender sender;
+        {
+          std::lock_guard<std::mutex> guard(stateMutex_);
+          sender = currentLogSender_;
+        }
+        if (sender) sender(log);
+      });
+    };
+    auto main = platform_.executors ? platform_.executors->mainQueue() : nullptr;
+    if (!main || main->isCurrent()) {
+      deliver();
+    } else {
+      std::weak_ptr<ContextManager> alive = selfHandle_;
+      main->async([alive, deliver = std::move(deliver)] {
+        if (alive.lock()) deliver();
+      });
     }
-    if (sender) sender(std::move(log));
   });
 }
 

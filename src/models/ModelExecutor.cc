@@ -106,9 +106,9 @@ ModelExecutorResult ModelExecutor::executeCoreMLModel(
   // A missing probability (-1) never counts as below: the moment is not judged bad.
   const bool below = probability != -1.0 && probability < used;
   if (below) {
-    result.decision = hit ? DecisionCode::kForcedUpsell : DecisionCode::kNoUpsell;
+    result.decision = hit ? ModelDecisionCode::kForcedUpsell : ModelDecisionCode::kNoUpsell;
   } else {
-    result.decision = DecisionCode::kUpsell;
+    result.decision = ModelDecisionCode::kUpsell;
   }
   result.signals.push_back(SignalBool(kForcedByChanceSignal, below && hit));
   return result;
@@ -121,11 +121,11 @@ ModelExecutorResult ModelExecutor::executeControlGroup(const std::string& modelV
   if (!modelVersion.empty())
     result.signals.push_back(SignalString(kModelVersionSignal, modelVersion));
   if (randomUpsellChance >= 1.0) {
-    result.decision = DecisionCode::kForcedUpsell;
+    result.decision = ModelDecisionCode::kForcedUpsell;
     return result;
   }
   const bool hit = chanceHits(randomUpsellChance);
-  result.decision = hit ? DecisionCode::kForcedUpsell : DecisionCode::kNoUpsell;
+  result.decision = hit ? ModelDecisionCode::kForcedUpsell : ModelDecisionCode::kNoUpsell;
   result.signals.push_back(SignalBool(kForcedByChanceSignal, hit));
   return result;
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "logging/ErrorReporter.h"
+#include "models/ModelDecisionCode.h"
 #include "models/ModelExecutionInformation.h"
 #include "orvane/CustomSignal.h"
 #include "orvane/Signal.h"
@@ -25,17 +26,9 @@
 
 namespace orvane {
 
-enum class DecisionCode : uint8_t {
-  kNoUpsell = 0,
-  // The model judged the moment good.
-  kUpsell = 1,
-  // The random chance (or the control rule) forced the upsell.
-  kForcedUpsell = 2,
-};
-
 struct ModelExecutorResult {
   SignalList signals;
-  DecisionCode decision = DecisionCode::kForcedUpsell;
+  ModelDecisionCode decision = ModelDecisionCode::kForcedUpsell;
 };
 
 class ModelExecutor {

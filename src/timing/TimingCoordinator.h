@@ -19,6 +19,7 @@
 
 #include "config/ServerPayload.h"
 #include "logging/ErrorReporter.h"
+#include "models/ModelDecisionCode.h"
 #include "orvane/Signal.h"
 #include "orvane/platform/RandomSource.h"
 #include "timing/Timing.h"
@@ -38,13 +39,6 @@ struct CooldownResult {
   TimingDecision decision = TimingDecision::kFollowModel;
   // Timing signals, in the order they go into the context.
   SignalList signals;
-};
-
-// The model part's decision code.
-enum class ModelDecisionCode : uint8_t {
-  kNoUpsell = 0,
-  kUpsell = 1,        // the model judged the moment good
-  kForcedUpsell = 2,  // random chance or the control rule said yes
 };
 
 struct UpsellDecision {

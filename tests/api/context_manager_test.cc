@@ -82,6 +82,8 @@ TEST(ContextManagerTest, CreationStartsASessionAndSetupTakesTheHostsChoices) {
                                    {UploadQueueKind::kUnloggedContexts, false},
                                    {UploadQueueKind::kMain, true}}));
   manager.sendLog(nullptr);
+  EXPECT_TRUE(received.empty());  // senders run on the main queue
+  fake.drain();
   EXPECT_EQ(received.size(), 1u);
   EXPECT_TRUE(manager.orvaneLogSender().mainQueue().empty());
 }
@@ -275,6 +277,7 @@ TEST(ContextManagerStaticTest, StaticOperationsReachTheSharedManager) {
   int sent = 0;
   ContextManager::setLogSender([&](std::shared_ptr<Log>) { ++sent; });
   shared.sendLog(nullptr);
+  fake->drain();
   EXPECT_EQ(sent, 1);
   ContextManager::setLogSender(nullptr);
 }

@@ -80,17 +80,17 @@ TEST_F(ModelExecutorTest, ModelDecisionAgainstThresholdAndChance) {
   fake.random->scriptUniform({0.3});  // every draw 0.3
   struct Case {
     double probability, threshold, chance;
-    DecisionCode code;
+    ModelDecisionCode code;
     bool forced;
   };
   const Case cases[] = {
-      {0.5, 0.5, 0.0, DecisionCode::kUpsell, false},  // equal is not below
-      {0.7, 0.5, 0.0, DecisionCode::kUpsell, false},
-      {0.4, 0.5, 0.0, DecisionCode::kNoUpsell, false},  // a chance of 0 never hits
-      {0.4, 0.5, 0.3, DecisionCode::kNoUpsell, false},  // 0.3 is not below 0.3
-      {0.4, 0.5, 0.31, DecisionCode::kForcedUpsell, true},
-      {0.4, 0.5, 1.0, DecisionCode::kForcedUpsell, true},
-      {0.9, 0.95, 1.0, DecisionCode::kForcedUpsell, true},
+      {0.5, 0.5, 0.0, ModelDecisionCode::kUpsell, false},  // equal is not below
+      {0.7, 0.5, 0.0, ModelDecisionCode::kUpsell, false},
+      {0.4, 0.5, 0.0, ModelDecisionCode::kNoUpsell, false},  // a chance of 0 never hits
+      {0.4, 0.5, 0.3, ModelDecisionCode::kNoUpsell, false},  // 0.3 is not below 0.3
+      {0.4, 0.5, 0.31, ModelDecisionCode::kForcedUpsell, true},
+      {0.4, 0.5, 1.0, ModelDecisionCode::kForcedUpsell, true},
+      {0.9, 0.95, 1.0, ModelDecisionCode::kForcedUpsell, true},
   };
   for (const Case& c : cases) {
     auto r = run(c.probability, c.threshold, c.chance);
@@ -108,7 +108,7 @@ TEST_F(ModelExecutorTest, SignalsComeInOrderWithVersionProbabilitiesAndThreshold
   EXPECT_EQ(r.signals[2], SignalString(SignalEnum::id(24), R"({"0":0.75,"1":0.25})"));
   EXPECT_EQ(r.signals[3], SignalFloat(SignalEnum::id(426), 0.3f));
   EXPECT_EQ(r.signals[4], SignalBool(SignalEnum::id(26), false));
-  EXPECT_EQ(r.decision, DecisionCode::kNoUpsell);
+  EXPECT_EQ(r.decision, ModelDecisionCode::kNoUpsell);
   // The model was handed the float signal widened to double.
   EXPECT_EQ(model->seen.at("70"), FeatureValue::fromDouble(0.5));
 }
@@ -126,7 +126,7 @@ TEST_F(ModelExecutorTest, MissingOrNumberKeyedProbabilitiesCountAsUpsell) {
     model->outputs = outputs;
     CoreMLModelExecutionInformation info(1.0, ModelThresholds{0.5, {}, {}}, model, {});
     auto r = executor.executeCoreMLModel("v", info, {}, signals, {});
-    EXPECT_EQ(r.decision, DecisionCode::kUpsell);
+    EXPECT_EQ(r.decision, ModelDecisionCode::kUpsell);
     EXPECT_FALSE(forcedOf(r));
   }
   model->outputs = {};
@@ -181,7 +181,7 @@ TEST_F(ModelExecutorTest, FailingModelIsReportedAndFallsToAlwaysUpsell) {
   model->failWith = "missing input '70'";
   CoreMLModelExecutionInformation info(0.0, ModelThresholds{0.5, {}, {}}, model, {});
   auto r = executor.executeCoreMLModel("v7", info, {}, signals, {});
-  EXPECT_EQ(r.decision, DecisionCode::kForcedUpsell);
+  EXPECT_EQ(r.decision, ModelDecisionCode::kForcedUpsell);
   EXPECT_EQ(r.signals, (SignalList{SignalInt(SignalEnum::id(16), 0)}));
   ASSERT_EQ(reporter.count("Failed to execute CoreML model."), 1u);
   EXPECT_TRUE(reporter.reports()[0].usingDefaultConfiguration);
@@ -190,17 +190,17 @@ TEST_F(ModelExecutorTest, FailingModelIsReportedAndFallsToAlwaysUpsell) {
 
 TEST_F(ModelExecutorTest, ControlRule) {
   auto certain = executor.executeControlGroup("ctl", 1.0);
-  EXPECT_EQ(certain.decision, DecisionCode::kForcedUpsell);
+  EXPECT_EQ(certain.decision, ModelDecisionCode::kForcedUpsell);
   EXPECT_EQ(certain.signals, (SignalList{SignalInt(SignalEnum::id(16), 0),
                                          SignalString(SignalEnum::id(18), "ctl")}));
   EXPECT_EQ(executor.executeControlGroup("", 1.0).signals.size(), 1u);
 
   fake.random->scriptUniform({0.4, 0.6});
   auto hit = executor.executeControlGroup("", 0.5);
-  EXPECT_EQ(hit.decision, DecisionCode::kForcedUpsell);
+  EXPECT_EQ(hit.decision, ModelDecisionCode::kForcedUpsell);
   EXPECT_EQ(hit.signals.back(), SignalBool(SignalEnum::id(26), true));
   auto miss = executor.executeControlGroup("", 0.5);
-  EXPECT_EQ(miss.decision, DecisionCode::kNoUpsell);
+  EXPECT_EQ(miss.decision, ModelDecisionCode::kNoUpsell);
   EXPECT_EQ(miss.signals.back(), SignalBool(SignalEnum::id(26), false));
 }
 
@@ -365,7 +365,7 @@ TEST(UpsellModelTest, ProviderFeedsTheDeliveredModelAsScikitLearnPredicted) {
     const double p1 = c["probabilities"]["1"].get<double>();
     auto probabilities = nlohmann::json::parse(std::get<std::string>(r.signals[2].value()));
     EXPECT_NEAR(probabilities["1"].get<double>(), p1, 1e-9);
-    EXPECT_EQ(r.decision, p1 < 0.5 ? DecisionCode::kNoUpsell : DecisionCode::kUpsell);
+    EXPECT_EQ(r.decision, p1 < 0.5 ? ModelDecisionCode::kNoUpsell : ModelDecisionCode::kUpsell);
     ++checked;
   }
   EXPECT_GT(checked, 20);
