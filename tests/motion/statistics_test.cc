@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <vector>
 
 #include "motion/features/StatisticalFeatures.h"
@@ -95,6 +96,19 @@ TEST(motionStatistics, CrossingRatesAndAverageChangeDivideByTheSampleCount) {
   EXPECT_EQ(f.zeroCrossingsAccelXVeryHigh, 0.0f);
   EXPECT_EQ(f.zeroCrossingsAccelYVeryLow, 0.0f);
   EXPECT_NEAR(f.avgDeltaAccel, 99 * 0.06 / 100, 1e-12);
+}
+
+TEST(motionStatistics, ANotANumberSampleRanksLast) {
+  // The platform should never report one; if it does, the order statistics stay defined.
+  auto samples = makeSamples(100, [](size_t i) {
+    return sample({0.001 * static_cast<double>(i), 0, 0});  // magnitudes 0, 0.001, … 0.099
+  });
+  samples[40].acceleration.x = std::numeric_limits<double>::quiet_NaN();
+  const AccelFeature f = extractAtEnd(samples, 1);
+  ASSERT_TRUE(f.validEntry);
+  EXPECT_TRUE(std::isnan(f.maxAccelMagnitude));
+  EXPECT_DOUBLE_EQ(f.percentile10AccelMagnitude, 0.009);  // rank 9 of the numbers
+  EXPECT_DOUBLE_EQ(f.percentile90AccelMagnitude, 0.090);  // rank 89: 0.040 left the numbers
 }
 
 TEST(motionStatistics, KurtosisNeedsFourValues) {

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "motion/features/AccelFeature.h"
@@ -63,33 +64,38 @@ double calculatePermutationEntropy(std::span<const double> signal, int order) {
   if (order > kLargestPermutationOrder || !allFinite(signal)) return kUnavailable;
 
   // Each pattern is kept as the number its digit text spells (positions are single digits),
-  // so sorting the numbers sorts the texts and the sum runs in text order.
+  // so ordering the numbers orders the texts and the sum runs in text order. A window has few
+  // distinct patterns (6 for order 3), so a short list beats a map.
   const size_t windows = signal.size() - static_cast<size_t>(order) + 1;
-  std::vector<uint64_t> patterns(windows);
-  std::array<int, kLargestPermutationOrder> positions{};
+  std::vector<std::pair<uint64_t, int64_t>> patterns;
+  std::array<size_t, kLargestPermutationOrder> positions{};
+  const auto length = static_cast<size_t>(order);
   for (size_t start = 0; start < windows; ++start) {
     const double* values = signal.data() + start;
-    for (int p = 0; p < order; ++p) positions[static_cast<size_t>(p)] = p;
+    for (size_t p = 0; p < length; ++p) positions[p] = p;
     // Insertion sort: stable, and quickest for the few values of a window.
-    for (int i = 1; i < order; ++i) {
-      const int position = positions[static_cast<size_t>(i)];
-      int j = i - 1;
-      while (j >= 0 && values[positions[static_cast<size_t>(j)]] > values[position]) {
-        positions[static_cast<size_t>(j + 1)] = positions[static_cast<size_t>(j)];
+    for (size_t i = 1; i < length; ++i) {
+      const size_t position = positions[i];
+      size_t j = i;
+      while (j > 0 && values[positions[j - 1]] > values[position]) {
+        positions[j] = positions[j - 1];
         --j;
       }
-      positions[static_cast<size_t>(j + 1)] = position;
+      positions[j] = position;
     }
     uint64_t code = 0;
-    for (int p = 0; p < order; ++p) code = code * 10 + static_cast<uint64_t>(positions[p]);
-    patterns[start] = code;
+    for (size_t p = 0; p < length; ++p) code = code * 10 + positions[p];
+    auto it = std::find_if(patterns.begin(), patterns.end(),
+                           [code](const auto& entry) { return entry.first == code; });
+    if (it == patterns.end()) {
+      patterns.emplace_back(code, 1);
+    } else {
+      ++it->second;
+    }
   }
   std::sort(patterns.begin(), patterns.end());
   std::vector<int64_t> counts;
-  for (size_t i = 0; i < patterns.size(); ++i) {
-    if (i == 0 || patterns[i] != patterns[i - 1]) counts.push_back(0);
-    ++counts.back();
-  }
+  for (const auto& [code, count] : patterns) counts.push_back(count);
   return entropyOfCounts(counts, static_cast<double>(windows));
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <vector>
 
 namespace orvane::accel_features {
@@ -186,16 +187,44 @@ void calculateExtremes(const MotionSeries& s, AccelFeature& f) {
   f.spanGyroZ = f.gyroZMax - f.gyroZMin;
 }
 
+size_t percentileRank(size_t count, double p) {
+  return static_cast<size_t>(static_cast<double>(count - 1) * p);
+}
+
+// Ascending, with values that are not numbers last, so that a platform reporting NaN gets
+// defined statistics rather than a comparison that breaks the selection.
+bool ascendingNumbersFirst(double a, double b) {
+  return a < b || (std::isnan(b) && !std::isnan(a));
+}
+
+// Moves the values that the percentiles, the median and the maximum read to the ranks they
+// would have after sorting, leaving the rest unsorted: selection costs n per rank where a
+// full sort costs n log n, and a 20-second window is sorted four times otherwise.
+void placeOrderStatistics(std::vector<double>& values) {
+  const size_t n = values.size();
+  std::vector<size_t> ranks = {(n - 1) / 2, n - 1};
+  if (n % 2 == 0) ranks.push_back((n - 1) / 2 + 1);
+  for (double p : kPercentiles) ranks.push_back(percentileRank(n, p));
+  std::sort(ranks.begin(), ranks.end());
+  ranks.erase(std::unique(ranks.begin(), ranks.end()), ranks.end());
+  auto from = values.begin();
+  for (size_t rank : ranks) {
+    const auto nth = values.begin() + static_cast<std::ptrdiff_t>(rank);
+    std::nth_element(from, nth, values.end(), ascendingNumbersFirst);
+    from = nth + 1;
+  }
+}
+
 void calculateSortedStatistics(const MotionSeries& s, AccelFeature& f) {
-  std::vector<double> sorted;
+  std::vector<double> ordered;
   for (const SortedSeries& series : kSortedSeries) {
-    sorted = s.*series.values;
-    std::sort(sorted.begin(), sorted.end());
+    ordered = s.*series.values;
+    placeOrderStatistics(ordered);
     for (size_t p = 0; p < std::size(kPercentiles); ++p) {
-      f.*series.percentiles[p] = percentileOfSorted(sorted, kPercentiles[p]);
+      f.*series.percentiles[p] = percentileOfSorted(ordered, kPercentiles[p]);
     }
-    f.*series.median = medianOfSorted(sorted);
-    if (series.largest) f.*series.largest = sorted.back();
+    f.*series.median = medianOfSorted(ordered);
+    if (series.largest) f.*series.largest = ordered.back();
   }
 }
 
@@ -222,8 +251,7 @@ void calculateAxisMoments(const MotionSeries& s, AccelFeature& f) {
 }  // namespace
 
 double percentileOfSorted(std::span<const double> sorted, double p) {
-  const auto index = static_cast<size_t>(static_cast<double>(sorted.size() - 1) * p);
-  return sorted[index];
+  return sorted[percentileRank(sorted.size(), p)];
 }
 
 double medianOfSorted(std::span<const double> sorted) {

@@ -16,6 +16,7 @@ namespace orvane::accel_features {
 void calculateStatisticalFeatures(const MotionSeries& series, AccelFeature& feature);
 
 // Percentile p (0 to 1) of ascending values: sorted[⌊(n − 1)·p⌋], no interpolation.
+// Both read only the ranks they need, so values with just those ranks in place will do.
 double percentileOfSorted(std::span<const double> sorted, double p);
 // The middle value, or the mean of the two middle values for an even count.
 double medianOfSorted(std::span<const double> sorted);
