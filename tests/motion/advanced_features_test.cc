@@ -13,10 +13,8 @@
 #include "motion/features/SinglePrecisionStatistics.h"
 #include "motion/motion_test_support.h"
 
-namespace orvane {
+namespace orvane::accel_features {
 namespace {
-
-using namespace accel_features;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 using Values = std::vector<double>;
@@ -118,4 +116,4 @@ TEST(motionJerk, AllEightFieldsUnavailableTogether) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::accel_features

@@ -13,10 +13,8 @@
 #include "motion/features/Spectrum.h"
 #include "testutil/DirectSpectrum.h"
 
-namespace orvane {
+namespace orvane::accel_features {
 namespace {
-
-using namespace accel_features;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
@@ -132,4 +130,4 @@ TEST(motionSpectrum, UnavailableValues) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::accel_features

@@ -95,6 +95,7 @@ double calculatePermutationEntropy(std::span<const double> signal, int order) {
   }
   std::sort(patterns.begin(), patterns.end());
   std::vector<int64_t> counts;
+  counts.reserve(patterns.size());
   for (const auto& [code, count] : patterns) counts.push_back(count);
   return entropyOfCounts(counts, static_cast<double>(windows));
 }
