@@ -6,7 +6,7 @@ packages=(
   cmake ninja-build g++ clang clang-format clang-tidy pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   libssl-dev libsqlite3-dev zlib1g-dev nlohmann-json3-dev libcli11-dev
-  libcurl4-openssl-dev libprotobuf-dev protobuf-compiler libcpp-httplib-dev
+  libcurl4-openssl-dev libprotobuf-dev protobuf-compiler libcpp-httplib-dev libeigen3-dev
 )
 
 missing=()

@@ -1,0 +1,55 @@
+// File: AccelerometerSensorValue.h
+// One device-motion sample as the platform delivers it: user acceleration (gravity removed)
+// and gravity in g, rotation rate in rad/s, attitude in radians, and the wall-clock time the
+// sample was taken. Samples are plain values; the sensor buffers copies of them.
+#pragma once
+
+#include "orvane/PlistValue.h"
+
+namespace orvane {
+
+struct MotionVector {
+  double x = 0;
+  double y = 0;
+  double z = 0;
+  bool operator==(const MotionVector&) const = default;
+};
+
+// Roll, pitch and yaw. A platform bridge copies its own attitude object into this.
+struct AttitudeData {
+  double roll = 0;
+  double pitch = 0;
+  double yaw = 0;
+  bool operator==(const AttitudeData&) const = default;
+};
+
+struct AccelerometerSensorValue {
+  AccelerometerSensorValue() = default;
+  AccelerometerSensorValue(MotionVector userAcceleration, MotionVector rotationRate,
+                           AttitudeData attitude, MotionVector gravity, Date timestamp = {})
+      : acceleration(userAcceleration),
+        rotationRate(rotationRate),
+        attitude(attitude),
+        gravity(gravity),
+        timestamp(timestamp) {}
+
+  MotionVector acceleration;
+  MotionVector rotationRate;
+  AttitudeData attitude;
+  MotionVector gravity;
+  Date timestamp;  // set by the sample handler when the sample arrives
+
+  // The raw-sample record: "t" the timestamp as the shortest decimal text of the double, and
+  // "a", "r", "at", "g" as three single-precision numbers each (acceleration, rotation rate,
+  // roll/pitch/yaw, gravity).
+  PlistDictionary toJSON() const;
+
+  bool operator==(const AccelerometerSensorValue&) const = default;
+};
+
+// A component as the raw-sample record writes it: printed with twelve decimals, then read
+// back in single precision. Rounding to twelve decimals first can change the float's last bit
+// compared with a plain narrowing, and the record keeps the values its readers expect.
+float rawSampleComponent(double value);
+
+}  // namespace orvane

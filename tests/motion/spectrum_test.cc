@@ -1,0 +1,119 @@
+// The magnitude spectrum and the features read from it: the transform against the textbook
+// sum at lengths of every factor shape, and the edge cases of each feature.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <numbers>
+#include <random>
+#include <vector>
+
+#include "motion/features/FrequencyFeatures.h"
+#include "motion/features/Spectrum.h"
+#include "testutil/DirectSpectrum.h"
+
+namespace orvane::accel_features {
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+std::vector<double> sine(size_t n, double hz, double amplitude = 1, double offset = 0) {
+  std::vector<double> x(n);
+  for (size_t i = 0; i < n; ++i) {
+    x[i] = offset + amplitude * std::sin(2 * std::numbers::pi * hz * static_cast<double>(i) / 100);
+  }
+  return x;
+}
+
+TEST(motionSpectrum, MatchesTheDirectTransformAtEveryLengthShape) {
+  std::mt19937_64 random(7);
+  std::uniform_real_distribution<double> value(0, 2);
+  // Powers of two, the window sizes, odd lengths, lengths with a factor of 2 but not 4, primes.
+  for (size_t n : {2u, 3u, 5u, 6u, 8u, 64u, 97u, 100u, 150u, 300u, 499u, 1001u, 2000u}) {
+    std::vector<double> x(n);
+    for (double& v : x) v = value(random);
+    const auto fast = computeFFT(x);
+    const auto reference = testing::directSpectrum(x);
+    ASSERT_EQ(fast.size(), n / 2) << n;
+    for (size_t k = 0; k < fast.size(); ++k) {
+      EXPECT_NEAR(fast[k], reference[k], 1e-10 * static_cast<double>(n)) << n << " bin " << k;
+    }
+  }
+}
+
+TEST(motionSpectrum, DegenerateSeries) {
+  EXPECT_TRUE(computeFFT(std::vector<double>{}).empty());
+  EXPECT_TRUE(computeFFT(std::vector<double>{1, kNaN, 2, 3}).empty());
+  EXPECT_TRUE(computeFFT(std::vector<double>{1, std::numeric_limits<double>::infinity()}).empty());
+  EXPECT_EQ(computeFFT(std::vector<double>{-2.5}), std::vector<double>{2.5});
+  EXPECT_EQ(computeFFT(std::vector<double>{1, 3}), std::vector<double>{4});
+}
+
+TEST(motionSpectrum, BinsWhoseSquareOverflowsAreZero) {
+  // |X_k| = 2e154·|cos(πk/12)|: the square overflows for the low bins only.
+  std::vector<double> x(12, 0.0);
+  x[0] = x[1] = 1e154;
+  const auto spectrum = computeFFT(x);
+  EXPECT_EQ(spectrum, testing::directSpectrum(x));
+  EXPECT_EQ(spectrum[0], 0);
+  EXPECT_EQ(spectrum[3], 0);
+  EXPECT_NEAR(spectrum[4], 1e154, 1e140);
+}
+
+TEST(motionSpectrum, PureSineHasItsDominantFrequencyAtItsBin) {
+  const auto spectrum = computeFFT(sine(500, 10));
+  EXPECT_EQ(spectrum.size(), 250u);
+  EXPECT_EQ(findDominantFrequency(spectrum), 10.0);  // bin 50 of 250
+  EXPECT_NEAR(spectrum[50], 250, 1e-9);
+}
+
+TEST(motionSpectrum, ConstantSeriesPutsItsEnergyInBinZero) {
+  const auto spectrum = computeFFT(std::vector<double>(300, 0.7));
+  EXPECT_EQ(findDominantFrequency(spectrum), 0);
+  EXPECT_EQ(calculateSpectralRolloff(spectrum), 0);
+  // Other bins are zero up to rounding of the transform.
+  EXPECT_NEAR(calculateSpectralCentroid(spectrum), 0, 1e-12);
+  EXPECT_NEAR(calculateSpectralEntropy(spectrum), 0, 1e-12);
+  EXPECT_NEAR(calculateBandEnergies(spectrum).high, 0, 1e-20);
+  EXPECT_NEAR(calculateBandEnergies(spectrum).low, 210.0 * 210.0, 1e-9);
+}
+
+TEST(motionSpectrum, TiesGoToTheLowestBinAndRollOffToTheFirstBinReaching85Percent) {
+  const std::vector<double> spectrum = {1, 3, 0, 3, 1, 0, 2, 0};  // energies 1 9 0 9 1 0 4 0
+  EXPECT_EQ(findDominantFrequency(spectrum), 1 * 100.0 / 16);
+  EXPECT_EQ(calculateSpectralRolloff(spectrum), 6);  // running 20 < 20.4 ≤ 24
+}
+
+TEST(motionSpectrum, UnavailableValues) {
+  const std::vector<double> empty, silent(10, 0.0);
+  for (const auto* spectrum : {&empty, &silent}) {
+    EXPECT_EQ(calculateSpectralEntropy(*spectrum), -98.0);
+    EXPECT_EQ(calculateSpectralCentroid(*spectrum), -98.0);
+    EXPECT_EQ(calculateSpectralRolloff(*spectrum), -98.0);
+  }
+  EXPECT_EQ(findDominantFrequency(empty), -98.0);
+  EXPECT_EQ(calculateBandEnergies(silent).mid, 0);
+  // Two values give one bin: a dominant frequency of 0, but too few bins for bands.
+  const auto oneBin = computeFFT(std::vector<double>{0.5, 0.25});
+  EXPECT_EQ(findDominantFrequency(oneBin), 0);
+  EXPECT_EQ(calculateBandEnergies(oneBin).low, -98.0);
+  EXPECT_EQ(calculateBandEnergies(std::vector<double>(5, 1)).high, -98.0);
+
+  // A series with a NaN: -98 everywhere except peak and energy, which are 0.
+  AccelFeature f;
+  extractFrequencyFeatures(computeFFT(std::vector<double>{1, kNaN, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}),
+                           f, MotionSensorType::kGyroscope);
+  EXPECT_EQ(f.fftPeakAmplitudeGyroMagnitude, 0);
+  EXPECT_EQ(f.fftTotalEnergyGyroMagnitude, 0);
+  for (double v : {f.fftDominantFreqGyroMagnitude, f.fftEntropyGyroMagnitude,
+                   f.fftSpectralCentroidGyroMagnitude, f.fftSpectralRolloffGyroMagnitude,
+                   f.fftBandEnergyLowGyroMagnitude, f.fftBandEnergyMidGyroMagnitude,
+                   f.fftBandEnergyHighGyroMagnitude}) {
+    EXPECT_EQ(v, -98.0);
+  }
+  EXPECT_EQ(f.fftDominantFreqAccelMagnitude, 0) << "the other sensor's fields are untouched";
+}
+
+}  // namespace
+}  // namespace orvane::accel_features
