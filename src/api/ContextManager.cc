@@ -155,7 +155,7 @@ bool ContextManager::installDefaultPlatform(Platform platform) noexcept {
 
 OrvaneLogSender& ContextManager::orvaneLogSender() {
   return lazily(logSender_.once, logSender_.value,
-                [] { return std::make_unique<OrvaneLogSender>(); });
+                [this] { return std::make_unique<OrvaneLogSender>(*this); });
 }
 
 OrvaneErrorReporting& ContextManager::orvaneErrorReporting() {

@@ -121,6 +121,22 @@ void appendJsonString(std::string& out, std::string_view text) {
   out.push_back('"');
 }
 
+std::string repairedUtf8(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const size_t length = validUtf8Length(text, i);
+    if (length == 0) {
+      out += "\xEF\xBF\xBD";  // U+FFFD
+      ++i;
+    } else {
+      out.append(text.substr(i, length));
+      i += length;
+    }
+  }
+  return out;
+}
+
 void AnyEncodable::appendJson(std::string& out, std::optional<PlatformError>& error) const {
   if (error) return;
   if (!value_) {

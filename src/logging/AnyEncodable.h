@@ -33,6 +33,8 @@ class AnyEncodable {
 
 // Appends `text` as a JSON string literal; invalid UTF-8 becomes U+FFFD.
 void appendJsonString(std::string& out, std::string_view text);
+// `text` with every invalid UTF-8 byte replaced by U+FFFD.
+std::string repairedUtf8(std::string_view text);
 // Appends a float or double in the forms described above.
 void appendJsonNumber(std::string& out, float value);
 void appendJsonNumber(std::string& out, double value);

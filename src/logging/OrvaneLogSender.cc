@@ -1,53 +1,331 @@
 #include "logging/OrvaneLogSender.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <future>
+
+#include "config/ServerPayload.h"
+#include "generators/AppInstallationEnvironmentHelper.h"
+#include "logging/AnyEncodable.h"
+#include "logging/OrvaneErrorReporting.h"
+#include "models/CoreMLModelManager.h"
+#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
+#include "orvane/platform/HttpTransport.h"
+#include "timing/TimingCoordinator.h"
+#include "util/DateProvider.h"
+#include "util/URLText.h"
+#include "util/UserDefaultsProvider.h"
 
 namespace orvane {
+namespace {
 
-void OrvaneLogSender::triggerUpload(UploadQueueKind queue, bool force) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  triggers_.push_back({queue, force});
+constexpr const char* kInternalBundleIdentifiers[] = {"com.orvane.demo", "com.orvane.demo.dev",
+                                                      "com.orvane.internal"};
+// An upload waits for its completion; this is only a guard against a transport that never
+// answers, far beyond the request's own time limit.
+constexpr double kRequestTimeoutSeconds = 60;
+constexpr double kCompletionGuardSeconds = kRequestTimeoutSeconds + 120;
+
+const std::string* textAt(const PlistDictionary& record, const char* key) {
+  auto it = record.find(key);
+  return it == record.end() ? nullptr : it->second.asString();
 }
 
-void OrvaneLogSender::addToQueue(const Log& log) {
-  PlistDictionary record = log.rawDictionaryWithStaticColumns();
-  std::lock_guard<std::mutex> guard(mutex_);
-  main_.push_back(std::move(record));
+PlistArray toArray(const std::vector<PlistDictionary>& records) {
+  PlistArray array;
+  array.reserve(records.size());
+  for (const auto& record : records) array.emplace_back(record);
+  return array;
 }
 
-void OrvaneLogSender::addToUnloggedQueue(const Log& log) {
-  PlistDictionary record = log.rawDictionaryWithStaticColumns();
-  std::lock_guard<std::mutex> guard(mutex_);
-  unlogged_.push_back(std::move(record));
+}  // namespace
+
+std::vector<PlistDictionary> readStoredQueue(const std::optional<PlistValue>& stored) {
+  std::vector<PlistDictionary> records;
+  const PlistArray* array = stored ? stored->asArray() : nullptr;
+  if (array == nullptr) return records;
+  records.reserve(array->size());
+  for (const PlistValue& item : *array) {
+    const PlistDictionary* record = item.asDictionary();
+    if (record == nullptr) return {};
+    records.push_back(*record);
+  }
+  return records;
 }
 
-void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUID) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  removed_.push_back(contextUUID);
-  std::erase_if(unlogged_, [&](const PlistDictionary& record) {
-    auto it = record.find("ctx_29");
-    return it != record.end() && it->second.asString() && *it->second.asString() == contextUUID;
+struct OrvaneLogSender::Shared {
+  std::mutex mutex;
+  double currentBackoffS = 0;
+  double lastSendingAttempt = 0;
+  std::vector<TriggerRequest> triggers;
+  bool alive = true;
+};
+
+OrvaneLogSender::OrvaneLogSender(ContextManager& owner)
+    : owner_(owner),
+      shared_(std::make_shared<Shared>()),
+      dispatchQueue_(owner.platform().executors->makeSerialQueue("com.orvane.OrvaneLogSender")) {
+  shared_->lastSendingAttempt = owner_.dateProvider()->currentDate().secondsSince1970;
+}
+
+OrvaneLogSender::~OrvaneLogSender() {
+  {
+    std::lock_guard<std::mutex> guard(shared_->mutex);
+    shared_->alive = false;
+  }
+  // An upload already running finishes before the sender goes away.
+  if (!dispatchQueue_->isCurrent()) dispatchQueue_->sync([] {});
+}
+
+void OrvaneLogSender::onQueue(Task task) {
+  std::weak_ptr<Shared> weak = shared_;
+  dispatchQueue_->async([weak, task = std::move(task)] {
+    auto shared = weak.lock();
+    if (!shared) return;
+    {
+      std::lock_guard<std::mutex> guard(shared->mutex);
+      if (!shared->alive) return;
+    }
+    task();
   });
 }
 
-std::vector<OrvaneLogSender::TriggerRequest> OrvaneLogSender::triggerHistory() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return triggers_;
+// ---- Adding and removing ------------------------------------------------------------------
+
+void OrvaneLogSender::addToQueue(const Log& log) {
+  addRecord(kMainQueueKey, log.rawDictionaryWithStaticColumns(), "Failed to add new log to queue",
+            true);
 }
 
+void OrvaneLogSender::addToUnloggedQueue(const Log& log) {
+  addRecord(kUnloggedQueueKey, log.rawDictionaryWithStaticColumns(),
+            "Failed to add logs to unlogged queue", false);
+}
+
+void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record,
+                                const char* failureMessage, bool mayStartUpload) {
+  onQueue([this, key, record = std::move(record), failureMessage, mayStartUpload]() mutable {
+    const auto& defaults = owner_.userDefaultsProvider();
+    if (!defaults->isAvailable()) {
+      owner_.orvaneErrorReporting().reportError(failureMessage);
+      return;
+    }
+    auto queue = readStoredQueue(defaults->object(key));
+    queue.push_back(std::move(record));
+    if (queue.size() > kMaximumSignalsToStore) {
+      queue.erase(queue.begin(),
+                  queue.begin() + static_cast<ptrdiff_t>(queue.size() - kMaximumSignalsToStore));
+    }
+    defaults->set(key, toArray(queue));
+    defaults->synchronize();
+    if (!mayStartUpload || !shouldUploadNow(queue.size())) return;
+    std::weak_ptr<Shared> weak = shared_;
+    owner_.platform().executors->mainQueue()->async([this, weak] {
+      if (auto alive = weak.lock()) triggerUpload(UploadQueueKind::kMain, false);
+    });
+  });
+}
+
+bool OrvaneLogSender::shouldUploadNow(size_t queueSize) const {
+  const BundleInfo& bundle = owner_.platform().bundle;
+  if (AppInstallationEnvironmentHelper::current(bundle) != 0) return true;
+  for (const char* internal : kInternalBundleIdentifiers) {
+    if (owner_.bundleIdentifier() == internal) return true;
+  }
+  if (owner_.numberOfAppLaunches() <= owner_.numberOfInitialSessionsToAlwaysSendData()) {
+    return true;
+  }
+  return queueSize >= kBatchSizeThatUploads;
+}
+
+void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUID) {
+  onQueue([this, contextUUID] {
+    const auto& defaults = owner_.userDefaultsProvider();
+    if (!defaults->isAvailable()) {
+      owner_.orvaneErrorReporting().reportError("Failed to remove logs from unlogged queue");
+      return;
+    }
+    auto queue = readStoredQueue(defaults->object(kUnloggedQueueKey));
+    std::erase_if(queue, [&](const PlistDictionary& record) {
+      const std::string* uuid = textAt(record, "ctx_29");
+      return uuid && *uuid == contextUUID;
+    });
+    defaults->set(kUnloggedQueueKey, toArray(queue));
+    defaults->synchronize();
+  });
+}
+
+void OrvaneLogSender::removeLogsFromQueue(std::string_view key,
+                                          const std::vector<PlistDictionary>& logs) {
+  std::vector<std::string> sent;
+  for (const auto& record : logs) {
+    if (const std::string* id = textAt(record, "ctx_8")) sent.push_back(*id);
+  }
+  const auto& defaults = owner_.userDefaultsProvider();
+  if (!defaults->isAvailable()) {
+    owner_.orvaneErrorReporting().reportError("Failed to remove logs from queue");
+    return;
+  }
+  // Read again: records added while the batch was in flight must stay.
+  auto queue = readStoredQueue(defaults->object(key));
+  std::erase_if(queue, [&](const PlistDictionary& record) {
+    const std::string* id = textAt(record, "ctx_8");
+    return id && std::find(sent.begin(), sent.end(), *id) != sent.end();
+  });
+  defaults->set(key, toArray(queue));
+  defaults->synchronize();
+}
+
+// ---- Uploading ----------------------------------------------------------------------------
+
+void OrvaneLogSender::triggerUpload(UploadQueueKind queue, bool force) {
+  {
+    std::lock_guard<std::mutex> guard(shared_->mutex);
+    shared_->triggers.push_back({queue, force});
+  }
+  const auto& application = owner_.platform().application;
+  if (!application || application->applicationState() != ApplicationState::kActive) return;
+  const std::string_view key = queue == UploadQueueKind::kMain ? kMainQueueKey : kUnloggedQueueKey;
+  onQueue([this, key, force] { upload(key, force); });
+}
+
+void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
+  const auto& defaults = owner_.userDefaultsProvider();
+  if (!defaults->isAvailable()) {
+    owner_.orvaneErrorReporting().reportError("Failed to perform log upload");
+    return;
+  }
+  auto batch = readStoredQueue(defaults->object(key));
+  if (key == kUnloggedQueueKey) {
+    // Contexts of the running session may still be logged: they are not "unlogged" yet.
+    const std::string session = owner_.currentSessionId();
+    std::erase_if(batch, [&](const PlistDictionary& record) {
+      const std::string* id = textAt(record, "ctx_14");
+      return id && *id == session;
+    });
+  }
+  if (batch.empty() && !forceSend) return;
+
+  const double now = owner_.dateProvider()->currentDate().secondsSince1970;
+  {
+    std::lock_guard<std::mutex> guard(shared_->mutex);
+    if (shared_->currentBackoffS > now - shared_->lastSendingAttempt && !forceSend) return;
+    shared_->lastSendingAttempt = now;
+  }
+  const std::string url = owner_.serviceBaseURL() + std::string(kPath);
+  if (!parsesAsURL(url)) return;
+
+  std::string body = "{\"events\":";
+  std::optional<PlatformError> encodingError;
+  AnyEncodable(PlistValue(toArray(batch))).appendJson(body, encodingError);
+  if (encodingError) {
+    // A record that cannot be written would block the queue forever: drop the batch.
+    removeLogsFromQueue(key, batch);
+    return;
+  }
+  auto field = [&body](const char* name, std::string_view text) {
+    body += ",\"";
+    body += name;
+    body += "\":";
+    appendJsonString(body, text);
+  };
+  field("bundle_id", owner_.bundleIdentifier());
+  field("license_key", owner_.licenseKey().value_or(""));
+  field("sdk_version", ContextManager::sdkVersion());
+  body += ",\"last_ota_update\":" +
+          std::to_string(defaults->integer(CoreMLModelManager::kLastAppliedVersion).value_or(0));
+  field("installation_uuid", owner_.installationUUID());
+  field("platform", kPlatform);
+  body += "}";
+
+  HttpRequest request;
+  request.url = url;
+  request.headers = {{"Content-Type", "application/json"}};
+  request.body.assign(body.begin(), body.end());
+  request.timeoutSeconds = kRequestTimeoutSeconds;
+
+  auto done = std::make_shared<std::promise<bool>>();
+  auto answered = std::make_shared<std::atomic<bool>>(false);
+  std::future<bool> success = done->get_future();
+  owner_.platform().http->send(
+      std::move(request),
+      [this, done, answered](std::optional<HttpResponse> response, std::optional<PlatformError>) {
+        const bool accepted = completeUpload(response);
+        if (!answered->exchange(true)) done->set_value(accepted);
+      });
+  bool accepted = false;
+  if (success.wait_for(std::chrono::duration<double>(kCompletionGuardSeconds)) ==
+      std::future_status::ready) {
+    accepted = success.get();
+  } else if (!answered->exchange(true)) {
+    completeUpload(std::nullopt);  // counts as a failed attempt
+  }
+  if (accepted) removeLogsFromQueue(key, batch);
+}
+
+bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response) {
+  if (response && response->statusCode >= 200 && response->statusCode <= 202) {
+    {
+      std::lock_guard<std::mutex> guard(shared_->mutex);
+      shared_->currentBackoffS = 0;
+    }
+    if (!response->body.empty()) {
+      const std::string text(response->body.begin(), response->body.end());
+      std::string error;
+      if (auto payload = decodeServerPayload(text, &error)) {
+        applyServerPayload(*payload);
+      } else {
+        owner_.orvaneErrorReporting().reportError(
+            "Failed to parse V3 JSON returned by server.",
+            PlatformError{kDecodingErrorDomain, 0, error}, false,
+            PlistDictionary{{"serverData", repairedUtf8(text)}});
+      }
+    }
+    return true;
+  }
+  RandomSource& random = *owner_.platform().random;
+  std::lock_guard<std::mutex> guard(shared_->mutex);
+  double& backoff = shared_->currentBackoffS;
+  if (backoff <= 0) {
+    backoff = kInitialBackoffS + std::min(random.uniformDouble(), 0.999999);
+  } else {
+    backoff =
+        std::min(backoff * (kBackoffGrowth + 0.1 * std::min(random.uniformDouble(), 0.999999)),
+                 kMaximumBackoffS);
+  }
+  return false;
+}
+
+void OrvaneLogSender::applyServerPayload(const ServerPayload& payload) {
+  if (!payload.updateData) return;
+  owner_.coreMLModelManager().applyModelUpdates(payload.updateData);
+  owner_.timingCoordinator().applyLatestConfiguration(payload.updateData->modelInfoPerFlow);
+}
+
+// ---- Diagnostics --------------------------------------------------------------------------
+
 std::vector<PlistDictionary> OrvaneLogSender::mainQueue() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return main_;
+  const auto& defaults = owner_.userDefaultsProvider();
+  return defaults->isAvailable() ? readStoredQueue(defaults->object(kMainQueueKey))
+                                 : std::vector<PlistDictionary>{};
 }
 
 std::vector<PlistDictionary> OrvaneLogSender::unloggedQueue() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return unlogged_;
+  const auto& defaults = owner_.userDefaultsProvider();
+  return defaults->isAvailable() ? readStoredQueue(defaults->object(kUnloggedQueueKey))
+                                 : std::vector<PlistDictionary>{};
 }
 
-std::vector<std::string> OrvaneLogSender::removedContextUUIDs() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return removed_;
+std::vector<OrvaneLogSender::TriggerRequest> OrvaneLogSender::triggerHistory() const {
+  std::lock_guard<std::mutex> guard(shared_->mutex);
+  return shared_->triggers;
+}
+
+double OrvaneLogSender::currentBackoffSeconds() const {
+  std::lock_guard<std::mutex> guard(shared_->mutex);
+  return shared_->currentBackoffS;
 }
 
 }  // namespace orvane

@@ -1,48 +1,88 @@
 // File: OrvaneLogSender.h
-// The upload queues: the main queue of finished logs and the queue of contexts that were
-// never logged. This is the surface the manager and the logs use; persistence and upload
-// live behind it.
+// The durable upload queues. Finished logs wait in the main queue ("orvane_log"), creation
+// records of contexts whose outcome was never logged in the unlogged queue
+// ("orvane_unlogged"); both live in the defaults suite, oldest first, at most 100 records,
+// written back and synchronised on every change. Uploads post a batch and remove exactly the
+// records that were sent once the service accepted them; failures back off. Every accepted
+// upload also brings the service's state back: geo-IP data, model updates, timing rules.
+//
+// All queue work runs on one serial queue, which an upload blocks until its HTTP completion
+// has run: one upload in flight, and later queue changes wait behind it.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "orvane/PlistValue.h"
+#include "orvane/platform/Executors.h"
 
 namespace orvane {
 
+class ContextManager;
 class Log;
+struct ServerPayload;
 
 enum class UploadQueueKind { kMain, kUnloggedContexts };
 
 class OrvaneLogSender {
  public:
+  static constexpr std::string_view kMainQueueKey = "orvane_log";
+  static constexpr std::string_view kUnloggedQueueKey = "orvane_unlogged";
+  static constexpr std::string_view kPath = "/v3/queue/tech";
+  static constexpr std::string_view kPlatform = "ios_ads";
+  static constexpr double kMaximumBackoffS = 3600;
+  static constexpr double kInitialBackoffS = 30;
+  static constexpr double kBackoffGrowth = 1.2;
+  static constexpr size_t kMaximumSignalsToStore = 100;
+  static constexpr size_t kBatchSizeThatUploads = 50;
+
   struct TriggerRequest {
     UploadQueueKind queue;
     bool force;
   };
 
-  // Asks for an upload of one queue; `force` sends even below the batch size.
+  explicit OrvaneLogSender(ContextManager& owner);
+  ~OrvaneLogSender();
+  OrvaneLogSender(const OrvaneLogSender&) = delete;
+  OrvaneLogSender& operator=(const OrvaneLogSender&) = delete;
+
+  // Call on the main queue: starts an upload of `queue` on the sender's queue while the app is
+  // active; does nothing otherwise. `force` posts even an empty batch and ignores back-off.
   void triggerUpload(UploadQueueKind queue, bool force);
-  // The queues keep the log's flat form, never the log object.
+  // The queues keep the log's flat form, never the log object. These return at once.
   void addToQueue(const Log& log);
   void addToUnloggedQueue(const Log& log);
   void removeUnloggedEventFromQueue(const std::string& contextUUID);
 
-  // What was asked of the queues so far, oldest first (diagnostics and tests).
-  std::vector<TriggerRequest> triggerHistory() const;
+  // Reads from the store (empty without one). Diagnostics and tests.
   std::vector<PlistDictionary> mainQueue() const;
   std::vector<PlistDictionary> unloggedQueue() const;
-  std::vector<std::string> removedContextUUIDs() const;
+  std::vector<TriggerRequest> triggerHistory() const;
+  double currentBackoffSeconds() const;
+  // Runs `task` on the sender's queue after everything queued before it.
+  void onQueue(Task task);
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<TriggerRequest> triggers_;
-  std::vector<PlistDictionary> main_;
-  std::vector<PlistDictionary> unlogged_;
-  std::vector<std::string> removed_;
+  struct Shared;
+  void upload(std::string_view key, bool forceSend);
+  void addRecord(std::string_view key, PlistDictionary record, const char* failureMessage,
+                 bool mayStartUpload);
+  void removeLogsFromQueue(std::string_view key, const std::vector<PlistDictionary>& logs);
+  bool shouldUploadNow(size_t queueSize) const;
+  void applyServerPayload(const ServerPayload& payload);
+  bool completeUpload(const std::optional<struct HttpResponse>& response);
+
+  ContextManager& owner_;
+  std::shared_ptr<Shared> shared_;
+  std::shared_ptr<SerialQueue> dispatchQueue_;
 };
+
+// Reads a stored queue: an array of text-keyed maps, anything else as empty.
+std::vector<PlistDictionary> readStoredQueue(const std::optional<PlistValue>& stored);
 
 }  // namespace orvane

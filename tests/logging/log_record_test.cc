@@ -28,18 +28,22 @@ class LogRecordTest : public ::testing::Test {
 TEST_F(LogRecordTest, SendRoutesCreationRecordsAndOutcomes) {
   OrvaneLogSender& sender = manager->orvaneLogSender();
   makeLog({SignalInt(SignalEnum::id(3), -101), SignalString(SignalEnum::id(29), "ctx-a")})->send();
-  EXPECT_EQ(sender.unloggedQueue().size(), 1u);
+  makeLog({SignalInt(SignalEnum::id(3), -101), SignalString(SignalEnum::id(29), "ctx-b")})->send();
+  fake.drain();
+  EXPECT_EQ(sender.unloggedQueue().size(), 2u);
   EXPECT_TRUE(sender.mainQueue().empty());
-  EXPECT_TRUE(sender.removedContextUUIDs().empty());
 
+  // An outcome moves its context out of the unlogged queue.
   makeLog({SignalInt(SignalEnum::id(3), 1), SignalString(SignalEnum::id(29), "ctx-a")})->send();
+  fake.drain();
   EXPECT_EQ(sender.mainQueue().size(), 1u);
-  EXPECT_TRUE(sender.unloggedQueue().empty());
-  EXPECT_EQ(sender.removedContextUUIDs(), std::vector<std::string>{"ctx-a"});
+  ASSERT_EQ(sender.unloggedQueue().size(), 1u);
+  EXPECT_EQ(sender.unloggedQueue()[0].at("ctx_29"), PlistValue("ctx-b"));
 
   makeLog({SignalInt(SignalEnum::id(3), -1)})->send();  // no context UUID: no removal
+  fake.drain();
   EXPECT_EQ(sender.mainQueue().size(), 2u);
-  EXPECT_EQ(sender.removedContextUUIDs().size(), 1u);
+  EXPECT_EQ(sender.unloggedQueue().size(), 1u);
 
   auto orphan = makeLog({SignalInt(SignalEnum::id(3), 1)});
   manager.reset();

@@ -1,0 +1,229 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "logging/OrvaneLogSender.h"
+#include "models/CoreMLModelManager.h"
+#include "orvane/ContextManager.h"
+#include "orvane/Log.h"
+#include "testutil/FakePlatform.h"
+#include "testutil/RecordingHttpTransport.h"
+#include "timing/TimingCoordinator.h"
+#include "util/UserDefaultsProvider.h"
+
+namespace orvane {
+namespace {
+
+using Answer = testing::RecordingHttpTransport::Answer;
+
+// Runs `duringFlight` once, between a request being posted and its answer.
+class InFlightTransport : public testing::RecordingHttpTransport {
+ public:
+  std::function<void()> duringFlight;
+  void send(HttpRequest request, HttpCompletion completion) override {
+    if (auto hook = std::exchange(duringFlight, nullptr)) hook();
+    RecordingHttpTransport::send(std::move(request), std::move(completion));
+  }
+};
+
+Answer status(int code, std::string body = "") {
+  return {HttpResponse{code, {}, Bytes(body.begin(), body.end())}, std::nullopt, std::nullopt};
+}
+
+class UploadQueueTest : public ::testing::Test {
+ protected:
+  explicit UploadQueueTest(int previousLaunches = 0, std::string bundleId = "com.example.host") {
+    fake.platform.http = http;
+    fake.platform.bundle.bundleIdentifier = std::move(bundleId);
+    if (previousLaunches > 0) {
+      PlistArray launches(static_cast<size_t>(previousLaunches), PlistValue(Date{1.6e9}));
+      fake.platform.keyValueStores->openSuite("com.orvane.ads")
+          ->set("app_launches", PlistDictionary{{"2020-09-13", launches}});
+    }
+    manager = std::make_unique<ContextManager>(fake.platform);
+    manager->setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
+    manager->setServiceBaseURLValue("http://127.0.0.1:9");
+    fake.application->becomeActive();
+    fake.drain();
+    http->script({});
+    requestsBefore = http->requests().size();
+  }
+
+  void add(int n, std::string session = "session", int outcome = 1) {
+    for (int i = 0; i < n; ++i) {
+      auto log = std::make_shared<Log>(
+          SignalList{SignalInt(SignalEnum::id(3), outcome),
+                     SignalString(SignalEnum::id(8), "log-" + std::to_string(counter++)),
+                     SignalString(SignalEnum::id(14), session),
+                     SignalString(SignalEnum::id(29), "ctx-" + std::to_string(counter))},
+          CustomSignalList{}, CustomSignalList{}, CustomSignalList{}, Bytes{},
+          manager->weakHandle());
+      log->send();
+    }
+    fake.drain();
+  }
+  OrvaneLogSender& sender() { return manager->orvaneLogSender(); }
+  void trigger(UploadQueueKind queue, bool force) {
+    sender().triggerUpload(queue, force);
+    fake.drain();
+  }
+  std::vector<nlohmann::json> posts() {
+    std::vector<nlohmann::json> bodies;
+    auto all = http->requests();
+    for (size_t i = requestsBefore; i < all.size(); ++i) {
+      bodies.push_back(nlohmann::json::parse(all[i].body.begin(), all[i].body.end()));
+    }
+    requestsBefore = all.size();
+    return bodies;
+  }
+
+  testing::FakePlatform fake;
+  std::shared_ptr<InFlightTransport> http = std::make_shared<InFlightTransport>();
+  std::unique_ptr<ContextManager> manager;
+  size_t requestsBefore = 0;
+  int counter = 0;
+};
+
+class EstablishedAppUploadTest : public UploadQueueTest {
+ protected:
+  EstablishedAppUploadTest() : UploadQueueTest(19) {}
+};
+
+TEST_F(UploadQueueTest, ForcedPostCarriesTheInstallationAndAnEmptyBatch) {
+  trigger(UploadQueueKind::kMain, true);
+  auto bodies = posts();
+  ASSERT_EQ(bodies.size(), 1u);
+  const auto& body = bodies[0];
+  EXPECT_EQ(body["events"], nlohmann::json::array());
+  EXPECT_EQ(body["bundle_id"], "com.example.host");
+  EXPECT_EQ(body["license_key"], "KEY-0123456789abcdef");
+  EXPECT_EQ(body["sdk_version"], "5.13.0");
+  EXPECT_EQ(body["last_ota_update"], 0);
+  EXPECT_EQ(body["installation_uuid"], manager->installationUUID());
+  EXPECT_EQ(body["platform"], "ios_ads");
+  EXPECT_EQ(http->requests().back().url, "http://127.0.0.1:9/v3/queue/tech");
+  trigger(UploadQueueKind::kMain, false);  // empty and not forced: nothing
+  EXPECT_TRUE(posts().empty());
+
+  fake.application->resignActive();
+  fake.drain();
+  trigger(UploadQueueKind::kMain, true);  // never while inactive
+  add(101);
+  EXPECT_TRUE(posts().empty());
+  auto queue = sender().mainQueue();
+  ASSERT_EQ(queue.size(), 100u);  // the oldest record was dropped
+  EXPECT_EQ(queue.front().at("ctx_8"), PlistValue("log-1"));
+}
+
+TEST_F(EstablishedAppUploadTest, BatchOfFiftyStartsAnUploadThatRemovesExactlyWhatWasSent) {
+  http->script({status(500)});
+  add(49);
+  EXPECT_TRUE(posts().empty());
+  add(1);
+  auto bodies = posts();
+  ASSERT_EQ(bodies.size(), 1u);
+  EXPECT_EQ(bodies[0]["events"].size(), 50u);
+  EXPECT_EQ(bodies[0]["events"][0]["ctx_8"], "log-0");
+  EXPECT_EQ(sender().mainQueue().size(), 50u);  // the failed batch stays
+
+  // A record that lands while the batch is in flight survives the removal that follows.
+  http->script({status(202)});
+  http->duringFlight = [this] {
+    auto defaults = manager->userDefaultsProvider();
+    PlistArray queue = *defaults->array("orvane_log");
+    queue.emplace_back(PlistDictionary{{"ctx_8", "late"}});
+    defaults->set("orvane_log", queue);
+  };
+  fake.advance(40);  // past the back-off
+  add(1);
+  EXPECT_EQ(posts().at(0)["events"].size(), 51u);
+  EXPECT_EQ(sender().currentBackoffSeconds(), 0);
+  ASSERT_EQ(sender().mainQueue().size(), 1u);
+  EXPECT_EQ(sender().mainQueue()[0].at("ctx_8"), PlistValue("late"));
+}
+
+TEST_F(EstablishedAppUploadTest, BackoffGrowsIsCappedAndClearsOnSuccess) {
+  add(1);
+  fake.random->scriptUniform({0.5});
+  http->script(std::vector<Answer>(40, status(503)));
+  trigger(UploadQueueKind::kMain, true);
+  EXPECT_DOUBLE_EQ(sender().currentBackoffSeconds(), 30.5);
+  fake.advance(10);
+  trigger(UploadQueueKind::kMain, false);
+  EXPECT_TRUE(posts().size() == 1u);  // only the forced one
+  fake.advance(21);
+  trigger(UploadQueueKind::kMain, false);
+  EXPECT_EQ(posts().size(), 1u);
+  EXPECT_DOUBLE_EQ(sender().currentBackoffSeconds(), 30.5 * 1.25);
+  for (int i = 0; i < 30; ++i) trigger(UploadQueueKind::kMain, true);
+  EXPECT_DOUBLE_EQ(sender().currentBackoffSeconds(), 3600);
+  EXPECT_EQ(sender().mainQueue().size(), 1u);  // nothing lost
+
+  http->script({status(200)});
+  trigger(UploadQueueKind::kMain, true);
+  EXPECT_EQ(sender().currentBackoffSeconds(), 0);
+  EXPECT_TRUE(sender().mainQueue().empty());
+}
+
+TEST_F(UploadQueueTest, UnloggedRecordsOfTheRunningSessionStay) {
+  add(2, manager->currentSessionId(), -101);
+  add(1, "earlier-session", -101);
+  ASSERT_EQ(sender().unloggedQueue().size(), 3u);
+  trigger(UploadQueueKind::kUnloggedContexts, false);
+  auto bodies = posts();
+  ASSERT_EQ(bodies.size(), 1u);
+  ASSERT_EQ(bodies[0]["events"].size(), 1u);
+  EXPECT_EQ(bodies[0]["events"][0]["ctx_14"], "earlier-session");
+  EXPECT_EQ(sender().unloggedQueue().size(), 2u);
+}
+
+TEST_F(UploadQueueTest, AcceptedAnswerAppliesUpdatesOrReportsAnUnreadableBody) {
+  add(1);
+  posts();
+  add(1);
+  http->script({status(200, "\xff{not json")});
+  trigger(UploadQueueKind::kMain, true);
+  EXPECT_TRUE(sender().mainQueue().empty());  // removed as after any success
+  const nlohmann::json payload = {
+      {"updateData",
+       {{"version", 3},
+        {"modelInfoPerFlow",
+         {{"paywall",
+           {{"isControl", true},
+            {"randomUpsellChance", 0.5},
+            {"supportedDuration", 3},
+            {"useInstantContext", false},
+            {"timingConfiguration", {{"atMostOncePer", {{"unit", "hours"}, {"value", 1}}}}}}}}}}}};
+  http->script({status(201, payload.dump())});
+  trigger(UploadQueueKind::kMain, true);
+  EXPECT_EQ(manager->userDefaultsProvider()->integer("ota_last_applied_version"), 3);
+  EXPECT_TRUE(
+      manager->timingCoordinator().currentConfiguration().flowConfigurations.count("paywall"));
+  trigger(UploadQueueKind::kMain, true);
+  EXPECT_EQ(posts().back()["last_ota_update"], 3);
+}
+
+TEST(UploadQueueWithoutStoreTest, EveryOperationReportsAndNothingBreaks) {
+  testing::FakePlatform fake;
+  fake.platform.keyValueStores = testing::makeUnavailableKeyValueStoreProvider();
+  ContextManager manager(fake.platform);
+  fake.application->becomeActive();
+  fake.drain();
+  auto log =
+      std::make_shared<Log>(SignalList{SignalInt(SignalEnum::id(3), 1)}, CustomSignalList{},
+                            CustomSignalList{}, CustomSignalList{}, Bytes{}, manager.weakHandle());
+  log->send();
+  manager.orvaneLogSender().triggerUpload(UploadQueueKind::kMain, true);
+  fake.drain();
+  EXPECT_TRUE(manager.orvaneLogSender().mainQueue().empty());
+}
+
+TEST(StoredQueueTest, OnlyAnArrayOfMapsIsAQueue) {
+  EXPECT_TRUE(readStoredQueue(std::nullopt).empty());
+  EXPECT_TRUE(readStoredQueue(PlistValue("text")).empty());
+  EXPECT_TRUE(readStoredQueue(PlistValue(PlistArray{PlistDictionary{}, PlistValue(1)})).empty());
+  EXPECT_EQ(readStoredQueue(PlistValue(PlistArray{PlistDictionary{{"ctx_8", "a"}}})).size(), 1u);
+}
+
+}  // namespace
+}  // namespace orvane
