@@ -215,7 +215,8 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
     shared_->lastSendingAttempt = now;
   }
   const std::string url = owner_.serviceBaseURL() + std::string(kPath);
-  if (!parsesAsURL(url)) return;
+  const auto& http = owner_.platform().http;
+  if (!parsesAsURL(url) || !http) return;
 
   std::string body = "{\"events\":";
   std::optional<PlatformError> encodingError;
@@ -249,12 +250,11 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
   auto done = std::make_shared<std::promise<bool>>();
   auto answered = std::make_shared<std::atomic<bool>>(false);
   std::future<bool> success = done->get_future();
-  owner_.platform().http->send(
-      std::move(request),
-      [this, done, answered](std::optional<HttpResponse> response, std::optional<PlatformError>) {
-        const bool accepted = completeUpload(response);
-        if (!answered->exchange(true)) done->set_value(accepted);
-      });
+  http->send(std::move(request), [this, done, answered](std::optional<HttpResponse> response,
+                                                        std::optional<PlatformError>) {
+    const bool accepted = completeUpload(response);
+    if (!answered->exchange(true)) done->set_value(accepted);
+  });
   bool accepted = false;
   if (success.wait_for(std::chrono::duration<double>(kCompletionGuardSeconds)) ==
       std::future_status::ready) {
