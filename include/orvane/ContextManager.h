@@ -26,6 +26,7 @@ class OrvaneErrorReporting;
 class CoreMLModelManager;
 class Context;
 class FlowTimingSignalsGenerator;
+class GeoIPSignalGenerator;
 class ModelExecutor;
 class TimingCoordinator;
 class PeriodicContextEvaluator;
@@ -171,6 +172,7 @@ class ContextManager {
   AccelerometerSensor& accelerometerSensor();
   TimingCoordinator& timingCoordinator();
   ModelExecutor& modelExecutor();
+  GeoIPSignalGenerator& geoIPSignalGenerator();
   FlowTimingSignalsGenerator& flowTimingSignalsGenerator() { return *flowTimingSignals_; }
 
   // ---- Recent contexts -----------------------------------------------------------------------
@@ -237,6 +239,7 @@ class ContextManager {
   Lazy<AccelerometerSensor> accelerometerSensor_;
   Lazy<TimingCoordinator> timingCoordinator_;
   Lazy<ModelExecutor> modelExecutor_;
+  Lazy<GeoIPSignalGenerator> geoIPSignals_;
 
   std::mutex recentContextsMutex_;
   RecentContexts recentContexts_;

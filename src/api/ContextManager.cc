@@ -8,6 +8,7 @@
 #include "config/RemoteConfiguration.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
+#include "generators/GeoIPSignalGenerator.h"
 #include "logging/AES.h"
 #include "logging/LogEncoder.h"
 #include "logging/OrvaneErrorReporting.h"
@@ -213,6 +214,13 @@ ModelExecutor& ContextManager::modelExecutor() {
     return std::make_unique<ModelExecutor>(ModelExecutor::Dependencies{
         platform_.random, platform_.calendar, dateProvider_, platform_.log,
         [this]() -> ErrorReporter& { return orvaneErrorReporting(); }});
+  });
+}
+
+GeoIPSignalGenerator& ContextManager::geoIPSignalGenerator() {
+  return lazily(geoIPSignals_.once, geoIPSignals_.value, [this] {
+    return std::make_unique<GeoIPSignalGenerator>(
+        defaults_, dateProvider_, [this]() -> ErrorReporter& { return orvaneErrorReporting(); });
   });
 }
 

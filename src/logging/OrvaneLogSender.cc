@@ -7,6 +7,7 @@
 
 #include "config/ServerPayload.h"
 #include "generators/AppInstallationEnvironmentHelper.h"
+#include "generators/GeoIPSignalGenerator.h"
 #include "logging/AnyEncodable.h"
 #include "logging/OrvaneErrorReporting.h"
 #include "models/CoreMLModelManager.h"
@@ -299,6 +300,7 @@ bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response
 }
 
 void OrvaneLogSender::applyServerPayload(const ServerPayload& payload) {
+  owner_.geoIPSignalGenerator().updateGeoIPData(payload.geoIpData);
   if (!payload.updateData) return;
   owner_.coreMLModelManager().applyModelUpdates(payload.updateData);
   owner_.timingCoordinator().applyLatestConfiguration(payload.updateData->modelInfoPerFlow);

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "generators/GeoIPSignalGenerator.h"
 #include "logging/OrvaneLogSender.h"
 #include "models/CoreMLModelManager.h"
 #include "orvane/ContextManager.h"
@@ -185,6 +186,7 @@ TEST_F(UploadQueueTest, AcceptedAnswerAppliesUpdatesOrReportsAnUnreadableBody) {
   trigger(UploadQueueKind::kMain, true);
   EXPECT_TRUE(sender().mainQueue().empty());  // removed as after any success
   const nlohmann::json payload = {
+      {"geoIpData", {{"estimated_country_code", "DE"}}},
       {"updateData",
        {{"version", 3},
         {"modelInfoPerFlow",
@@ -197,6 +199,8 @@ TEST_F(UploadQueueTest, AcceptedAnswerAppliesUpdatesOrReportsAnUnreadableBody) {
   http->script({status(201, payload.dump())});
   trigger(UploadQueueKind::kMain, true);
   EXPECT_EQ(manager->userDefaultsProvider()->integer("ota_last_applied_version"), 3);
+  EXPECT_EQ(manager->geoIPSignalGenerator().allSignals().front(),
+            SignalString(SignalEnum::id(600), "DE"));
   EXPECT_TRUE(
       manager->timingCoordinator().currentConfiguration().flowConfigurations.count("paywall"));
   trigger(UploadQueueKind::kMain, true);
