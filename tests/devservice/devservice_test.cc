@@ -224,8 +224,11 @@ TEST(DevService, ServesModelFiles) {
 }
 
 TEST(DevService, StopsByItselfAtTheTimeLimitAndRefusesBadArguments) {
-  Service limited({"--time-limit", "0.5"});
+  Service limited({"--time-limit", "1"});
   ASSERT_NE(limited.port(), 0);
+  Service taken({"--port", std::to_string(limited.port())});
+  EXPECT_EQ(taken.port(), 0);
+  EXPECT_EQ(taken.exitStatus(5), 1);
   EXPECT_EQ(limited.exitStatus(5), 0);
   EXPECT_FALSE(limited.client().Get("/health"));
 

@@ -4,6 +4,7 @@
 #include <httplib.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -88,6 +89,11 @@ int main(int argc, char** argv) {
       devservice::StopSignal stop;
       devservice::Services services{storage, payload, faults, stop, modelsDir};
       httplib::Server server;
+      // httplib's default SO_REUSEPORT would let a second service share a port already taken.
+      server.set_socket_options([](int socket) {
+        const int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+      });
       devservice::installRoutes(server, services);
 
       const int bound = port == 0 ? server.bind_to_any_port("127.0.0.1")
