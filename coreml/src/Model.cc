@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <google/protobuf/stubs/logging.h>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -347,6 +348,8 @@ Result<std::shared_ptr<ModelImpl>> buildModel(const void* data, size_t size) {
   }
   if (size == 0) return Error("the model file is empty");
   schema::Model model;
+  // The parser logs what it rejects to stderr; the error we return says enough.
+  const google::protobuf::LogSilencer quiet;
   if (!model.ParseFromArray(data, static_cast<int>(size))) {
     return Error("the model file is not a valid model (protobuf parsing failed)");
   }
