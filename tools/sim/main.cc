@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "HostCommands.h"
 #include "LogCommands.h"
 #include "ModelCommands.h"
 #include "orvane/ContextManager.h"
@@ -13,6 +14,7 @@ int main(int argc, char** argv) {
   int exitCode = 0;
   orvane::sim::addLogCommands(app, exitCode);
   orvane::sim::addModelCommands(app, exitCode);
+  orvane::sim::addHostCommands(app, exitCode);
   CLI11_PARSE(app, argc, argv);
 
   if (app.get_subcommands().empty()) {
