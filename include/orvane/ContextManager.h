@@ -32,6 +32,7 @@ class PeriodicContextEvaluator;
 class AccelerometerSensor;
 class AppLaunchSignalsGenerator;
 class AppLaunchReasonSignalsGenerator;
+class StaticSignalsGenerator;
 class UserDefaultsProvider;
 class DateProvider;
 class LogEncoder;
@@ -172,6 +173,7 @@ class ContextManager {
   TimingCoordinator& timingCoordinator();
   ModelExecutor& modelExecutor();
   FlowTimingSignalsGenerator& flowTimingSignalsGenerator() { return *flowTimingSignals_; }
+  StaticSignalsGenerator& staticSignalsGenerator();
 
   // ---- Recent contexts -----------------------------------------------------------------------
   // The flow's most recently created context, marked as handed out again; none if there is
@@ -237,6 +239,7 @@ class ContextManager {
   Lazy<AccelerometerSensor> accelerometerSensor_;
   Lazy<TimingCoordinator> timingCoordinator_;
   Lazy<ModelExecutor> modelExecutor_;
+  Lazy<StaticSignalsGenerator> staticSignals_;
 
   std::mutex recentContextsMutex_;
   RecentContexts recentContexts_;

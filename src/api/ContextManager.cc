@@ -8,6 +8,7 @@
 #include "config/RemoteConfiguration.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
+#include "generators/StaticSignalsGenerator.h"
 #include "logging/AES.h"
 #include "logging/LogEncoder.h"
 #include "logging/OrvaneErrorReporting.h"
@@ -213,6 +214,21 @@ ModelExecutor& ContextManager::modelExecutor() {
     return std::make_unique<ModelExecutor>(ModelExecutor::Dependencies{
         platform_.random, platform_.calendar, dateProvider_, platform_.log,
         [this]() -> ErrorReporter& { return orvaneErrorReporting(); }});
+  });
+}
+
+StaticSignalsGenerator& ContextManager::staticSignalsGenerator() {
+  return lazily(staticSignals_.once, staticSignals_.value, [this] {
+    StaticSignalsGenerator::Dependencies deps;
+    deps.device = platform_.device;
+    deps.calendar = platform_.calendar;
+    deps.dateProvider = dateProvider_;
+    deps.bundle = platform_.bundle;
+    deps.bundleIdentifier = bundleIdentifier_;
+    deps.sdkVersion = kSdkVersion;
+    deps.isSupported = isSupported_;
+    deps.currentPlatform = [this] { return currentPlatform(); };
+    return std::make_unique<StaticSignalsGenerator>(std::move(deps));
   });
 }
 
