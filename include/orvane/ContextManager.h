@@ -33,6 +33,7 @@ class PeriodicContextEvaluator;
 class AccelerometerSensor;
 class AppLaunchSignalsGenerator;
 class AppLaunchReasonSignalsGenerator;
+class StaticSignalsGenerator;
 class UserDefaultsProvider;
 class DateProvider;
 class LogEncoder;
@@ -174,6 +175,7 @@ class ContextManager {
   ModelExecutor& modelExecutor();
   GeoIPSignalGenerator& geoIPSignalGenerator();
   FlowTimingSignalsGenerator& flowTimingSignalsGenerator() { return *flowTimingSignals_; }
+  StaticSignalsGenerator& staticSignalsGenerator();
 
   // ---- Recent contexts -----------------------------------------------------------------------
   // The flow's most recently created context, marked as handed out again; none if there is
@@ -240,6 +242,7 @@ class ContextManager {
   Lazy<TimingCoordinator> timingCoordinator_;
   Lazy<ModelExecutor> modelExecutor_;
   Lazy<GeoIPSignalGenerator> geoIPSignals_;
+  Lazy<StaticSignalsGenerator> staticSignals_;
 
   std::mutex recentContextsMutex_;
   RecentContexts recentContexts_;

@@ -9,6 +9,7 @@
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "generators/GeoIPSignalGenerator.h"
+#include "generators/StaticSignalsGenerator.h"
 #include "logging/AES.h"
 #include "logging/LogEncoder.h"
 #include "logging/OrvaneErrorReporting.h"
@@ -221,6 +222,21 @@ GeoIPSignalGenerator& ContextManager::geoIPSignalGenerator() {
   return lazily(geoIPSignals_.once, geoIPSignals_.value, [this] {
     return std::make_unique<GeoIPSignalGenerator>(
         defaults_, dateProvider_, [this]() -> ErrorReporter& { return orvaneErrorReporting(); });
+  });
+}
+
+StaticSignalsGenerator& ContextManager::staticSignalsGenerator() {
+  return lazily(staticSignals_.once, staticSignals_.value, [this] {
+    StaticSignalsGenerator::Dependencies deps;
+    deps.device = platform_.device;
+    deps.calendar = platform_.calendar;
+    deps.dateProvider = dateProvider_;
+    deps.bundle = platform_.bundle;
+    deps.bundleIdentifier = bundleIdentifier_;
+    deps.sdkVersion = kSdkVersion;
+    deps.isSupported = isSupported_;
+    deps.currentPlatform = [this] { return currentPlatform(); };
+    return std::make_unique<StaticSignalsGenerator>(std::move(deps));
   });
 }
 

@@ -1,20 +1,19 @@
 // File: AppInstallationEnvironmentHelper.h
-// Where the host app was installed from: 2 a development build (it carries a provisioning
-// profile), 1 a test build (its store receipt is a sandbox receipt), 0 the store.
+// How the host app was installed, from its bundle.
 #pragma once
+
+#include <cstdint>
 
 #include "orvane/platform/BundleInfo.h"
 
 namespace orvane {
 
-struct AppInstallationEnvironmentHelper {
-  static int current(const BundleInfo& bundle) {
-    if (bundle.hasEmbeddedProvisioningProfile) return 2;
-    return isAppStoreReceiptSandbox(bundle) ? 1 : 0;
-  }
-  static bool isAppStoreReceiptSandbox(const BundleInfo& bundle) {
-    return bundle.receiptFileName == "sandboxReceipt";
-  }
+class AppInstallationEnvironmentHelper {
+ public:
+  // 2 a build that carries a provisioning profile (development, ad hoc, enterprise);
+  // 1 a sandbox store receipt (test distribution); 0 otherwise (the store).
+  static int64_t current(const BundleInfo& bundle);
+  static bool isAppStoreReceiptSandbox(const BundleInfo& bundle);
 };
 
 }  // namespace orvane

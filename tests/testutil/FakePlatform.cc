@@ -275,6 +275,18 @@ FakePlatform::FakePlatform()
   platform.crypto = makeOpenSslCrypto();
   platform.application = application;
   platform.motion = makeReplayMotionService();
+  DeviceFacts facts;
+  facts.machineIdentifier = "iPhone15,2";
+  facts.modelName = "iPhone";
+  facts.systemVersion = "17.2";
+  facts.userInterfaceIdiom = UserInterfaceIdiom::kPhone;
+  facts.physicalMemoryBytes = uint64_t{6} << 30;
+  facts.activeProcessorCount = 6;
+  facts.locale = {"en_US", "en", "US", "USD", false};
+  facts.battery = BatteryStatus{0.8f, BatteryState::kUnplugged};
+  facts.orientation = DeviceOrientation::kPortrait;
+  device = std::make_shared<HostDeviceService>(std::move(facts));
+  platform.device = device;
   platform.modelRuntime = makePortableModelRuntime();
   platform.bundle.bundleIdentifier = "com.example.host";
   platform.bundle.shortVersion = "1.0";

@@ -150,6 +150,8 @@ struct FakePlatform {
   std::shared_ptr<CapturingLog> log;
   std::shared_ptr<ManualExecutors> executors;
   std::shared_ptr<HostApplicationService> application;
+  // A phone with its facts set; tests change them with device->update().
+  std::shared_ptr<HostDeviceService> device;
   // Moves the clock and drains every queue.
   void advance(double seconds);
   size_t drain() { return executors->runUntilIdle(); }

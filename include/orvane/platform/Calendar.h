@@ -31,11 +31,16 @@ class Calendar {
   virtual std::string timeZoneIdentifier() const = 0;
   // Offset of the zone's wall clock from UTC at that instant.
   virtual int64_t secondsFromGMT(double secondsSince1970) const = 0;
+  // The zone's abbreviation at that instant ("CET", "CEST"); none when it cannot be told.
+  virtual std::optional<std::string> timeZoneAbbreviation(double secondsSince1970) const = 0;
 };
 
 // The machine's local time zone (TZ, else /etc/localtime).
 std::shared_ptr<Calendar> makeSystemCalendar();
 // A zone with a constant offset and no daylight saving; for tests and hosts that know better.
-std::shared_ptr<Calendar> makeFixedOffsetCalendar(std::string identifier, int64_t offsetSeconds);
+// Its abbreviation is "GMT", "GMT+2" or "GMT-3:30" unless one is given.
+std::shared_ptr<Calendar> makeFixedOffsetCalendar(
+    std::string identifier, int64_t offsetSeconds,
+    std::optional<std::string> abbreviation = std::nullopt);
 
 }  // namespace orvane

@@ -10,6 +10,7 @@
 #include "orvane/platform/Calendar.h"
 #include "orvane/platform/Clock.h"
 #include "orvane/platform/Crypto.h"
+#include "orvane/platform/DeviceService.h"
 #include "orvane/platform/Executors.h"
 #include "orvane/platform/FileSystem.h"
 #include "orvane/platform/HttpTransport.h"
@@ -33,6 +34,7 @@ struct Platform {
   std::shared_ptr<HttpTransport> http;
   std::shared_ptr<ApplicationService> application;
   std::shared_ptr<MotionService> motion;
+  std::shared_ptr<DeviceService> device;
   std::shared_ptr<ModelRuntime> modelRuntime;
   BundleInfo bundle;
 

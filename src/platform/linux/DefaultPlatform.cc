@@ -42,6 +42,7 @@ Platform Platform::defaultPlatform() {
   platform.http = makeCurlHttpTransport();
   platform.modelRuntime = makePortableModelRuntime();
   platform.motion = makeReplayMotionService();
+  platform.device = makeLinuxDeviceService();
   platform.bundle.bundleIdentifier = environment("ORVANE_BUNDLE_ID");
   platform.bundle.sdkResourceDirectory = "";
   return platform;

@@ -32,6 +32,19 @@ std::string offsetName(int64_t offsetSeconds) {
   return text;
 }
 
+// "GMT", "GMT+2", "GMT-3:30": hours without padding, minutes only when there are some.
+std::string gmtAbbreviation(int64_t offsetSeconds) {
+  if (offsetSeconds == 0) return "GMT";
+  const int64_t minutes = std::llabs(offsetSeconds) / 60;
+  std::string text = offsetSeconds < 0 ? "GMT-" : "GMT+";
+  text += std::to_string(minutes / 60);
+  if (minutes % 60 != 0) {
+    text += minutes % 60 < 10 ? ":0" : ":";
+    text += std::to_string(minutes % 60);
+  }
+  return text;
+}
+
 class SystemCalendar : public Calendar {
  public:
   SystemCalendar() { tzset(); }
@@ -61,12 +74,25 @@ class SystemCalendar : public Calendar {
     if (!t || localtime_r(&*t, &fields) == nullptr) return 0;
     return fields.tm_gmtoff;
   }
+
+  std::optional<std::string> timeZoneAbbreviation(double secondsSince1970) const override {
+    auto t = toTimeT(secondsSince1970);
+    struct tm fields {};
+    if (!t || localtime_r(&*t, &fields) == nullptr || fields.tm_zone == nullptr ||
+        *fields.tm_zone == '\0') {
+      return std::nullopt;
+    }
+    return std::string(fields.tm_zone);
+  }
 };
 
 class FixedOffsetCalendar : public Calendar {
  public:
-  FixedOffsetCalendar(std::string identifier, int64_t offsetSeconds)
-      : identifier_(std::move(identifier)), offsetSeconds_(offsetSeconds) {}
+  FixedOffsetCalendar(std::string identifier, int64_t offsetSeconds,
+                      std::optional<std::string> abbreviation)
+      : identifier_(std::move(identifier)),
+        offsetSeconds_(offsetSeconds),
+        abbreviation_(abbreviation ? std::move(*abbreviation) : gmtAbbreviation(offsetSeconds)) {}
 
   std::optional<CalendarComponents> components(double secondsSince1970) const override {
     auto t = toTimeT(secondsSince1970 + static_cast<double>(offsetSeconds_));
@@ -78,18 +104,22 @@ class FixedOffsetCalendar : public Calendar {
     return identifier_.empty() ? offsetName(offsetSeconds_) : identifier_;
   }
   int64_t secondsFromGMT(double) const override { return offsetSeconds_; }
+  std::optional<std::string> timeZoneAbbreviation(double) const override { return abbreviation_; }
 
  private:
   std::string identifier_;
   int64_t offsetSeconds_;
+  std::string abbreviation_;
 };
 
 }  // namespace
 
 std::shared_ptr<Calendar> makeSystemCalendar() { return std::make_shared<SystemCalendar>(); }
 
-std::shared_ptr<Calendar> makeFixedOffsetCalendar(std::string identifier, int64_t offsetSeconds) {
-  return std::make_shared<FixedOffsetCalendar>(std::move(identifier), offsetSeconds);
+std::shared_ptr<Calendar> makeFixedOffsetCalendar(std::string identifier, int64_t offsetSeconds,
+                                                  std::optional<std::string> abbreviation) {
+  return std::make_shared<FixedOffsetCalendar>(std::move(identifier), offsetSeconds,
+                                               std::move(abbreviation));
 }
 
 }  // namespace orvane
