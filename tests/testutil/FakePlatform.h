@@ -150,6 +150,8 @@ struct FakePlatform {
   std::shared_ptr<CapturingLog> log;
   std::shared_ptr<ManualExecutors> executors;
   std::shared_ptr<HostApplicationService> application;
+  // Motion updates come only when a test pushes them.
+  std::shared_ptr<ManualMotionService> motion;
   // Moves the clock and drains every queue.
   void advance(double seconds);
   size_t drain() { return executors->runUntilIdle(); }
