@@ -4,6 +4,7 @@
 
 #include "LogCommands.h"
 #include "ModelCommands.h"
+#include "MotionCommands.h"
 #include "orvane/ContextManager.h"
 
 int main(int argc, char** argv) {
@@ -13,6 +14,7 @@ int main(int argc, char** argv) {
   int exitCode = 0;
   orvane::sim::addLogCommands(app, exitCode);
   orvane::sim::addModelCommands(app, exitCode);
+  orvane::sim::addMotionCommands(app, exitCode);
   CLI11_PARSE(app, argc, argv);
 
   if (app.get_subcommands().empty()) {
