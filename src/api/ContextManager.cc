@@ -239,7 +239,7 @@ AccelerometerSensor& ContextManager::accelerometerSensor() {
     environment.clock = platform_.clock;
     environment.dateProvider = dateProvider_;
     environment.log = platform_.log;
-    // The sensor outlives no manager: it is one of the manager's own components.
+    // Called only while the sensor exists; its queued work checks that before calling.
     environment.errorReporting = [this]() -> ErrorReporter& { return orvaneErrorReporting(); };
     environment.additionalAccelDataDuration = [this] {
       return remoteConfiguration().getConfiguration().additionalAccelDataDurationSeconds;
