@@ -257,7 +257,18 @@ PeriodicContextEvaluator& ContextManager::periodicContextEvaluator() {
 
 AccelerometerSensor& ContextManager::accelerometerSensor() {
   return lazily(accelerometerSensor_.once, accelerometerSensor_.value, [this] {
-    return std::make_unique<AccelerometerSensor>(platform_.motion,
+    AccelerometerSensor::Environment environment;
+    environment.motion = platform_.motion;
+    environment.executors = platform_.executors;
+    environment.clock = platform_.clock;
+    environment.dateProvider = dateProvider_;
+    environment.log = platform_.log;
+    // Called only while the sensor exists; its queued work checks that before calling.
+    environment.errorReporting = [this]() -> ErrorReporter& { return orvaneErrorReporting(); };
+    environment.additionalAccelDataDuration = [this] {
+      return remoteConfiguration().getConfiguration().additionalAccelDataDurationSeconds;
+    };
+    return std::make_unique<AccelerometerSensor>(std::move(environment),
                                                  configuration().enableInstantContext);
   });
 }

@@ -1,27 +1,14 @@
 // File: AccelerometerSensorValue.h
 // One device-motion sample as the platform delivers it: user acceleration (gravity removed)
 // and gravity in g, rotation rate in rad/s, attitude in radians, and the wall-clock time the
-// sample was taken. Samples are plain values; the sensor buffers copies of them.
+// sample was taken. Samples are plain values; the sensor buffers copies of them. The vector
+// and attitude types are the motion seam's.
 #pragma once
 
 #include "orvane/PlistValue.h"
+#include "orvane/platform/MotionService.h"
 
 namespace orvane {
-
-struct MotionVector {
-  double x = 0;
-  double y = 0;
-  double z = 0;
-  bool operator==(const MotionVector&) const = default;
-};
-
-// Roll, pitch and yaw. A platform bridge copies its own attitude object into this.
-struct AttitudeData {
-  double roll = 0;
-  double pitch = 0;
-  double yaw = 0;
-  bool operator==(const AttitudeData&) const = default;
-};
 
 struct AccelerometerSensorValue {
   AccelerometerSensorValue() = default;

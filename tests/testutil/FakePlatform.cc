@@ -262,7 +262,8 @@ FakePlatform::FakePlatform()
     : clock(std::make_shared<FakeClock>()),
       random(std::make_shared<FakeRandomSource>()),
       log(std::make_shared<CapturingLog>()),
-      executors(std::make_shared<ManualExecutors>(clock)) {
+      executors(std::make_shared<ManualExecutors>(clock)),
+      motion(std::make_shared<ManualMotionService>(clock)) {
   application =
       std::make_shared<HostApplicationService>(executors->mainQueue(), ApplicationState::kInactive);
   platform.clock = clock;
@@ -274,7 +275,7 @@ FakePlatform::FakePlatform()
   platform.executors = executors;
   platform.crypto = makeOpenSslCrypto();
   platform.application = application;
-  platform.motion = makeReplayMotionService();
+  platform.motion = motion;
   DeviceFacts facts;
   facts.machineIdentifier = "iPhone15,2";
   facts.modelName = "iPhone";

@@ -152,6 +152,8 @@ struct FakePlatform {
   std::shared_ptr<HostApplicationService> application;
   // A phone with its facts set; tests change them with device->update().
   std::shared_ptr<HostDeviceService> device;
+  // Motion updates come only when a test pushes them.
+  std::shared_ptr<ManualMotionService> motion;
   // Moves the clock and drains every queue.
   void advance(double seconds);
   size_t drain() { return executors->runUntilIdle(); }

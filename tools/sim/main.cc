@@ -5,6 +5,7 @@
 #include "HostCommands.h"
 #include "LogCommands.h"
 #include "ModelCommands.h"
+#include "MotionCommands.h"
 #include "orvane/ContextManager.h"
 
 int main(int argc, char** argv) {
@@ -15,6 +16,7 @@ int main(int argc, char** argv) {
   orvane::sim::addLogCommands(app, exitCode);
   orvane::sim::addModelCommands(app, exitCode);
   orvane::sim::addHostCommands(app, exitCode);
+  orvane::sim::addMotionCommands(app, exitCode);
   CLI11_PARSE(app, argc, argv);
 
   if (app.get_subcommands().empty()) {

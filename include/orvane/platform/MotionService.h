@@ -1,10 +1,48 @@
 // File: MotionService.h
-// Motion hardware. This part covers availability; sample delivery joins it with the sensor.
+// Motion hardware: which sensors exist, and device-motion updates delivered to a serial queue.
+// The device keeps one set of updates: starting again replaces the handler, as the motion
+// manager of a mobile platform does.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "orvane/platform/Clock.h"
+#include "orvane/platform/Executors.h"
 
 namespace orvane {
+
+struct MotionVector {
+  double x = 0;
+  double y = 0;
+  double z = 0;
+  bool operator==(const MotionVector&) const = default;
+};
+
+// Roll, pitch and yaw in radians.
+struct AttitudeData {
+  double roll = 0;
+  double pitch = 0;
+  double yaw = 0;
+  bool operator==(const AttitudeData&) const = default;
+};
+
+// One device-motion update: user acceleration (gravity removed) and gravity in g, rotation
+// rate in rad/s, and the time it was measured in seconds since boot (Clock::uptime()).
+struct DeviceMotion {
+  MotionVector userAcceleration;
+  MotionVector rotationRate;
+  AttitudeData attitude;
+  MotionVector gravity;
+  double timestamp = 0;
+};
+
+// Called for each update; a null pointer is an update that carries no motion.
+using DeviceMotionHandler = std::function<void(const DeviceMotion*)>;
 
 class MotionService {
  public:
@@ -13,12 +51,60 @@ class MotionService {
   virtual bool isGyroAvailable() const = 0;
   // True when a mobile app runs on a desktop machine.
   virtual bool isAppOnDesktop() const = 0;
+
+  // Delivers updates at the device's own rate to `handler`, on `queue`, in time order.
+  virtual void startDeviceMotionUpdates(std::shared_ptr<SerialQueue> queue,
+                                        DeviceMotionHandler handler) = 0;
+  // Stops every kind of motion update. An update already queued may still arrive.
+  virtual void stopMotionUpdates() = 0;
 };
 
-// A device with accelerometer and gyroscope (samples come from replay).
-std::shared_ptr<MotionService> makeReplayMotionService();
-// A device without motion hardware, or with only some of it.
+// The motion of the `index`-th update (its timestamp is set on delivery); none ends the
+// recording and the device delivers nothing more.
+using DeviceMotionGenerator = std::function<std::optional<DeviceMotion>(uint64_t index)>;
+
+// A device with accelerometer and gyroscope whose updates come from `generator`, `rateHz` per
+// second in real time: a repeating timer on the receiving queue, stamped with clock->uptime().
+std::shared_ptr<MotionService> makeReplayMotionService(std::shared_ptr<Clock> clock, double rateHz,
+                                                       DeviceMotionGenerator generator);
+// A replay device playing the samples of a motion-trace file at the trace's rate, from the
+// start again after the last sample. Null when the file cannot be read; `error` then says why.
+std::shared_ptr<MotionService> makeTraceMotionService(std::shared_ptr<Clock> clock,
+                                                      const std::string& tracePath,
+                                                      std::string* error = nullptr);
+// A device lying still, face up, at 100 Hz: what a Linux host gets without a trace.
+std::shared_ptr<MotionService> makeStillMotionService(std::shared_ptr<Clock> clock);
+
+// A device without motion hardware, or with only some of it. It never delivers updates.
 std::shared_ptr<MotionService> makeUnsupportedMotionService(bool hasAccelerometer = false,
                                                             bool hasGyro = false);
+
+// A device driven by hand: each push() posts one update, stamped with clock->uptime(), to the
+// queue of the current updates (nothing while updates are off).
+class ManualMotionService : public MotionService {
+ public:
+  explicit ManualMotionService(std::shared_ptr<Clock> clock) : clock_(std::move(clock)) {}
+  bool isAccelerometerAvailable() const override { return true; }
+  bool isGyroAvailable() const override { return true; }
+  bool isAppOnDesktop() const override { return false; }
+  void startDeviceMotionUpdates(std::shared_ptr<SerialQueue> queue,
+                                DeviceMotionHandler handler) override;
+  void stopMotionUpdates() override;
+
+  // False while updates are off: the motion was not delivered.
+  bool push(DeviceMotion motion);
+  bool pushWithoutMotion();
+  bool isDelivering() const;
+  int startCount() const;
+
+ private:
+  bool post(std::optional<DeviceMotion> motion);
+
+  std::shared_ptr<Clock> clock_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<SerialQueue> queue_;
+  DeviceMotionHandler handler_;
+  int starts_ = 0;
+};
 
 }  // namespace orvane

@@ -39,9 +39,13 @@ struct Platform {
   BundleInfo bundle;
 
   // The Linux platform. Data lives in $ORVANE_DATA_DIR, else $XDG_DATA_HOME/orvane, else
-  // ~/.local/share/orvane.
+  // ~/.local/share/orvane. Motion is replayed (see setDefaultMotionTrace).
   static Platform defaultPlatform();
   static std::string defaultDataDirectory();
+  // The motion-trace file that default platforms made from now on replay; an empty path
+  // means $ORVANE_MOTION_TRACE, and without it a device lying still. Call it before the
+  // first ContextManager call for the shared manager to use it.
+  static void setDefaultMotionTrace(std::string path);
 };
 
 }  // namespace orvane

@@ -1,6 +1,7 @@
 // The services of a Linux host, wired together. Tests build their own Platform from fakes;
 // this is what an application gets when it does not.
 #include <cstdlib>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -15,7 +16,38 @@ std::optional<std::string> environment(const char* name) {
   return std::string(value);
 }
 
+std::mutex& motionTraceMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+std::string& chosenMotionTrace() {
+  static std::string path;
+  return path;
+}
+
+// A trace that cannot be read is named in the log and the device lies still instead: a host
+// must start even with a wrong path.
+std::shared_ptr<MotionService> makeDefaultMotionService(const std::shared_ptr<Clock>& clock,
+                                                        SystemLog& log) {
+  std::string path;
+  {
+    std::lock_guard<std::mutex> guard(motionTraceMutex());
+    path = chosenMotionTrace();
+  }
+  if (path.empty()) path = environment("ORVANE_MOTION_TRACE").value_or("");
+  if (path.empty()) return makeStillMotionService(clock);
+  std::string error;
+  if (auto service = makeTraceMotionService(clock, path, &error)) return service;
+  log.error("[Orvane] Cannot replay the motion trace " + path + ": " + error);
+  return makeStillMotionService(clock);
+}
+
 }  // namespace
+
+void Platform::setDefaultMotionTrace(std::string path) {
+  std::lock_guard<std::mutex> guard(motionTraceMutex());
+  chosenMotionTrace() = std::move(path);
+}
 
 std::string Platform::defaultDataDirectory() {
   if (auto dir = environment("ORVANE_DATA_DIR")) return *dir;
@@ -41,7 +73,7 @@ Platform Platform::defaultPlatform() {
                                                                   ApplicationState::kInactive);
   platform.http = makeCurlHttpTransport();
   platform.modelRuntime = makePortableModelRuntime();
-  platform.motion = makeReplayMotionService();
+  platform.motion = makeDefaultMotionService(platform.clock, *platform.log);
   platform.device = makeLinuxDeviceService();
   platform.bundle.bundleIdentifier = environment("ORVANE_BUNDLE_ID");
   platform.bundle.sdkResourceDirectory = "";

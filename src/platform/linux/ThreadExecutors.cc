@@ -175,7 +175,10 @@ struct QueueState {
       if (timers.empty()) {
         wake.wait(lock);
       } else {
-        wake.wait_until(lock, timers.begin()->first.first);
+        // A copy: wait_until reads its deadline again after waking, and a cancel may have
+        // erased the timer's entry meanwhile.
+        const TimePoint due = timers.begin()->first.first;
+        wake.wait_until(lock, due);
       }
     }
     auto dropped = std::move(timers);

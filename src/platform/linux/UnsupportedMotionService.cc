@@ -12,6 +12,8 @@ class UnsupportedMotionService : public MotionService {
   bool isAccelerometerAvailable() const override { return hasAccelerometer_; }
   bool isGyroAvailable() const override { return hasGyro_; }
   bool isAppOnDesktop() const override { return false; }
+  void startDeviceMotionUpdates(std::shared_ptr<SerialQueue>, DeviceMotionHandler) override {}
+  void stopMotionUpdates() override {}
 
  private:
   const bool hasAccelerometer_;

@@ -1,0 +1,332 @@
+// The sensor: when it samples, what its buffer keeps, and how waiting requests are answered.
+// Samples are pushed by hand and queues run on a test clock, apart from one real-time replay.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <nlohmann/json.hpp>
+
+#include "logging/Compression.h"
+#include "motion/AccelerometerSensor.h"
+#include "motion/AdditionalAccelFeatureExtraction.h"
+#include "motion/MotionTrace.h"
+#include "motion/motion_test_support.h"
+#include "testutil/FakePlatform.h"
+#include "util/Base64.h"
+
+namespace orvane {
+namespace {
+
+using testing::FakePlatform;
+
+const Signal* findSignal(const SignalList& signals, uint16_t id) {
+  for (const Signal& s : signals) {
+    if (s.id().rawValue() == id) return &s;
+  }
+  return nullptr;
+}
+
+// Signals as text: a feature that is NaN for a degenerate window still compares equal.
+std::vector<std::string> texts(const SignalList& signals) {
+  std::vector<std::string> out;
+  for (const Signal& s : signals) out.push_back(s.description());
+  return out;
+}
+
+AccelerometerSensor::Environment environmentOf(FakePlatform& fake,
+                                               std::shared_ptr<MotionService> motion) {
+  AccelerometerSensor::Environment environment;
+  environment.motion = std::move(motion);
+  environment.executors = fake.executors;
+  environment.clock = fake.clock;
+  environment.dateProvider = std::make_shared<DefaultDateProvider>(fake.clock);
+  environment.log = fake.log;
+  environment.additionalAccelDataDuration = [] { return int64_t{1}; };
+  return environment;
+}
+
+// A waiting call that records what it was answered with and whether that ran on the main queue.
+struct Answer {
+  std::string flow;
+  SignalList signals;
+  bool onMainQueue;
+};
+
+class SensorTest : public ::testing::Test {
+ protected:
+  SensorTest() : sensor(environmentOf(fake, fake.motion), /*alwaysRunInForeground=*/false) {}
+
+  void request(const std::string& flow, int64_t duration, bool logAdditional = false) {
+    auto main = fake.executors->mainQueue();
+    sensor.requestCallback(duration,
+                           std::make_shared<PendingFetchContextCall>(PendingFetchContextCall{
+                               flow, duration, logAdditional, [=, this](SignalList s) {
+                                 answers.push_back({flow, std::move(s), main->isCurrent()});
+                               }}));
+  }
+  void foregroundWithRequest() {
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    sensor.setAppInForeground(true);
+    sensor.addOpenRequest();
+    sensor.maybeStartAccelerometer();
+  }
+  // `count` samples at 100 Hz; each is delivered, and anything it posts runs, before the next.
+  void feed(size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+      DeviceMotion motion;
+      motion.userAcceleration = {0.01 * static_cast<double>(i % 7), 0, 0};
+      motion.gravity = {0, 0, -1};
+      fake.motion->push(motion);
+      fake.advance(0.01);
+    }
+  }
+
+  FakePlatform fake;
+  AccelerometerSensor sensor;
+  std::vector<Answer> answers;
+};
+
+TEST_F(SensorTest, SamplesOnlyInTheForegroundWhileSomethingWantsData) {
+  {
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    sensor.addOpenRequest();
+    sensor.maybeStartAccelerometer();  // still in the background
+    EXPECT_FALSE(sensor.isSampling());
+    sensor.removeOpenRequest();
+    sensor.setAppInForeground(true);
+    sensor.maybeStartAccelerometer();  // foreground, but nothing wants data
+    EXPECT_FALSE(fake.motion->isDelivering());
+  }
+  sensor.setAlwaysRunInForeground(true);
+  EXPECT_TRUE(fake.motion->isDelivering());
+  EXPECT_EQ(sensor.timestampOfAccelMonitoringStarted(), Date{fake.clock->now()});
+  feed(50);
+  EXPECT_EQ(sensor.bufferedSamples().size(), 50u);
+  // The sample's wall-clock time is derived from its uptime stamp.
+  EXPECT_NEAR(sensor.bufferedSamples().back().timestamp.secondsSince1970, fake.clock->now() - 0.01,
+              1e-6);
+
+  // A sample already queued when sampling stops must not reach the next session's buffer.
+  fake.motion->push(DeviceMotion{});
+  {
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    sensor.setAppInForeground(false);
+    sensor.maybeStopAccelerometer();
+    EXPECT_FALSE(sensor.isSampling());
+    EXPECT_FALSE(fake.motion->isDelivering());
+    EXPECT_FALSE(sensor.timestampOfAccelMonitoringStarted());
+    sensor.setAppInForeground(true);
+    sensor.maybeStartAccelerometer();
+  }
+  fake.drain();
+  EXPECT_TRUE(sensor.bufferedSamples().empty());
+  EXPECT_EQ(fake.motion->startCount(), 2);
+
+  // An open request keeps sampling after instant context is switched off.
+  {
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    sensor.addOpenRequest();
+  }
+  sensor.setAlwaysRunInForeground(false);
+  EXPECT_TRUE(sensor.isSampling());
+  {
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    sensor.removeOpenRequest();
+    sensor.maybeStopAccelerometer();
+  }
+  EXPECT_FALSE(sensor.isSampling());
+}
+
+TEST_F(SensorTest, CleanupKeepsTheLastTwentySecondsAtEachTick) {
+  foregroundWithRequest();
+  const double started = fake.clock->now();
+  request("never", 26);  // longer than the buffer can ever hold
+  feed(2200);
+  // The tick at 20 s found nothing older than 20 s; samples now older wait for the next one.
+  auto samples = sensor.bufferedSamples();
+  EXPECT_GT(samples.size(), 2150u);
+  EXPECT_LT(samples.front().timestamp.secondsSince1970, fake.clock->now() - 21);
+  feed(350);  // past the tick at 25 s
+  samples = sensor.bufferedSamples();
+  EXPECT_GT(samples.front().timestamp.secondsSince1970, started + 4.99);
+  EXPECT_LT(samples.front().timestamp.secondsSince1970, started + 5.05);
+  EXPECT_TRUE(answers.empty());
+  EXPECT_EQ(sensor.waitingCallCount(), 1u);
+}
+
+TEST_F(SensorTest, WaitingCallsOfOneDurationAreAnsweredTogetherByTheFirstValidWindow) {
+  foregroundWithRequest();
+  request("first", 3);
+  request("second", 3, /*logAdditional=*/true);
+  request("longer", 5);
+  feed(299);
+  EXPECT_TRUE(answers.empty());
+  EXPECT_FALSE(AccelerometerSensor::hasValidAccelerometerData(sensor.allSignals(3, false)));
+
+  feed(1);
+  ASSERT_EQ(answers.size(), 2u);
+  EXPECT_EQ(answers[0].flow, "first");
+  EXPECT_EQ(answers[1].flow, "second");
+  EXPECT_TRUE(answers[0].onMainQueue && answers[1].onMainQueue);
+  EXPECT_TRUE(AccelerometerSensor::hasValidAccelerometerData(answers[0].signals));
+  EXPECT_EQ(std::get<int64_t>(findSignal(answers[0].signals, 106)->value()), 300);
+  // The same motion signals; only the call that asked for it carries the raw-motion record.
+  EXPECT_EQ(findSignal(answers[0].signals, 444), nullptr);
+  ASSERT_EQ(answers[1].signals.size(), answers[0].signals.size() + 1);
+  EXPECT_EQ(answers[1].signals.back().id().rawValue(), 444);
+  answers[1].signals.pop_back();
+  EXPECT_EQ(texts(answers[0].signals), texts(answers[1].signals));
+  EXPECT_EQ(sensor.waitingCallCount(), 1u);  // the five-second call still waits
+
+  // With a valid window in the buffer a request needs no callback.
+  EXPECT_TRUE(AccelerometerSensor::hasValidAccelerometerData(sensor.allSignals(3, false)));
+  feed(200);
+  ASSERT_EQ(answers.size(), 3u);
+  EXPECT_EQ(answers[2].flow, "longer");
+  EXPECT_EQ(std::get<int64_t>(findSignal(answers[2].signals, 106)->value()), 500);
+}
+
+TEST_F(SensorTest, CancellingAFlowDropsOnlyItsCalls) {
+  foregroundWithRequest();
+  request("a", 3);
+  request("b", 3);
+  request("a", 5);
+  EXPECT_EQ(sensor.cancelCallbackForFlow("a"), 2);
+  EXPECT_EQ(sensor.cancelCallbackForFlow("a"), 0);
+  EXPECT_EQ(sensor.cancelCallbackForFlow("unknown"), 0);
+  feed(500);
+  ASSERT_EQ(answers.size(), 1u);
+  EXPECT_EQ(answers[0].flow, "b");
+  EXPECT_EQ(sensor.waitingCallCount(), 0u);
+}
+
+TEST(AccelerometerSensorUnsupported, AnswersAtOnceWithReasonThreeAndNeverSamples) {
+  FakePlatform fake;
+  AccelerometerSensor sensor(environmentOf(fake, makeUnsupportedMotionService(true, false)), true);
+  {
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    sensor.setAppInForeground(true);
+    sensor.addOpenRequest();
+    sensor.maybeStartAccelerometer();
+  }
+  EXPECT_FALSE(sensor.isSampling());
+  const SignalList expected = {
+      SignalInt(SignalEnum::id(106), 0), SignalBool(SignalEnum::id(192), false),
+      SignalInt(SignalEnum::id(128), 0), SignalInt(SignalEnum::id(211), 3)};
+  EXPECT_EQ(sensor.allSignals(3, false), expected);
+
+  std::vector<SignalList> answers;
+  auto call = std::make_shared<PendingFetchContextCall>(
+      PendingFetchContextCall{"flow", 3, false, [&](SignalList s) { answers.push_back(s); }});
+  sensor.requestCallback(3, call);  // off the main queue: answered from it
+  EXPECT_TRUE(answers.empty());
+  fake.drain();
+  fake.executors->mainQueue()->sync([&] { sensor.requestCallback(3, call); });
+  ASSERT_EQ(answers.size(), 2u);
+  EXPECT_EQ(answers[0], expected);
+  EXPECT_EQ(answers[1], expected);
+  EXPECT_EQ(sensor.waitingCallCount(), 0u);
+}
+
+TEST(ReplayMotionService, PlaysATraceAtItsRateAndStartsOverAfterTheEnd) {
+  FakePlatform fake;
+  const std::string path = testing::motionFixturesDir() + "/walking_in_hand.json";
+  auto trace = readMotionTraceFile(path);
+  ASSERT_TRUE(trace.ok());
+  auto service = makeTraceMotionService(fake.clock, path);
+  ASSERT_TRUE(service);
+  std::vector<DeviceMotion> received;
+  service->startDeviceMotionUpdates(fake.executors->makeSerialQueue("replay"),
+                                    [&](const DeviceMotion* m) { received.push_back(*m); });
+  fake.advance(8.025);
+  service->stopMotionUpdates();
+  fake.advance(1);
+  ASSERT_EQ(received.size(), 802u);
+  for (size_t i : {size_t{0}, size_t{417}, size_t{800}, size_t{801}}) {
+    const AccelerometerSensorValue& s = trace->samples[i % 800];
+    EXPECT_EQ(received[i].userAcceleration, s.acceleration) << i;
+    EXPECT_EQ(received[i].attitude, s.attitude) << i;
+  }
+  EXPECT_NEAR(received[801].timestamp - received[0].timestamp, 8.01, 1e-6);
+
+  std::string error;
+  EXPECT_FALSE(makeTraceMotionService(fake.clock, path + ".missing", &error));
+  EXPECT_FALSE(error.empty());
+}
+
+// Real time: a trace replayed on its own thread feeds the sensor, and two waiting requests
+// of the same duration are answered on the main queue, in order, with the same signals.
+TEST(AccelerometerSensorReplay, AnswersWaitingRequestsFromAReplayedTrace) {
+  auto clock = makeSystemClock();
+  auto executors = makeThreadExecutors();
+  auto log = std::make_shared<testing::CapturingLog>();
+  auto motion =
+      makeTraceMotionService(clock, testing::motionFixturesDir() + "/walking_in_hand.json");
+  ASSERT_TRUE(motion);
+  AccelerometerSensor::Environment environment{
+      motion, executors, clock,  std::make_shared<DefaultDateProvider>(clock),
+      log,    nullptr,   nullptr};
+  AccelerometerSensor sensor(std::move(environment), false);
+
+  std::mutex mutex;
+  std::condition_variable answered;
+  std::vector<Answer> answers;
+  auto main = executors->mainQueue();
+  for (std::string flow : {"first", "second"}) {
+    sensor.requestCallback(2, std::make_shared<PendingFetchContextCall>(PendingFetchContextCall{
+                                  flow, 2, false, [&, flow, main](SignalList s) {
+                                    std::lock_guard<std::mutex> guard(mutex);
+                                    answers.push_back({flow, std::move(s), main->isCurrent()});
+                                    answered.notify_all();
+                                  }}));
+  }
+  {
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    sensor.setAppInForeground(true);
+    sensor.addOpenRequest();
+    sensor.maybeStartAccelerometer();
+  }
+  std::unique_lock<std::mutex> lock(mutex);
+  ASSERT_TRUE(
+      answered.wait_for(lock, std::chrono::seconds(20), [&] { return answers.size() == 2; }));
+  EXPECT_EQ(answers[0].flow, "first");
+  EXPECT_EQ(answers[1].flow, "second");
+  EXPECT_TRUE(answers[0].onMainQueue && answers[1].onMainQueue);
+  EXPECT_TRUE(AccelerometerSensor::hasValidAccelerometerData(answers[0].signals));
+  EXPECT_EQ(texts(answers[0].signals), texts(answers[1].signals));
+  lock.unlock();
+  std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+  sensor.removeOpenRequest();
+  sensor.maybeStopAccelerometer();
+}
+
+TEST(AdditionalAccelFeatureExtraction, RecordsTheSamplesOfTheDurationOldestFirst) {
+  auto samples = testing::makeSamples(500, [](size_t i) {
+    return testing::sample({0.001 * static_cast<double>(i), 0, 0});
+  });
+  const double now = samples.back().timestamp.secondsSince1970 + 0.005;
+  AdditionalAccelFeatureExtraction extraction(nullptr,
+                                              std::make_shared<StubDateProvider>(Date{now}));
+  EXPECT_TRUE(extraction.extract({}, 5).empty());
+  EXPECT_TRUE(extraction.extract(samples, 0).empty());
+
+  const SignalList signals = extraction.extract(samples, 2);
+  ASSERT_EQ(signals.size(), 1u);
+  EXPECT_EQ(signals[0].id().rawValue(), 444);
+  auto compressed = base64Decode(std::get<std::string>(signals[0].value()));
+  ASSERT_TRUE(compressed);
+  auto json = inflateRaw(*compressed);  // raw DEFLATE: no zlib header
+  ASSERT_TRUE(json.ok());
+  const auto records =
+      nlohmann::json::parse(std::string(json->begin(), json->end()));  // older ones left out
+  ASSERT_EQ(records.size(), 200u);
+  EXPECT_EQ(records.front()["t"], *samples[300].toJSON().at("t").asString());
+  EXPECT_EQ(records.back()["t"], *samples[499].toJSON().at("t").asString());
+  EXPECT_FLOAT_EQ(records.back()["a"][0].get<float>(), 0.499f);
+  EXPECT_EQ(records.back()["g"], nlohmann::json::parse("[0, 0, -1]"));
+  EXPECT_EQ(records.back().size(), 5u);
+}
+
+}  // namespace
+}  // namespace orvane
