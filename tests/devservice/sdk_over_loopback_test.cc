@@ -1,4 +1,5 @@
-// The SDK against the development service over real HTTP on loopback: failed uploads back
+// The SDK against the development service over real HTTP on loopback: failed uploads (an error
+// status, a connection that breaks off) back
 // off and lose nothing, an unreadable answer is reported and still accepted, and a model the
 // service names is downloaded, compiled, applied and then decides the flow's next context.
 #include <gtest/gtest.h>
@@ -35,9 +36,9 @@ std::optional<std::string> textSignal(const SignalList& signals, uint16_t id) {
 TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
   TempDir dir;
   const std::filesystem::path payloadFile = dir.write("payload.json", "");
-  Service service(std::vector<std::string>{"--faults", "500,500", "--payload", payloadFile.string(),
-                                           "--models", fixturesDir() + "/coreml", "--time-limit",
-                                           "120"});
+  Service service(std::vector<std::string>{"--faults", "500,timeout:0.3", "--payload",
+                                           payloadFile.string(), "--models",
+                                           fixturesDir() + "/coreml", "--time-limit", "120"});
   ASSERT_GT(service.port(), 0);
   const std::string base = "http://127.0.0.1:" + std::to_string(service.port());
 
@@ -60,7 +61,7 @@ TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
 
   fake.advance(31);
   sender.triggerUpload(UploadQueueKind::kMain, false);
-  fake.drain();  // the second 500: the back-off grows, the record stays
+  fake.drain();  // the connection breaks off: the back-off grows, the record stays
   EXPECT_DOUBLE_EQ(sender.currentBackoffSeconds(), 30.5 * 1.25);
   EXPECT_EQ(sender.mainQueue().size(), 1u);
 
