@@ -1,7 +1,7 @@
-// The SDK against the development service over real HTTP on loopback: failed uploads (an error
-// status, a connection that breaks off) back
-// off and lose nothing, an unreadable answer is reported and still accepted, and a model the
-// service names is downloaded, compiled, applied and then decides the flow's next context.
+// The SDK against the development service over real HTTP on loopback: failed uploads (an
+// error status, a connection that breaks off) back off and lose nothing, an unreadable answer
+// is reported and still accepted, and a model the service names is downloaded, compiled,
+// applied and then decides the flow's next context.
 #include <gtest/gtest.h>
 
 #include "devservice/ServiceProcess.h"
