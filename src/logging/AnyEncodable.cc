@@ -48,6 +48,18 @@ size_t validUtf8Length(std::string_view s, size_t i) {
   return length;
 }
 
+// Appends the UTF-8 sequence at `text[i]`, or U+FFFD for an invalid byte; returns the index
+// after what was consumed.
+size_t appendUtf8Sequence(std::string& out, std::string_view text, size_t i) {
+  const size_t length = validUtf8Length(text, i);
+  if (length == 0) {
+    out += "\xEF\xBF\xBD";  // U+FFFD
+    return i + 1;
+  }
+  out.append(text.substr(i, length));
+  return i + length;
+}
+
 }  // namespace
 
 void appendJsonNumber(std::string& out, float value) { appendFloating(out, value); }
@@ -109,14 +121,7 @@ void appendJsonString(std::string& out, std::string_view text) {
       ++i;
       continue;
     }
-    const size_t length = validUtf8Length(text, i);
-    if (length == 0) {
-      out += "\xEF\xBF\xBD";  // U+FFFD
-      ++i;
-    } else {
-      out.append(text.substr(i, length));
-      i += length;
-    }
+    i = appendUtf8Sequence(out, text, i);
   }
   out.push_back('"');
 }
@@ -124,16 +129,7 @@ void appendJsonString(std::string& out, std::string_view text) {
 std::string repairedUtf8(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  for (size_t i = 0; i < text.size();) {
-    const size_t length = validUtf8Length(text, i);
-    if (length == 0) {
-      out += "\xEF\xBF\xBD";  // U+FFFD
-      ++i;
-    } else {
-      out.append(text.substr(i, length));
-      i += length;
-    }
-  }
+  for (size_t i = 0; i < text.size();) i = appendUtf8Sequence(out, text, i);
   return out;
 }
 

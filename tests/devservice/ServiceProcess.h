@@ -2,6 +2,7 @@
 // orvane-devservice as a child process for tests, and a scratch folder.
 #pragma once
 
+#include <fcntl.h>
 #include <httplib.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -15,6 +16,8 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -24,28 +27,38 @@ namespace devservice_testing {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
+// Starts `arguments` (the program first) with its standard output on a pipe; returns the
+// process id and the pipe's reading end. Standard error goes to /dev/null when `quiet`.
+inline std::pair<pid_t, int> spawnReadingStdout(std::vector<std::string> arguments,
+                                                bool quiet = false) {
+  std::vector<char*> argv;
+  for (auto& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  int out[2];
+  if (pipe(out) != 0) throw std::runtime_error("pipe");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    close(out[0]);
+    if (quiet) dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  return {pid, out[0]};
+}
+
 // The service started with `arguments`; its port is read from the line it prints.
 class Service {
  public:
   explicit Service(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), ORVANE_DEVSERVICE);
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    int out[2];
-    if (pipe(out) != 0) throw std::runtime_error("pipe");
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      close(out[0]);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(out[1]);
+    int fd = -1;
+    std::tie(pid_, fd) = spawnReadingStdout(std::move(arguments));
     std::string line;
     char c;
-    while (read(out[0], &c, 1) == 1 && c != '\n') line += c;
-    close(out[0]);
+    while (read(fd, &c, 1) == 1 && c != '\n') line += c;
+    close(fd);
     const std::string prefix = "listening on http://127.0.0.1:";
     if (line.starts_with(prefix)) port_ = std::stoi(line.substr(prefix.size()));
   }

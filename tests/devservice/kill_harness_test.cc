@@ -22,22 +22,7 @@ class Host {
  public:
   explicit Host(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {ORVANE_SIM, "host"});
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    int out[2];
-    if (pipe(out) != 0) throw std::runtime_error("pipe");
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      close(out[0]);
-      int null = open("/dev/null", O_WRONLY);
-      dup2(null, STDERR_FILENO);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    fd_ = out[0];
+    std::tie(pid_, fd_) = devservice_testing::spawnReadingStdout(std::move(arguments), true);
   }
   ~Host() {
     if (pid_ > 0) {
