@@ -139,9 +139,8 @@ std::shared_ptr<Context> Context::create(ContextManager& manager, SignalList req
 }
 
 void Context::decide(MethodUsed methodUsed, const ExtraModelExecutionInformation& extra) {
-  // Creation runs on one thread before the context is shared; the lock only keeps the
-  // invariant that the signals are always read under it.
-  std::unique_lock<std::mutex> lock(mutex_);
+  // No lock: creation runs on one thread before the context is published (registerAsRecent
+  // hands it over under the recent-contexts lock), and components are called from here.
   SignalsManager& signals = *signalsManager_;
   const int64_t requestedDuration = signals.intValue(SignalEnum::id(191)).value_or(0);
   modelInfo_ = std::make_shared<const CustomModelInfo>(

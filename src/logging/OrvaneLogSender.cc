@@ -251,17 +251,21 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
   auto done = std::make_shared<std::promise<bool>>();
   auto answered = std::make_shared<std::atomic<bool>>(false);
   std::future<bool> success = done->get_future();
-  http->send(std::move(request), [this, done, answered](std::optional<HttpResponse> response,
-                                                        std::optional<PlatformError>) {
-    const bool accepted = completeUpload(response);
-    if (!answered->exchange(true)) done->set_value(accepted);
+  std::weak_ptr<Shared> weak = shared_;
+  http->send(std::move(request), [this, weak, done, answered](std::optional<HttpResponse> response,
+                                                              std::optional<PlatformError>) {
+    // Once the guard has given up, a late completion must not touch a sender that may be gone.
+    if (answered->exchange(true) || !weak.lock()) return;
+    done->set_value(completeUpload(response));
   });
   bool accepted = false;
   if (success.wait_for(std::chrono::duration<double>(kCompletionGuardSeconds)) ==
       std::future_status::ready) {
     accepted = success.get();
   } else if (!answered->exchange(true)) {
-    completeUpload(std::nullopt);  // counts as a failed attempt
+    completeUpload(std::nullopt);  // no answer in time: a failed attempt
+  } else {
+    accepted = success.get();  // the completion won the race with the guard
   }
   if (accepted) removeLogsFromQueue(key, batch);
 }
