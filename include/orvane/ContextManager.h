@@ -14,6 +14,7 @@
 #include <string>
 
 #include "orvane/Configuration.h"
+#include "orvane/Context.h"
 #include "orvane/ContextModelInformation.h"
 #include "orvane/CustomSignal.h"
 #include "orvane/platform/Platform.h"
@@ -85,6 +86,26 @@ class ContextManager {
   static std::optional<ContextModelInformation> getCustomModel(
       const std::string& flowName) noexcept;
 
+  // ---- Requests for a decision: callbacks always run on the main queue -------------------
+  using ContextCallback = std::function<void(std::shared_ptr<Context>)>;
+  // Waits until `duration` seconds of motion data exist, then calls back once.
+  static void fetchContext(const std::string& flowName, int64_t duration,
+                           const CustomSignalList& customSignals,
+                           ContextCallback callback) noexcept;
+  // Decides at once on the caller's thread, with whatever motion data there is.
+  static std::shared_ptr<Context> instantContext(const std::string& flowName, int64_t duration,
+                                                 const CustomSignalList& customSignals) noexcept;
+  // Waits at most `maxDelay` seconds (3 when none); a flow with a model of its own waits for
+  // the model's duration.
+  static void optimize(const std::string& flowName, std::optional<int64_t> maxDelay,
+                       const CustomSignalList& customSignals, ContextCallback callback) noexcept;
+  static void calibrate(const std::string& flowName, int64_t maxDelay,
+                        const CustomSignalList& customSignals, ContextCallback callback) noexcept;
+  // The flow's most recent context, marked as handed out again.
+  static std::shared_ptr<Context> recentContext(const std::string& flowName) noexcept;
+  // Drops the flow's waiting requests; their callbacks are never called.
+  static void cancelContextCallback(const std::string& flowName) noexcept;
+
   // ---- Global custom signals: added to every later log -----------------------------------
   // Setting an id that is already present replaces its value in place.
   static void setGlobalCustomSignal(const std::string& id, bool value) noexcept;
@@ -132,6 +153,20 @@ class ContextManager {
   CustomSignalList globalCustomSignals() const;
   // Hands a finished log to the current log sender.
   void sendLog(std::shared_ptr<Log> log) noexcept;
+
+  void requestFetchContext(const std::string& flowName, int64_t duration,
+                           const CustomSignalList& customSignals, ContextCallback callback,
+                           MethodUsed method) noexcept;
+  std::shared_ptr<Context> requestInstantContext(const std::string& flowName, int64_t duration,
+                                                 const CustomSignalList& customSignals,
+                                                 MethodUsed method) noexcept;
+  void requestOptimize(const std::string& flowName, std::optional<int64_t> maxDelay,
+                       const CustomSignalList& customSignals, ContextCallback callback) noexcept;
+  void requestCalibrate(const std::string& flowName, int64_t maxDelay,
+                        const CustomSignalList& customSignals, ContextCallback callback) noexcept;
+  void cancelContextCallbackFor(const std::string& flowName) noexcept;
+  // The signals every request carries after its head and motion signals.
+  SignalList allDefaultSignals();
 
   // The lifecycle notifications' handlers (they run on the main queue).
   void handleDidBecomeActiveNotification() noexcept;

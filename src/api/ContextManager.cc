@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <exception>
 
+#include "api/Absorbing.h"
 #include "api/PeriodicContextEvaluator.h"
 #include "config/RemoteConfiguration.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
@@ -47,20 +48,6 @@ template <typename T, typename Make>
 T& lazily(std::once_flag& once, std::unique_ptr<T>& value, Make&& make) {
   std::call_once(once, [&] { value = make(); });
   return *value;
-}
-
-// Public entry points absorb every internal failure: the host never sees an exception.
-template <typename Fn>
-void absorbing(const Platform& platform, const char* operation, Fn&& fn) noexcept {
-  try {
-    fn();
-  } catch (const std::exception& e) {
-    if (platform.log) {
-      platform.log->error(std::string("[Orvane] Internal error in ") + operation + ": " + e.what());
-    }
-  } catch (...) {
-    if (platform.log) platform.log->error(std::string("[Orvane] Internal error in ") + operation);
-  }
 }
 
 std::mutex& installedPlatformMutex() {

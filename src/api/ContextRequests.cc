@@ -1,0 +1,280 @@
+// The request forms: each assembles the request's signals (head, motion, defaults), waits for
+// motion data where it may, and creates the context that decides. Contexts of asynchronous
+// requests are created, and every callback runs, on the main queue.
+#include <cstdio>
+
+#include "api/Absorbing.h"
+#include "config/RemoteConfiguration.h"
+#include "generators/AppLaunchReasonSignalsGenerator.h"
+#include "generators/AppLaunchSignalsGenerator.h"
+#include "generators/GeoIPSignalGenerator.h"
+#include "generators/StaticSignalsGenerator.h"
+#include "generators/TimeSignalsGenerator.h"
+#include "models/CoreMLModelManager.h"
+#include "models/ModelExecutionInformation.h"
+#include "motion/AccelerometerSensor.h"
+#include "motion/PendingFetchContextCall.h"
+#include "orvane/ContextManager.h"
+#include "util/DateProvider.h"
+
+namespace orvane {
+namespace {
+
+constexpr size_t kMaximumFlowNameLength = 500;
+constexpr int64_t kDefaultDelaySeconds = 3;
+
+constexpr const char* kInstantContextDisabledMessage =
+    "[Orvane] Using ContextManager.instantContext or specifying a maxDelay of 0 requires instant "
+    "context to be enabled in the configuration. Please enable instant context in the "
+    "Configuration or switch to ContextManager.fetchContext / a non-zero maxDelay.";
+
+SignalList requestHead(bool mayWait, int64_t duration) {
+  return {SignalBool(SignalEnum::id(21), mayWait), SignalInt(SignalEnum::id(191), duration)};
+}
+
+void appendAll(SignalList& to, const SignalList& from) {
+  to.insert(to.end(), from.begin(), from.end());
+}
+
+}  // namespace
+
+// ---- Shared steps -------------------------------------------------------------------------
+
+namespace {
+
+void applyFlowNameRule(const std::string& flowName, SystemLog& log) {
+  if (flowName.size() <= kMaximumFlowNameLength) return;
+  log.error("[Orvane] Flow name \"" + flowName + "\" exceeds the maximum allowed length of " +
+            std::to_string(kMaximumFlowNameLength) + " characters.");
+}
+
+// Whether this request also records the raw motion samples.
+bool sampleAdditionalRecord(ContextManager& manager) {
+  const float rate = manager.remoteConfiguration().getConfiguration().additionalAccelDataSampleRate;
+  if (rate <= 0) return false;
+  if (rate >= 1) return true;
+  const auto draw = manager.platform().random->uniformInt(0, 16777216);
+  return static_cast<double>(draw) * 0x1p-24 <= static_cast<double>(rate);
+}
+
+void onMain(ContextManager& manager, Task task) {
+  auto main = manager.platform().executors->mainQueue();
+  if (main->isCurrent()) {
+    task();
+  } else {
+    main->async(std::move(task));
+  }
+}
+
+}  // namespace
+
+SignalList ContextManager::allDefaultSignals() {
+  appLaunchSignals_->updateLastAppWillResignDate();
+  SignalList signals;
+  appendAll(signals, staticSignalsGenerator().staticSignals());
+  appendAll(signals,
+            TimeSignalsGenerator::timeSignals(*platform_.calendar, dateProvider_->currentDate()));
+  appendAll(signals, coreMLModelManager().allSignals());
+  appendAll(signals, geoIPSignalGenerator().allSignals());
+  appendAll(signals, launchReason_->allSignals());
+  appendAll(signals, configuration().allSignals());
+  return signals;
+}
+
+// ---- The forms ----------------------------------------------------------------------------
+
+void ContextManager::requestFetchContext(const std::string& flowName, int64_t duration,
+                                         const CustomSignalList& customSignals,
+                                         ContextCallback callback, MethodUsed method) noexcept {
+  absorbing(platform_, "fetchContext", [&] {
+    applyFlowNameRule(flowName, *platform_.log);
+    AccelerometerSensor& sensor = accelerometerSensor();
+    {
+      std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+      sensor.addOpenRequest();
+      sensor.maybeStartAccelerometer();
+    }
+    auto signals = std::make_shared<SignalList>(requestHead(true, duration));
+    const bool logAdditional = sampleAdditionalRecord(*this);
+    // Continues on the main queue once the motion signals are there.
+    auto finish = [this, flowName, customSignals, callback, method, signals] {
+      AccelerometerSensor& sensor = accelerometerSensor();
+      {
+        std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+        sensor.removeOpenRequest();
+        sensor.maybeStopAccelerometer();
+      }
+      auto context = Context::create(*this, *signals, flowName, customSignals, method, {});
+      if (callback) callback(context);
+    };
+    SignalList motion = sensor.allSignals(duration, logAdditional);
+    if (AccelerometerSensor::hasValidAccelerometerData(motion)) {
+      appendAll(*signals, motion);
+      appendAll(*signals, allDefaultSignals());
+      platform_.executors->mainQueue()->async(finish);
+      return;
+    }
+    auto call = std::make_shared<PendingFetchContextCall>();
+    call->flowName = flowName;
+    call->durationToUse = duration;
+    call->logAdditionalAccelData = logAdditional;
+    call->callback = [this, signals, finish](SignalList motionSignals) {
+      appendAll(*signals, motionSignals);
+      appendAll(*signals, allDefaultSignals());
+      platform_.executors->mainQueue()->async(finish);
+    };
+    sensor.requestCallback(duration, std::move(call));
+  });
+}
+
+std::shared_ptr<Context> ContextManager::requestInstantContext(
+    const std::string& flowName, int64_t duration, const CustomSignalList& customSignals,
+    MethodUsed method) noexcept {
+  std::shared_ptr<Context> context;
+  absorbing(platform_, "instantContext", [&] {
+    applyFlowNameRule(flowName, *platform_.log);
+    if (!configuration().enableInstantContext && method != MethodUsed::kFurther10) {
+      platform_.log->error(kInstantContextDisabledMessage);
+    }
+    SignalList signals = requestHead(false, duration);
+    appendAll(signals, allDefaultSignals());
+    if (isSupported_ == ContextManagerIsSupported::kSupported) {
+      const bool logAdditional = method != MethodUsed::kFurther10 && sampleAdditionalRecord(*this);
+      appendAll(signals, accelerometerSensor().allSignals(duration, logAdditional));
+    }
+    context = Context::create(*this, std::move(signals), flowName, customSignals, method, {});
+  });
+  return context;
+}
+
+void ContextManager::requestOptimize(const std::string& flowName, std::optional<int64_t> maxDelay,
+                                     const CustomSignalList& customSignals,
+                                     ContextCallback callback) noexcept {
+  absorbing(platform_, "optimize", [&] {
+    const CustomModelInfo info = coreMLModelManager().getModelInfoForFlow(flowName);
+    const bool hasModel =
+        dynamic_cast<const CoreMLModelExecutionInformation*>(info.executionInformation.get());
+    if (!hasModel) {
+      const int64_t delay = maxDelay.value_or(kDefaultDelaySeconds);
+      if (delay < 1) {
+        auto context = requestInstantContext(flowName, kDefaultDelaySeconds, customSignals,
+                                             MethodUsed::kOptimize);
+        onMain(*this, [callback, context] {
+          if (callback) callback(context);
+        });
+      } else {
+        requestFetchContext(flowName, delay, customSignals, callback, MethodUsed::kOptimize);
+      }
+      return;
+    }
+    // The flow's own model decides: a "no" is logged at once, before the host sees it.
+    ContextCallback answer = [callback](std::shared_ptr<Context> context) {
+      if (context && !context->shouldUpsell()) {
+        context->logWithArbitraryOutcome(Context::kAutomaticNegativeOutcome, EventType::kOutcome);
+      }
+      if (callback) callback(context);
+    };
+    const int64_t needed = info.supportedDuration;
+    bool instant = info.useInstantContext;
+    if (!instant && maxDelay && *maxDelay < needed) {
+      char line[1024];
+      std::snprintf(line, sizeof line,
+                    "[Orvane] You are using a custom model for \"%s\" requiring %llds of data "
+                    "while supplying a lower maxDelay value of %llds. Please make sure to call "
+                    ".optimize() with the correct maxDelay value.",
+                    flowName.c_str(), static_cast<long long>(needed),
+                    static_cast<long long>(*maxDelay));
+      platform_.log->error(line);
+      instant = true;
+    }
+    if (instant) {
+      auto context = requestInstantContext(flowName, needed, customSignals, MethodUsed::kOptimize);
+      onMain(*this, [answer, context] { answer(context); });
+    } else {
+      requestFetchContext(flowName, needed, customSignals, answer, MethodUsed::kOptimize);
+    }
+  });
+}
+
+void ContextManager::requestCalibrate(const std::string& flowName, int64_t maxDelay,
+                                      const CustomSignalList& customSignals,
+                                      ContextCallback callback) noexcept {
+  absorbing(platform_, "calibrate", [&] {
+    ContextCallback answer = [this, callback](std::shared_ptr<Context> context) {
+      if (context && context->modelInfo().executionInformation) {
+        platform_.log->error(
+            "[Orvane] You're using the `calibrate` method for a flow for which you already have a "
+            "custom model for. To act on the recommendations of your custom model, update your "
+            "call to:\n\n");
+        platform_.log->error("ContextManager.optimize(customModel: .[yourModelNameHere], ...)");
+      }
+      if (callback) callback(context);
+    };
+    if (maxDelay < 1) {
+      auto context = requestInstantContext(flowName, kDefaultDelaySeconds, customSignals,
+                                           MethodUsed::kCalibrate);
+      onMain(*this, [answer, context] { answer(context); });
+    } else {
+      requestFetchContext(flowName, maxDelay, customSignals, answer, MethodUsed::kCalibrate);
+    }
+  });
+}
+
+void ContextManager::cancelContextCallbackFor(const std::string& flowName) noexcept {
+  absorbing(platform_, "cancelContextCallback", [&] {
+    AccelerometerSensor& sensor = accelerometerSensor();
+    const int64_t dropped = sensor.cancelCallbackForFlow(flowName);
+    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
+    for (int64_t i = 0; i < dropped; ++i) sensor.removeOpenRequest();
+    if (dropped > 0) sensor.maybeStopAccelerometer();
+  });
+}
+
+// ---- Static forms -------------------------------------------------------------------------
+
+void ContextManager::fetchContext(const std::string& flowName, int64_t duration,
+                                  const CustomSignalList& customSignals,
+                                  ContextCallback callback) noexcept {
+  ContextManager& manager = shared();
+  manager.appLaunchSignals_->didUserTriggerOrvane();
+  manager.requestFetchContext(flowName, duration, customSignals, std::move(callback),
+                              MethodUsed::kFetchContext);
+}
+
+std::shared_ptr<Context> ContextManager::instantContext(
+    const std::string& flowName, int64_t duration, const CustomSignalList& customSignals) noexcept {
+  ContextManager& manager = shared();
+  manager.appLaunchSignals_->didUserTriggerOrvane();
+  return manager.requestInstantContext(flowName, duration, customSignals,
+                                       MethodUsed::kInstantContext);
+}
+
+void ContextManager::optimize(const std::string& flowName, std::optional<int64_t> maxDelay,
+                              const CustomSignalList& customSignals,
+                              ContextCallback callback) noexcept {
+  ContextManager& manager = shared();
+  manager.appLaunchSignals_->didUserTriggerOrvane();
+  manager.requestOptimize(flowName, maxDelay, customSignals, std::move(callback));
+}
+
+void ContextManager::calibrate(const std::string& flowName, int64_t maxDelay,
+                               const CustomSignalList& customSignals,
+                               ContextCallback callback) noexcept {
+  ContextManager& manager = shared();
+  manager.appLaunchSignals_->didUserTriggerOrvane();
+  manager.requestCalibrate(flowName, maxDelay, customSignals, std::move(callback));
+}
+
+std::shared_ptr<Context> ContextManager::recentContext(const std::string& flowName) noexcept {
+  std::shared_ptr<Context> context;
+  ContextManager& manager = shared();
+  absorbing(manager.platform_, "recentContext",
+            [&] { context = manager.recentContextForFlow(flowName); });
+  return context;
+}
+
+void ContextManager::cancelContextCallback(const std::string& flowName) noexcept {
+  shared().cancelContextCallbackFor(flowName);
+}
+
+}  // namespace orvane

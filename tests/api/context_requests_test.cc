@@ -1,0 +1,112 @@
+// The request forms through a manager with a hand-driven motion device and a test main queue.
+#include <gtest/gtest.h>
+
+#include "motion/AccelerometerSensor.h"
+#include "orvane/Context.h"
+#include "orvane/ContextManager.h"
+#include "testutil/FakePlatform.h"
+
+namespace orvane {
+namespace {
+
+std::optional<int64_t> intOf(const SignalList& signals, uint16_t id) {
+  for (const Signal& s : signals) {
+    if (s.id().rawValue() == id) {
+      if (const auto* v = std::get_if<int64_t>(&s.value())) return *v;
+    }
+  }
+  return std::nullopt;
+}
+
+class RequestsTest : public ::testing::Test {
+ protected:
+  RequestsTest() {
+    Configuration configuration;
+    configuration.enableInstantContext = false;  // sample only while a request waits
+    manager.setupWith(
+        "KEY-0123456789abcdef", [](std::shared_ptr<Log>) {}, std::nullopt, configuration);
+    fake.application->becomeActive();
+    fake.drain();
+  }
+  // Samples at 100 Hz; each is delivered, and what it posts runs, before the next.
+  void feed(size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+      DeviceMotion motion;
+      motion.userAcceleration = {0.02 * static_cast<double>(i % 5), 0.01, 0};
+      motion.gravity = {0, 0, -1};
+      fake.motion->push(motion);
+      fake.advance(0.01);
+    }
+  }
+  ContextManager::ContextCallback record() {
+    return [this](std::shared_ptr<Context> c) {
+      onMain.push_back(fake.executors->mainQueue()->isCurrent());
+      answered.push_back(std::move(c));
+    };
+  }
+
+  testing::FakePlatform fake;
+  ContextManager manager{fake.platform, ContextManagerIsSupported::kSupported};
+  std::vector<std::shared_ptr<Context>> answered;
+  std::vector<bool> onMain;
+};
+
+TEST_F(RequestsTest, FetchWaitsForItsWindowThenIsServedAtOnce) {
+  manager.requestFetchContext("paywall", 3, {}, record(), MethodUsed::kFetchContext);
+  fake.drain();
+  EXPECT_TRUE(answered.empty());
+  EXPECT_TRUE(manager.accelerometerSensor().isSampling());
+  feed(150);
+  EXPECT_TRUE(answered.empty());  // half a window
+  feed(200);
+  ASSERT_EQ(answered.size(), 1u);
+  EXPECT_TRUE(onMain[0]);
+  const SignalList signals = answered[0]->signals();
+  EXPECT_EQ(intOf(signals, 191), 3);
+  EXPECT_EQ(intOf(signals, 25), 2);
+  EXPECT_GE(intOf(signals, 106).value_or(0), 300);           // samples in the window
+  EXPECT_FALSE(manager.accelerometerSensor().isSampling());  // nothing waits any more
+
+  // While a longer request keeps the sensor sampling, a short one is served from the buffer.
+  manager.requestFetchContext("home", 10, {}, record(), MethodUsed::kFetchContext);
+  feed(150);
+  manager.requestFetchContext("paywall", 1, {}, record(), MethodUsed::kFetchContext);
+  fake.drain();
+  ASSERT_EQ(answered.size(), 2u);
+  EXPECT_EQ(answered[1]->flowName(), "paywall");
+}
+
+TEST_F(RequestsTest, CancelDropsWaitingCallbacksAndReleasesTheSensor) {
+  manager.requestFetchContext("home", 3, {}, record(), MethodUsed::kFetchContext);
+  manager.requestFetchContext("home", 5, {}, record(), MethodUsed::kFetchContext);
+  fake.drain();
+  EXPECT_TRUE(manager.accelerometerSensor().isSampling());
+  manager.cancelContextCallbackFor("home");
+  feed(600);
+  EXPECT_TRUE(answered.empty());
+  EXPECT_FALSE(manager.accelerometerSensor().isSampling());
+}
+
+TEST_F(RequestsTest, InstantOptimizeAndCalibrateForms) {
+  auto instant =
+      manager.requestInstantContext(std::string(501, 'x'), 3, {}, MethodUsed::kInstantContext);
+  ASSERT_TRUE(instant);
+  EXPECT_EQ(fake.log->countContaining("exceeds the maximum allowed length of 500 characters"), 1u);
+  EXPECT_EQ(fake.log->countContaining("requires instant context to be enabled"), 1u);
+
+  // A zero delay is instant, and from the main queue the callback runs before optimize returns.
+  fake.executors->mainQueue()->sync(
+      [&] { manager.requestOptimize("flow", int64_t{0}, {}, record()); });
+  ASSERT_EQ(answered.size(), 1u);
+  EXPECT_EQ(intOf(answered[0]->signals(), 191), 3);
+  EXPECT_EQ(intOf(answered[0]->signals(), 25), 4);
+
+  manager.requestCalibrate("flow", 0, {}, record());
+  fake.drain();
+  ASSERT_EQ(answered.size(), 2u);
+  EXPECT_EQ(intOf(answered[1]->signals(), 25), 3);
+  EXPECT_EQ(manager.recentContextForFlow("flow"), answered[1]);
+}
+
+}  // namespace
+}  // namespace orvane
