@@ -28,6 +28,9 @@ class CoreMLModelManager;
 class Context;
 class FlowTimingSignalsGenerator;
 class GeoIPSignalGenerator;
+class InternetSignalsGenerator;
+class OutputSignalsGenerator;
+class PushSettingsSignalGenerator;
 class ModelExecutor;
 class TimingCoordinator;
 class PeriodicContextEvaluator;
@@ -211,6 +214,11 @@ class ContextManager {
   GeoIPSignalGenerator& geoIPSignalGenerator();
   FlowTimingSignalsGenerator& flowTimingSignalsGenerator() { return *flowTimingSignals_; }
   StaticSignalsGenerator& staticSignalsGenerator();
+  // Made with the manager: its monitors report asynchronously, and a path must be known by
+  // the first request.
+  InternetSignalsGenerator& internetSignalsGenerator() { return *internetSignals_; }
+  OutputSignalsGenerator& outputSignalsGenerator();
+  PushSettingsSignalGenerator& pushSettingsSignalGenerator();
 
   // ---- Recent contexts -----------------------------------------------------------------------
   // The flow's most recently created context, marked as handed out again; none if there is
@@ -245,6 +253,7 @@ class ContextManager {
   std::unique_ptr<AppLaunchSignalsGenerator> appLaunchSignals_;
   std::unique_ptr<AppLaunchReasonSignalsGenerator> launchReason_;
   std::unique_ptr<FlowTimingSignalsGenerator> flowTimingSignals_;
+  std::unique_ptr<InternetSignalsGenerator> internetSignals_;
   ContextManagerIsSupported isSupported_;
   int observerToken_ = 0;
 
@@ -278,6 +287,8 @@ class ContextManager {
   Lazy<ModelExecutor> modelExecutor_;
   Lazy<GeoIPSignalGenerator> geoIPSignals_;
   Lazy<StaticSignalsGenerator> staticSignals_;
+  Lazy<OutputSignalsGenerator> outputSignals_;
+  Lazy<PushSettingsSignalGenerator> pushSettings_;
 
   std::mutex recentContextsMutex_;
   RecentContexts recentContexts_;

@@ -10,6 +10,9 @@
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "generators/GeoIPSignalGenerator.h"
+#include "generators/InternetSignalsGenerator.h"
+#include "generators/OutputSignalsGenerator.h"
+#include "generators/PushSettingsSignalGenerator.h"
 #include "generators/StaticSignalsGenerator.h"
 #include "logging/AES.h"
 #include "logging/LogEncoder.h"
@@ -80,6 +83,8 @@ ContextManager::ContextManager(Platform platform,
       appLaunchSignals_(std::make_unique<AppLaunchSignalsGenerator>(dateProvider_, defaults_)),
       launchReason_(std::make_unique<AppLaunchReasonSignalsGenerator>()),
       flowTimingSignals_(std::make_unique<FlowTimingSignalsGenerator>(dateProvider_, defaults_)),
+      internetSignals_(
+          std::make_unique<InternetSignalsGenerator>(platform_.network, *platform_.executors)),
       serviceBaseURL_(initialServiceBaseURL()),
       currentLogSender_([](const std::shared_ptr<Log>& log) {
         if (log) log->send();
@@ -227,6 +232,27 @@ StaticSignalsGenerator& ContextManager::staticSignalsGenerator() {
   });
 }
 
+OutputSignalsGenerator& ContextManager::outputSignalsGenerator() {
+  return lazily(outputSignals_.once, outputSignals_.value, [this] {
+    OutputSignalsGenerator::Dependencies deps;
+    deps.device = platform_.device;
+    deps.application = platform_.application;
+    deps.mainQueue = platform_.executors->mainQueue();
+    deps.sessionSeconds = [this]() -> std::optional<double> {
+      if (!configuration().enableSessionDurationMonitoring) return std::nullopt;
+      return dateProvider_->currentDate().secondsSince1970 -
+             currentSessionStarted().secondsSince1970;
+    };
+    return std::make_unique<OutputSignalsGenerator>(std::move(deps));
+  });
+}
+
+PushSettingsSignalGenerator& ContextManager::pushSettingsSignalGenerator() {
+  return lazily(pushSettings_.once, pushSettings_.value, [this] {
+    return std::make_unique<PushSettingsSignalGenerator>(platform_.notifications);
+  });
+}
+
 std::shared_ptr<Context> ContextManager::recentContextForFlow(const std::string& flowName) {
   auto context = withRecentContexts([&](RecentContexts& recent) -> std::shared_ptr<Context> {
     auto it = recent.find(flowName);
@@ -369,6 +395,7 @@ void ContextManager::becomeActiveHandling() {
     currentSessionId_ = makeUUIDString(*platform_.random);
   }
   launchReason_->appDidBecomeActive();
+  pushSettingsSignalGenerator().refreshPushSettings();
   {
     AccelerometerSensor& sensor = accelerometerSensor();
     std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());

@@ -8,6 +8,7 @@
 #include "config/ServerPayload.h"
 #include "generators/AppInstallationEnvironmentHelper.h"
 #include "generators/GeoIPSignalGenerator.h"
+#include "generators/InternetSignalsGenerator.h"
 #include "logging/AnyEncodable.h"
 #include "logging/OrvaneErrorReporting.h"
 #include "models/CoreMLModelManager.h"
@@ -306,7 +307,10 @@ bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response
 void OrvaneLogSender::applyServerPayload(const ServerPayload& payload) {
   owner_.geoIPSignalGenerator().updateGeoIPData(payload.geoIpData);
   if (!payload.updateData) return;
-  owner_.coreMLModelManager().applyModelUpdates(payload.updateData);
+  // Model files are large: in low-data mode they wait for a later answer.
+  if (owner_.internetSignalsGenerator().isConstrained() != true) {
+    owner_.coreMLModelManager().applyModelUpdates(payload.updateData);
+  }
   owner_.timingCoordinator().applyLatestConfiguration(payload.updateData->modelInfoPerFlow);
 }
 

@@ -51,5 +51,11 @@ DeviceOrientation HostDeviceService::orientation() const {
 ScreenInfo HostDeviceService::mainScreen() const {
   return read([](const DeviceFacts& f) { return f.mainScreen; });
 }
+AudioSessionInfo HostDeviceService::audioSession() const {
+  return read([](const DeviceFacts& f) { return f.audioSession; });
+}
+std::optional<int64_t> HostDeviceService::trackingAuthorizationStatus() const {
+  return read([](const DeviceFacts& f) { return f.trackingAuthorizationStatus; });
+}
 
 }  // namespace orvane

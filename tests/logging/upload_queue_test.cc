@@ -207,6 +207,34 @@ TEST_F(UploadQueueTest, AcceptedAnswerAppliesUpdatesOrReportsAnUnreadableBody) {
   EXPECT_EQ(posts().back()["last_ota_update"], 3);
 }
 
+TEST_F(UploadQueueTest, ModelUpdatesWaitWhileTheNetworkIsConstrained) {
+  const std::string payload =
+      nlohmann::json{{"updateData",
+                      {{"version", 4},
+                       {"modelInfoPerFlow",
+                        {{"paywall",
+                          {{"isControl", true},
+                           {"randomUpsellChance", 0.5},
+                           {"supportedDuration", 3},
+                           {"useInstantContext", false},
+                           {"timingConfiguration",
+                            {{"atMostOncePer", {{"unit", "hours"}, {"value", 1}}}}}}}}}}}}
+          .dump();
+  fake.network->setPath(NetworkInterfaceKind::kAny, {true, true, false});
+  fake.drain();
+  http->script({status(200, payload)});
+  trigger(UploadQueueKind::kMain, true);
+  EXPECT_EQ(manager->userDefaultsProvider()->integer("ota_last_applied_version"), std::nullopt);
+  EXPECT_TRUE(  // the small rules still apply
+      manager->timingCoordinator().currentConfiguration().flowConfigurations.count("paywall"));
+
+  fake.network->setPath(NetworkInterfaceKind::kAny, {true, false, false});
+  fake.drain();
+  http->script({status(200, payload)});
+  trigger(UploadQueueKind::kMain, true);
+  EXPECT_EQ(manager->userDefaultsProvider()->integer("ota_last_applied_version"), 4);
+}
+
 TEST(UploadQueueWithoutStoreTest, EveryOperationReportsAndNothingBreaks) {
   testing::FakePlatform fake;
   fake.platform.keyValueStores = testing::makeUnavailableKeyValueStoreProvider();

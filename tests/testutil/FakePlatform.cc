@@ -263,7 +263,9 @@ FakePlatform::FakePlatform()
       random(std::make_shared<FakeRandomSource>()),
       log(std::make_shared<CapturingLog>()),
       executors(std::make_shared<ManualExecutors>(clock)),
-      motion(std::make_shared<ManualMotionService>(clock)) {
+      motion(std::make_shared<ManualMotionService>(clock)),
+      network(std::make_shared<HostNetworkPathService>()),
+      notifications(std::make_shared<HostNotificationSettingsService>()) {
   application =
       std::make_shared<HostApplicationService>(executors->mainQueue(), ApplicationState::kInactive);
   platform.clock = clock;
@@ -276,6 +278,8 @@ FakePlatform::FakePlatform()
   platform.crypto = makeOpenSslCrypto();
   platform.application = application;
   platform.motion = motion;
+  platform.network = network;
+  platform.notifications = notifications;
   DeviceFacts facts;
   facts.machineIdentifier = "iPhone15,2";
   facts.modelName = "iPhone";

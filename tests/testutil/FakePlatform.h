@@ -154,6 +154,9 @@ struct FakePlatform {
   std::shared_ptr<HostDeviceService> device;
   // Motion updates come only when a test pushes them.
   std::shared_ptr<ManualMotionService> motion;
+  // No path and no notification settings until a test states them.
+  std::shared_ptr<HostNetworkPathService> network;
+  std::shared_ptr<HostNotificationSettingsService> notifications;
   // Moves the clock and drains every queue.
   void advance(double seconds);
   size_t drain() { return executors->runUntilIdle(); }

@@ -67,6 +67,14 @@ struct ScreenInfo {
   bool operator==(const ScreenInfo&) const = default;
 };
 
+// Hints of the shared audio session.
+struct AudioSessionInfo {
+  std::optional<bool> isOtherAudioPlaying;
+  std::optional<bool> secondaryAudioShouldBeSilencedHint;
+  std::optional<bool> allowHapticsAndSystemSoundsDuringRecording;
+  bool operator==(const AudioSessionInfo&) const = default;
+};
+
 class DeviceService {
  public:
   virtual ~DeviceService() = default;
@@ -88,6 +96,10 @@ class DeviceService {
   virtual std::optional<ThermalState> thermalState() const = 0;
   virtual DeviceOrientation orientation() const = 0;
   virtual ScreenInfo mainScreen() const = 0;
+  virtual AudioSessionInfo audioSession() const = 0;
+  // The app's tracking authorisation (0 not determined, 1 restricted, 2 denied,
+  // 3 authorized).
+  virtual std::optional<int64_t> trackingAuthorizationStatus() const = 0;
 };
 
 // Everything a host can state about its device.
@@ -106,6 +118,8 @@ struct DeviceFacts {
   std::optional<ThermalState> thermalState;
   DeviceOrientation orientation = DeviceOrientation::kUnknown;
   ScreenInfo mainScreen;
+  AudioSessionInfo audioSession;
+  std::optional<int64_t> trackingAuthorizationStatus;
 };
 
 // A device described entirely by its host; safe to update from any thread.
@@ -129,6 +143,8 @@ class HostDeviceService : public DeviceService {
   std::optional<ThermalState> thermalState() const override;
   DeviceOrientation orientation() const override;
   ScreenInfo mainScreen() const override;
+  AudioSessionInfo audioSession() const override;
+  std::optional<int64_t> trackingAuthorizationStatus() const override;
 
  protected:
   template <typename Fn>

@@ -17,6 +17,8 @@
 #include "orvane/platform/KeyValueStore.h"
 #include "orvane/platform/ModelRuntime.h"
 #include "orvane/platform/MotionService.h"
+#include "orvane/platform/NetworkPathService.h"
+#include "orvane/platform/NotificationSettingsService.h"
 #include "orvane/platform/RandomSource.h"
 #include "orvane/platform/SystemLog.h"
 
@@ -35,11 +37,15 @@ struct Platform {
   std::shared_ptr<ApplicationService> application;
   std::shared_ptr<MotionService> motion;
   std::shared_ptr<DeviceService> device;
+  std::shared_ptr<NetworkPathService> network;
+  std::shared_ptr<NotificationSettingsService> notifications;
   std::shared_ptr<ModelRuntime> modelRuntime;
   BundleInfo bundle;
 
   // The Linux platform. Data lives in $ORVANE_DATA_DIR, else $XDG_DATA_HOME/orvane, else
-  // ~/.local/share/orvane. Motion is replayed (see setDefaultMotionTrace).
+  // ~/.local/share/orvane. Motion is replayed (see setDefaultMotionTrace). The network is a
+  // LinuxNetworkPathService (the host states low-data mode and metered links through it) and
+  // the notification settings a HostNotificationSettingsService.
   static Platform defaultPlatform();
   static std::string defaultDataDirectory();
   // The motion-trace file that default platforms made from now on replay; an empty path

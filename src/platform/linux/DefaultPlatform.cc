@@ -75,6 +75,8 @@ Platform Platform::defaultPlatform() {
   platform.modelRuntime = makePortableModelRuntime();
   platform.motion = makeDefaultMotionService(platform.clock, *platform.log);
   platform.device = makeLinuxDeviceService();
+  platform.network = makeLinuxNetworkPathService(platform.executors);
+  platform.notifications = std::make_shared<HostNotificationSettingsService>();
   platform.bundle.bundleIdentifier = environment("ORVANE_BUNDLE_ID");
   platform.bundle.sdkResourceDirectory = "";
   return platform;
