@@ -13,6 +13,7 @@
 
 #include "orvane/CustomSignal.h"
 #include "orvane/PlistValue.h"
+#include "orvane/Revenue.h"
 #include "orvane/Signal.h"
 
 namespace orvane {
@@ -98,6 +99,24 @@ class Context : public std::enable_shared_from_this<Context> {
   // Entries replace earlier entries of the same id and go to the end, in the given order.
   void appendOutcomeMetadata(const CustomSignalList& metadata) noexcept;
 
+  // Revenue forms: append the purchase's metadata (replacing earlier entries of the same
+  // keys), then log `outcome` as any outcome is logged. The IfNotLoggedYet forms do neither
+  // once an outcome has been logged.
+  void logRevenueOutcome(const StoreKit2Product& product, EventOutcome outcome) noexcept;
+  void logRevenueOutcome(const RevenueEvent& event, EventOutcome outcome) noexcept;
+  void logStoreKit1RevenueOutcome(const StoreKit1Product& product, EventOutcome outcome) noexcept;
+  void logStoreKit1RevenueOutcome(const StoreKit1Transaction& transaction,
+                                  const std::optional<StoreKit1Product>& product,
+                                  EventOutcome outcome) noexcept;
+  void logRevenueOutcomeIfNotLoggedYet(const StoreKit2Product& product,
+                                       EventOutcome outcome) noexcept;
+  void logRevenueOutcomeIfNotLoggedYet(const RevenueEvent& event, EventOutcome outcome) noexcept;
+  void logStoreKit1RevenueOutcomeIfNotLoggedYet(const StoreKit1Product& product,
+                                                EventOutcome outcome) noexcept;
+  void logStoreKit1RevenueOutcomeIfNotLoggedYet(const StoreKit1Transaction& transaction,
+                                                const std::optional<StoreKit1Product>& product,
+                                                EventOutcome outcome) noexcept;
+
   // ---- For the SDK's own paths -----------------------------------------------------------
   // Sends a record with any outcome number and event type.
   void logWithArbitraryOutcome(int outcome, EventType eventType) noexcept;
@@ -129,6 +148,9 @@ class Context : public std::enable_shared_from_this<Context> {
   // Observer contexts refuse a skipped outcome (logged).
   bool refusesSkipped(EventOutcome outcome) const;
   void logOutcome(int outcome, EventType eventType, bool onlyIfNotLogged) noexcept;
+  // Builds the metadata (only when it will be used) and logs it with `outcome`.
+  template <typename MakeMetadata>
+  void logRevenue(MakeMetadata&& makeMetadata, EventOutcome outcome, bool onlyIfNotLogged) noexcept;
   // Replaces the per-log signals and builds the record. Null with `failure` set when the
   // record cannot be encoded; null alone when `onlyIfNotLogged` and an outcome was logged.
   std::shared_ptr<Log> createLog(int outcome, EventType eventType, bool onlyIfNotLogged,

@@ -8,6 +8,7 @@
 #include "models/ModelExecutor.h"
 #include "orvane/ContextManager.h"
 #include "orvane/Log.h"
+#include "revenue/StoreKitRevenueTracker.h"
 #include "signals/SignalsManager.h"
 #include "timing/FlowTimingSignalsGenerator.h"
 #include "timing/TimingCoordinator.h"
@@ -331,6 +332,95 @@ void Context::appendOutcomeMetadata(const CustomSignalList& metadata) noexcept {
                   [&](const CustomSignal& existing) { return existing.id() == entry.id(); });
   }
   outcomeMetadata_.insert(outcomeMetadata_.end(), metadata.begin(), metadata.end());
+}
+
+// ---- Revenue ------------------------------------------------------------------------------
+
+template <typename MakeMetadata>
+void Context::logRevenue(MakeMetadata&& makeMetadata, EventOutcome outcome,
+                         bool onlyIfNotLogged) noexcept {
+  if (onlyIfNotLogged && alreadyLogged()) return;
+  try {
+    appendOutcomeMetadata(makeMetadata(StoreEnvironment::of(owner_.platform())));
+  } catch (const std::exception& e) {
+    owner_.platform().log->error(std::string("[Orvane] Internal error in revenue logging: ") +
+                                 e.what());
+    return;
+  } catch (...) {
+    owner_.platform().log->error("[Orvane] Internal error in revenue logging");
+    return;
+  }
+  if (onlyIfNotLogged) {
+    logIfNotLoggedYet(outcome);
+  } else {
+    log(outcome);
+  }
+}
+
+void Context::logRevenueOutcome(const StoreKit2Product& product, EventOutcome outcome) noexcept {
+  logRevenue(
+      [&](const StoreEnvironment& environment) {
+        return StoreKitRevenueTracker::extractStoreKit2ProductMetadata(product, environment);
+      },
+      outcome, false);
+}
+
+void Context::logRevenueOutcome(const RevenueEvent& event, EventOutcome outcome) noexcept {
+  logRevenue([&](const StoreEnvironment&) { return event.metadata(); }, outcome, false);
+}
+
+void Context::logStoreKit1RevenueOutcome(const StoreKit1Product& product,
+                                         EventOutcome outcome) noexcept {
+  logRevenue(
+      [&](const StoreEnvironment& environment) {
+        return StoreKitRevenueTracker::extractStoreKit1ProductMetadata(product, environment);
+      },
+      outcome, false);
+}
+
+void Context::logStoreKit1RevenueOutcome(const StoreKit1Transaction& transaction,
+                                         const std::optional<StoreKit1Product>& product,
+                                         EventOutcome outcome) noexcept {
+  logRevenue(
+      [&](const StoreEnvironment& environment) {
+        return StoreKitRevenueTracker::extractStoreKit1TransactionMetadata(transaction, product,
+                                                                           environment);
+      },
+      outcome, false);
+}
+
+void Context::logRevenueOutcomeIfNotLoggedYet(const StoreKit2Product& product,
+                                              EventOutcome outcome) noexcept {
+  logRevenue(
+      [&](const StoreEnvironment& environment) {
+        return StoreKitRevenueTracker::extractStoreKit2ProductMetadata(product, environment);
+      },
+      outcome, true);
+}
+
+void Context::logRevenueOutcomeIfNotLoggedYet(const RevenueEvent& event,
+                                              EventOutcome outcome) noexcept {
+  logRevenue([&](const StoreEnvironment&) { return event.metadata(); }, outcome, true);
+}
+
+void Context::logStoreKit1RevenueOutcomeIfNotLoggedYet(const StoreKit1Product& product,
+                                                       EventOutcome outcome) noexcept {
+  logRevenue(
+      [&](const StoreEnvironment& environment) {
+        return StoreKitRevenueTracker::extractStoreKit1ProductMetadata(product, environment);
+      },
+      outcome, true);
+}
+
+void Context::logStoreKit1RevenueOutcomeIfNotLoggedYet(
+    const StoreKit1Transaction& transaction, const std::optional<StoreKit1Product>& product,
+    EventOutcome outcome) noexcept {
+  logRevenue(
+      [&](const StoreEnvironment& environment) {
+        return StoreKitRevenueTracker::extractStoreKit1TransactionMetadata(transaction, product,
+                                                                           environment);
+      },
+      outcome, true);
 }
 
 SignalList Context::signals() const {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
 
 #include "models/CoreMLModelManager.h"
@@ -7,6 +8,7 @@
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
 #include "orvane/Log.h"
+#include "orvane/Revenue.h"
 #include "testutil/FakePlatform.h"
 #include "timing/TimingCoordinator.h"
 #include "util/LogDateFormat.h"
@@ -275,6 +277,79 @@ TEST_F(ContextTest, ConcurrentLogsAreEachDeliveredOnceOnTheMainQueue) {
   for (const auto& r : records) {
     EXPECT_EQ(countOf(r->signals(), 8), 1u);
     EXPECT_EQ(valueOf<int64_t>(r->signals(), 3), 1);
+  }
+}
+
+TEST_F(ContextTest, RevenueFormsLogOneOutcomeWithTheirMetadata) {
+  auto context = create();
+  fake.clock->advance(1);
+  sent();
+  context->appendOutcomeMetadata({CustomSignalInt("ctx_revenue", 1), CustomSignalInt("plan", 2)});
+  const RevenueEvent tip(RevenueSource::kTip, *Decimal::parse("2.5"), Currency::kUsd);
+  context->logRevenueOutcome(tip, EventOutcome::kPositiveConverted);
+  auto records = sent();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(valueOf<int64_t>(records[0]->signals(), 23), 2);  // an ordinary outcome log
+  EXPECT_EQ(valueOf<int64_t>(records[0]->signals(), 3), 3);
+  CustomSignalList expected{CustomSignalInt("plan", 2)};  // the earlier revenue entry replaced
+  for (const CustomSignal& s : tip.metadata()) expected.push_back(s);
+  EXPECT_EQ(records[0]->outcomeMetadata(), expected);
+
+  // The store's metadata reads the device: the price locale's currency before version 16.
+  fake.device->update([](DeviceFacts& f) { f.systemVersion = "15.7.1"; });
+  StoreKit2Product product;
+  product.price = Decimal(5);
+  product.priceFormatCurrencyCode = "GBP";
+  product.priceLocaleCurrencyCode = "CHF";
+  context->logRevenueOutcome(product, EventOutcome::kPositive);
+  records = sent();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0]->outcomeMetadata(),
+            (CustomSignalList{CustomSignalInt("plan", 2), CustomSignalDecimal("ctx_revenue", 5),
+                              CustomSignalString("ctx_currency", "CHF"),
+                              CustomSignalString("ctx_revenue_source", "in_app_purchase"),
+                              CustomSignalBool("ctx_is_family_shareable", false),
+                              CustomSignalString("ctx_recurrence", "one_time_purchase"),
+                              CustomSignalBool("ctx_is_sandbox_environment", false)}));
+}
+
+TEST_F(ContextTest, RevenueTwinsLogOnlyTheFirstOutcome) {
+  const StoreKit1Product product{Decimal(3), "EUR", false, std::nullopt, std::nullopt};
+  const StoreKit1Transaction transaction{StoreKit1TransactionState::kPurchased, std::nullopt};
+  const std::function<void(Context&)> twins[] = {
+      [](Context& c) {
+        c.logRevenueOutcomeIfNotLoggedYet(RevenueEvent(RevenueSource::kDonation, 1, Currency::kEur),
+                                          EventOutcome::kPositive);
+      },
+      [](Context& c) {
+        c.logRevenueOutcomeIfNotLoggedYet(StoreKit2Product{}, EventOutcome::kPositive);
+      },
+      [&](Context& c) {
+        c.logStoreKit1RevenueOutcomeIfNotLoggedYet(product, EventOutcome::kPositive);
+      },
+      [&](Context& c) {
+        c.logStoreKit1RevenueOutcomeIfNotLoggedYet(transaction, std::nullopt,
+                                                   EventOutcome::kPositive);
+      },
+  };
+  for (const auto& twin : twins) {
+    auto context = create();
+    fake.clock->advance(1);
+    sent();
+    twin(*context);  // only the creation log so far
+    auto records = sent();
+    ASSERT_EQ(records.size(), 1u);
+    const CustomSignalList metadata = context->outcomeMetadata();
+    EXPECT_FALSE(metadata.empty());
+    EXPECT_EQ(records[0]->outcomeMetadata(), metadata);
+
+    context->log(EventOutcome::kNegative);
+    sent();
+    context->appendOutcomeMetadata({CustomSignalInt("marker", 1)});
+    const CustomSignalList before = context->outcomeMetadata();
+    twin(*context);
+    EXPECT_TRUE(sent().empty());
+    EXPECT_EQ(context->outcomeMetadata(), before);  // nothing appended either
   }
 }
 
