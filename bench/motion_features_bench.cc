@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "motion/features/AccelFeatureExtraction.h"
+#include "motion/features/FourierTransform.h"
 #include "motion/features/MotionSeries.h"
-#include "motion/features/Spectrum.h"
-#include "testutil/DirectSpectrum.h"
+#include "testutil/DirectFourierTransform.h"
 
 namespace orvane {
 namespace {

@@ -46,8 +46,8 @@ TEST_F(GeoIPTest, EstimateIsReportedInOrderAndSurvivesARestart) {
   EXPECT_EQ(signals[3], SignalFloat(SignalEnum::id(603), 52.5f));
   EXPECT_EQ(signals.back(), SignalFloat(SignalEnum::id(605), 90.0f));
   // Stored as the platform encoder writes dates: seconds since 2001.
-  auto stored = nlohmann::json::parse(defaults->data("gip_latest_data")->begin(),
-                                      defaults->data("gip_latest_data")->end());
+  const Bytes bytes = *defaults->data("gip_latest_data");
+  auto stored = nlohmann::json::parse(bytes.begin(), bytes.end());
   EXPECT_DOUBLE_EQ(stored["lastUpdated"].get<double>(), 1.7e9 - 978307200.0);
   EXPECT_EQ(stored["estimatedCityId"], 7);
 }

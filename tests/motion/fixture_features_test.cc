@@ -12,11 +12,11 @@
 #include <nlohmann/json.hpp>
 
 #include "motion/MotionTrace.h"
+#include "motion/features/FourierTransform.h"
 #include "motion/features/FrequencyFeatures.h"
 #include "motion/features/MotionSeries.h"
-#include "motion/features/Spectrum.h"
 #include "motion/motion_test_support.h"
-#include "testutil/DirectSpectrum.h"
+#include "testutil/DirectFourierTransform.h"
 
 namespace orvane {
 namespace {

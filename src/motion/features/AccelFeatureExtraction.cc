@@ -6,10 +6,10 @@
 
 #include "motion/features/AxisFeatures.h"
 #include "motion/features/EntropyFeatures.h"
+#include "motion/features/FourierTransform.h"
 #include "motion/features/FrequencyFeatures.h"
 #include "motion/features/InstantFeatures.h"
 #include "motion/features/JerkFeatures.h"
-#include "motion/features/Spectrum.h"
 #include "motion/features/StatisticalFeatures.h"
 
 namespace orvane {

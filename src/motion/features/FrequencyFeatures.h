@@ -1,5 +1,5 @@
 // File: FrequencyFeatures.h
-// What the frequency features read from a magnitude spectrum (see Spectrum.h): dominant
+// What the frequency features read from a magnitude spectrum (see FourierTransform.h): dominant
 // frequency, peak, total energy, spectral entropy, centroid, roll-off and three band energies.
 // Each answers -98 when it cannot be computed; an empty spectrum (a series with a value that
 // is not finite) gives -98 everywhere except peak and total energy, which are 0.

@@ -1,4 +1,4 @@
-// File: DirectSpectrum.h
+// File: DirectFourierTransform.h
 // The textbook discrete Fourier transform of a real series, term by term in index order:
 // the reference that the SDK's FFT must reproduce (tests) and the baseline it is timed
 // against (benchmarks). Quadratic in the length.

@@ -1,4 +1,4 @@
-// File: Spectrum.h
+// File: FourierTransform.h
 // The magnitude spectrum of a motion series, the input of the frequency features.
 #pragma once
 

@@ -9,9 +9,9 @@
 #include <random>
 #include <vector>
 
+#include "motion/features/FourierTransform.h"
 #include "motion/features/FrequencyFeatures.h"
-#include "motion/features/Spectrum.h"
-#include "testutil/DirectSpectrum.h"
+#include "testutil/DirectFourierTransform.h"
 
 namespace orvane::accel_features {
 namespace {

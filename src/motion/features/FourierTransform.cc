@@ -1,6 +1,6 @@
 // The only file that includes Eigen: its FFT header does not coexist with some of the other
 // headers we use (cpp-httplib), so it stays behind computeFFT.
-#include "motion/features/Spectrum.h"
+#include "motion/features/FourierTransform.h"
 
 #include <cmath>
 #include <complex>
