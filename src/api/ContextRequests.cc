@@ -8,6 +8,9 @@
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "generators/GeoIPSignalGenerator.h"
+#include "generators/InternetSignalsGenerator.h"
+#include "generators/OutputSignalsGenerator.h"
+#include "generators/PushSettingsSignalGenerator.h"
 #include "generators/StaticSignalsGenerator.h"
 #include "generators/TimeSignalsGenerator.h"
 #include "models/CoreMLModelManager.h"
@@ -71,13 +74,22 @@ void onMain(ContextManager& manager, Task task) {
 SignalList ContextManager::allDefaultSignals() {
   appLaunchSignals_->updateLastAppWillResignDate();
   SignalList signals;
+  signals.reserve(160);
+  const Configuration options = configuration();
+  if (options.enableAutomaticAppLaunchBehaviourLogging) {
+    appendAll(signals, appLaunchSignals_->appLaunchSignals());
+    appendAll(signals, appLaunchSignals_->appSecondsSignals(currentSessionStarted()));
+  }
   appendAll(signals, staticSignalsGenerator().staticSignals());
+  appendAll(signals, outputSignalsGenerator().outputSignals());
   appendAll(signals,
             TimeSignalsGenerator::timeSignals(*platform_.calendar, dateProvider_->currentDate()));
+  appendAll(signals, internetSignals_->internetSignals());
   appendAll(signals, coreMLModelManager().allSignals());
   appendAll(signals, geoIPSignalGenerator().allSignals());
+  appendAll(signals, pushSettingsSignalGenerator().pushSettingsSignals());
   appendAll(signals, launchReason_->allSignals());
-  appendAll(signals, configuration().allSignals());
+  appendAll(signals, options.allSignals());
   return signals;
 }
 

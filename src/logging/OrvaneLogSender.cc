@@ -180,6 +180,28 @@ void OrvaneLogSender::removeLogsFromQueue(std::string_view key,
   defaults->synchronize();
 }
 
+std::optional<std::string> OrvaneLogSender::encodeUploadBody(
+    const std::vector<PlistDictionary>& batch, const UploadBodyFields& fields) {
+  std::string body = "{\"events\":";
+  std::optional<PlatformError> encodingError;
+  AnyEncodable(PlistValue(toArray(batch))).appendJson(body, encodingError);
+  if (encodingError) return std::nullopt;
+  auto field = [&body](const char* name, std::string_view text) {
+    body += ",\"";
+    body += name;
+    body += "\":";
+    appendJsonString(body, text);
+  };
+  field("bundle_id", fields.bundleId);
+  field("license_key", fields.licenseKey);
+  field("sdk_version", fields.sdkVersion);
+  body += ",\"last_ota_update\":" + std::to_string(fields.lastOtaUpdate);
+  field("installation_uuid", fields.installationUUID);
+  field("platform", kPlatform);
+  body += "}";
+  return body;
+}
+
 // ---- Uploading ----------------------------------------------------------------------------
 
 void OrvaneLogSender::triggerUpload(UploadQueueKind queue, bool force) {
@@ -220,33 +242,23 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
   const auto& http = owner_.platform().http;
   if (!parsesAsURL(url) || !http) return;
 
-  std::string body = "{\"events\":";
-  std::optional<PlatformError> encodingError;
-  AnyEncodable(PlistValue(toArray(batch))).appendJson(body, encodingError);
-  if (encodingError) {
+  UploadBodyFields fields;
+  fields.bundleId = owner_.bundleIdentifier();
+  fields.licenseKey = owner_.licenseKey().value_or("");
+  fields.sdkVersion = ContextManager::sdkVersion();
+  fields.lastOtaUpdate = defaults->integer(CoreMLModelManager::kLastAppliedVersion).value_or(0);
+  fields.installationUUID = owner_.installationUUID();
+  std::optional<std::string> body = encodeUploadBody(batch, fields);
+  if (!body) {
     // A record that cannot be written would block the queue forever: drop the batch.
     removeLogsFromQueue(key, batch);
     return;
   }
-  auto field = [&body](const char* name, std::string_view text) {
-    body += ",\"";
-    body += name;
-    body += "\":";
-    appendJsonString(body, text);
-  };
-  field("bundle_id", owner_.bundleIdentifier());
-  field("license_key", owner_.licenseKey().value_or(""));
-  field("sdk_version", ContextManager::sdkVersion());
-  body += ",\"last_ota_update\":" +
-          std::to_string(defaults->integer(CoreMLModelManager::kLastAppliedVersion).value_or(0));
-  field("installation_uuid", owner_.installationUUID());
-  field("platform", kPlatform);
-  body += "}";
 
   HttpRequest request;
   request.url = url;
   request.headers = {{"Content-Type", "application/json"}};
-  request.body.assign(body.begin(), body.end());
+  request.body.assign(body->begin(), body->end());
   request.timeoutSeconds = kRequestTimeoutSeconds;
 
   auto done = std::make_shared<std::promise<bool>>();

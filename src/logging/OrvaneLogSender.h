@@ -41,6 +41,18 @@ class OrvaneLogSender {
   static constexpr size_t kMaximumSignalsToStore = 100;
   static constexpr size_t kBatchSizeThatUploads = 50;
 
+  // What an upload says about the installation besides its records.
+  struct UploadBodyFields {
+    std::string bundleId;
+    std::string licenseKey;
+    std::string sdkVersion;
+    int64_t lastOtaUpdate = 0;
+    std::string installationUUID;
+  };
+  // The JSON body of an upload of `batch`; none when a record cannot be written as JSON.
+  static std::optional<std::string> encodeUploadBody(const std::vector<PlistDictionary>& batch,
+                                                     const UploadBodyFields& fields);
+
   struct TriggerRequest {
     UploadQueueKind queue;
     bool force;

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <map>
+
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "testutil/FakePlatform.h"
@@ -12,7 +15,15 @@ class AppLaunchHistoryTest : public ::testing::Test {
   std::shared_ptr<StubDateProvider> dates = std::make_shared<StubDateProvider>(Date{1.7e9});
   std::shared_ptr<KeyValueStore> store = makeInMemoryKeyValueStoreProvider()->openSuite("s");
   std::shared_ptr<UserDefaultsProvider> defaults = std::make_shared<UserDefaultsProvider>(store);
-  AppLaunchSignalsGenerator generator{dates, defaults};
+  // Two hours east of UTC, so a day's boundary is not UTC midnight.
+  std::shared_ptr<Calendar> calendar = makeFixedOffsetCalendar("Test/East", 7200);
+  AppLaunchSignalsGenerator generator{dates, defaults, calendar};
+
+  std::map<int, float> signalValues(const SignalList& signals) {
+    std::map<int, float> values;
+    for (const Signal& s : signals) values[s.id().rawValue()] = std::get<float>(s.value());
+    return values;
+  }
 
   size_t todaysEntries(const char* key) {
     auto history = defaults->dictionary(key);
@@ -51,8 +62,68 @@ TEST_F(AppLaunchHistoryTest, TriggersCloserThanThreeSecondsCountOnce) {
 
 TEST_F(AppLaunchHistoryTest, ResignDateIsStoredAndReloaded) {
   generator.updateLastAppWillResignDate();
-  AppLaunchSignalsGenerator reloaded(dates, defaults);
+  AppLaunchSignalsGenerator reloaded(dates, defaults, calendar);
   EXPECT_EQ(reloaded.lastAppWillResignDate(), Date{1.7e9});
+}
+
+TEST_F(AppLaunchHistoryTest, FirstLaunchEverAndNoSessionYet) {
+  generator.incrementAndGetNumberOfAppLaunches();
+  auto launch = signalValues(generator.appLaunchSignals());
+  EXPECT_EQ(launch, (std::map<int, float>{{80, 1},
+                                          {81, 1},
+                                          {82, 1},
+                                          {83, 1},
+                                          {90, 1},
+                                          {85, 0},
+                                          {86, 0},
+                                          {87, 0},
+                                          {88, 0},
+                                          {89, 0},
+                                          {91, -1}}));
+  const SignalList seconds = generator.appSecondsSignals(Date{1.7e9 - 40});
+  ASSERT_EQ(seconds.size(), 6u);  // no usual length to compare the session with
+  auto values = signalValues(seconds);
+  EXPECT_TRUE(std::isnan(values[412]));
+  EXPECT_EQ(values[410] + values[411] + values[413] + values[414] + values[415], 0);
+}
+
+TEST_F(AppLaunchHistoryTest, DaysAreCountedOnTheUsersCalendar) {
+  // 1 March 2026 23:30 local (21:30 UTC) and 3 March 00:30 local (2 March 22:30 UTC).
+  const double march1Late = 1772323200 + 21.5 * 3600;
+  dates->setStubDate(Date{march1Late});
+  generator.incrementAndGetNumberOfAppLaunches();
+  generator.didUserTriggerOrvane();
+  dates->setStubDate(Date{march1Late + 25 * 3600});
+  generator.incrementAndGetNumberOfAppLaunches();
+  EXPECT_EQ(generator.currentDateFormatted(), "2026-03-03");
+  auto values = signalValues(generator.appLaunchSignals());
+  EXPECT_EQ(values[81], 2);  // 1 and 3 March
+  EXPECT_EQ(values[82], 1);
+  EXPECT_NEAR(values[90], 2.0 / 3.0, 1e-6);
+  EXPECT_NEAR(values[83], 2.0 / 3.0, 1e-6);
+  EXPECT_NEAR(values[87], 0.5, 1e-6);
+  EXPECT_NEAR(values[88], 25.0, 1e-4);
+  EXPECT_EQ(values[89], 0);  // the trigger was on 1 March
+}
+
+TEST_F(AppLaunchHistoryTest, SessionMediansAndComparisons) {
+  for (int64_t length : {10, 40, 20}) generator.storeNewSessionDuration(length);
+  dates->setStubDate(Date{1.7e9 + 86400});
+  for (int64_t length : {100, 50}) generator.storeNewSessionDuration(length);
+  auto values = signalValues(generator.appSecondsSignals(Date{1.7e9 + 86400 - 150}));
+  EXPECT_EQ(values[410], 220);
+  EXPECT_EQ(values[411], 150);
+  EXPECT_EQ(values[412], 110);
+  EXPECT_EQ(values[413], 75);
+  EXPECT_EQ(values[414], 40);  // 10 20 40 50 100
+  EXPECT_EQ(values[415], 75);  // (50 + 100) / 2
+  EXPECT_EQ(values[416], 110);
+  EXPECT_EQ(values[420], 150.0f / 40.0f);
+  EXPECT_EQ(values[419], 75);
+  EXPECT_EQ(values[423], 2);
+  // The history survives a new process, stored as the suite's dictionaries.
+  AppLaunchSignalsGenerator reloaded(dates, defaults, calendar);
+  EXPECT_EQ(signalValues(reloaded.appSecondsSignals(Date{1.7e9}))[410], 220);
 }
 
 TEST(LaunchReasonTest, FirstKeyInPriorityOrderDecides) {
