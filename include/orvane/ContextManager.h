@@ -109,6 +109,15 @@ class ContextManager {
   // Drops the flow's waiting requests; their callbacks are never called.
   static void cancelContextCallback(const std::string& flowName) noexcept;
 
+  // ---- Tracked events: each logs a context of its own at once ----------------------------
+  // `name` is the context's flow name; the context carries 3 seconds of motion data.
+  static void trackEvent(const std::string& name,
+                         const CustomSignalList& customSignals = {}) noexcept;
+  static void trackPageView(const std::string& name,
+                            const CustomSignalList& customSignals = {}) noexcept;
+  static void trackUserAction(const std::string& name,
+                              const CustomSignalList& customSignals = {}) noexcept;
+
   // ---- Global custom signals: added to every later log -----------------------------------
   // Setting an id that is already present replaces its value in place.
   static void setGlobalCustomSignal(const std::string& id, bool value) noexcept;
@@ -168,6 +177,8 @@ class ContextManager {
   void requestCalibrate(const std::string& flowName, int64_t maxDelay,
                         const CustomSignalList& customSignals, ContextCallback callback) noexcept;
   void cancelContextCallbackFor(const std::string& flowName) noexcept;
+  void recordTrackedEvent(const std::string& name, const CustomSignalList& customSignals,
+                          MethodUsed method, EventType eventType) noexcept;
   // The signals every request carries after its head and motion signals.
   SignalList allDefaultSignals();
 
