@@ -35,6 +35,7 @@ class ModelExecutor;
 class TimingCoordinator;
 class PeriodicContextEvaluator;
 class AccelerometerSensor;
+class ActivityRecognitionManager;
 class AppLaunchSignalsGenerator;
 class AppLaunchReasonSignalsGenerator;
 class StaticSignalsGenerator;
@@ -220,6 +221,8 @@ class ContextManager {
   RemoteConfiguration& remoteConfiguration();
   PeriodicContextEvaluator& periodicContextEvaluator();
   AccelerometerSensor& accelerometerSensor();
+  // Reads its models from "Orvane.bundle" in the platform's SDK resource directory.
+  ActivityRecognitionManager& activityRecognitionManager();
   TimingCoordinator& timingCoordinator();
   ModelExecutor& modelExecutor();
   GeoIPSignalGenerator& geoIPSignalGenerator();
@@ -294,6 +297,7 @@ class ContextManager {
   Lazy<RemoteConfiguration> remoteConfiguration_;
   Lazy<PeriodicContextEvaluator> periodicEvaluator_;
   Lazy<AccelerometerSensor> accelerometerSensor_;
+  Lazy<ActivityRecognitionManager> activityRecognition_;
   Lazy<TimingCoordinator> timingCoordinator_;
   Lazy<ModelExecutor> modelExecutor_;
   Lazy<GeoIPSignalGenerator> geoIPSignals_;
