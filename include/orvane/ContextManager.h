@@ -119,6 +119,13 @@ class ContextManager {
   static void trackUserAction(const std::string& name,
                               const CustomSignalList& customSignals = {}) noexcept;
 
+  // ---- Golden signals: selected values of a logged context for an ad bid ------------------
+  // "ctxId" ties the bid to the logged context; "c<id>" keys hold the configured signals in
+  // their own types, "u_<activity>_<tagger version>" the activity scores (floats), and
+  // "contextDuration" the seconds of motion data when the service asks for it.
+  static PlistDictionary goldenSignals(const std::optional<std::string>& trigger,
+                                       const std::optional<std::string>& bidID) noexcept;
+
   // ---- Global custom signals: added to every later log -----------------------------------
   // Setting an id that is already present replaces its value in place.
   static void setGlobalCustomSignal(const std::string& id, bool value) noexcept;
@@ -180,6 +187,8 @@ class ContextManager {
   void cancelContextCallbackFor(const std::string& flowName) noexcept;
   void recordTrackedEvent(const std::string& name, const CustomSignalList& customSignals,
                           MethodUsed method, EventType eventType) noexcept;
+  PlistDictionary collectGoldenSignals(const std::optional<std::string>& trigger,
+                                       const std::optional<std::string>& bidID) noexcept;
   // The signals every request carries after its head and motion signals.
   SignalList allDefaultSignals();
 
