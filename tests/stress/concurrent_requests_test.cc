@@ -48,6 +48,7 @@ struct Ledger {
   std::atomic<int> answeredCancellable{0};
   std::atomic<int> observersRegistered{0};
   std::atomic<int> observersFired{0};
+  std::atomic<int> goldenSignals{0};
   std::atomic<int> calledTwice{0};
   std::atomic<int> offMainQueue{0};
   std::atomic<int> logsFromCallbacks{0};
@@ -90,7 +91,7 @@ class StressHost {
     auto pick = [&random](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
     while (std::chrono::steady_clock::now() < until) {
       const std::string steady = pick(2) == 0 ? "steady_a" : "steady_b";
-      switch (pick(10)) {
+      switch (pick(12)) {
         case 0:
           manager_.requestFetchContext(steady, 1 + pick(2), {}, callback(Kind::kSteady),
                                        MethodUsed::kFetchContext);
@@ -129,6 +130,15 @@ class StressHost {
           } else {
             manager_.unregisterContextObserverFor(steady);
           }
+          break;
+        case 9: {
+          const PlistDictionary golden = manager_.collectGoldenSignals("bid", std::nullopt);
+          if (golden.count("ctxId") == 1) ledger.goldenSignals++;
+          break;
+        }
+        case 10:
+          manager_.recordTrackedEvent(steady + "_viewed", {CustomSignalInt("n", pick(9))},
+                                      MethodUsed::kTrackPageView, EventType::kPageView);
           break;
         default:
           if (auto context = manager_.recentContextForFlow(steady)) {
@@ -207,6 +217,7 @@ TEST(ConcurrentRequestsStressTest, EveryCallbackIsCalledOnceOnTheMainQueueOrCanc
       ledger.observersFired.load(), ledger.logsFromCallbacks.load());
   EXPECT_LE(ledger.observersFired, ledger.observersRegistered);
   EXPECT_GT(ledger.issuedSteady, 50);
+  EXPECT_GT(ledger.goldenSignals, 0);
   EXPECT_EQ(ledger.calledTwice, 0);
   EXPECT_EQ(ledger.offMainQueue, 0);
   {
