@@ -12,6 +12,7 @@
 #include <random>
 #include <thread>
 
+#include "config/RemoteConfiguration.h"
 #include "motion/AccelerometerSensor.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
@@ -125,11 +126,11 @@ class StressHost {
           manager_.removeGlobalCustomSignals("level");
           break;
         case 8:
-          if (pick(2) == 0) {
-            manager_.registerContextObserverFor(steady, callback(Kind::kObserver));
-          } else {
-            manager_.unregisterContextObserverFor(steady);
-          }
+          // "observed" always has an observer, so rounds keep running under the load;
+          // the steady flows' observers come and go.
+          manager_.registerContextObserverFor(pick(2) == 0 ? "observed" : steady,
+                                              callback(Kind::kObserver));
+          if (pick(2) == 0) manager_.unregisterContextObserverFor(steady);
           break;
         case 9: {
           const PlistDictionary golden = manager_.collectGoldenSignals("bid", std::nullopt);
@@ -180,10 +181,23 @@ TEST(ConcurrentRequestsStressTest, EveryCallbackIsCalledOnceOnTheMainQueueOrCanc
   configuration.enableInstantContext = true;
   manager->setupWith("KEY-0123456789abcdef", {}, std::nullopt, configuration);
   // The host reports its app active, as on launch: the sensor samples from then on.
-  if (auto host = std::dynamic_pointer_cast<HostApplicationService>(platform.application)) {
-    host->becomeActive();
+  if (auto app = std::dynamic_pointer_cast<HostApplicationService>(platform.application)) {
+    app->becomeActive();
   }
+  // The service asks for a round every second (the default is 30 s), applied on the
+  // configuration's own queue.
+  ServerConfiguration everySecond;
+  everySecond.automaticEntryPointPollingIntervalSeconds = 1;
+  manager->remoteConfiguration().applyConfigurationUpdate(everySecond);
+  ASSERT_TRUE(eventually(
+      [&] {
+        return manager->remoteConfiguration()
+                   .getConfiguration()
+                   .automaticEntryPointPollingIntervalSeconds == 1;
+      },
+      5s));
   StressHost host(*manager);
+  manager->registerContextObserverFor("observed", host.callback(StressHost::Kind::kObserver));
 
   // The whole run under a watchdog: a deadlock fails the test instead of hanging CI.
   auto run = std::async(std::launch::async, [&] {
@@ -199,6 +213,9 @@ TEST(ConcurrentRequestsStressTest, EveryCallbackIsCalledOnceOnTheMainQueueOrCanc
   Ledger& ledger = host.ledger;
   manager->unregisterContextObserverFor("steady_a");
   manager->unregisterContextObserverFor("steady_b");
+  // Rounds ran under the load: at least one observer reached its first good moment.
+  EXPECT_TRUE(eventually([&] { return ledger.observersFired > 0; }, 10s));
+  manager->unregisterContextObserverFor("observed");
   // Requests that nobody cancels are all served once their window is there.
   EXPECT_TRUE(eventually([&] { return ledger.answeredSteady == ledger.issuedSteady; }, 20s))
       << ledger.answeredSteady << " of " << ledger.issuedSteady << " answered";
