@@ -4,6 +4,9 @@
 // applied and then decides the flow's next context.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include "devservice/ServiceProcess.h"
 #include "logging/OrvaneLogSender.h"
 #include "models/CoreMLModelManager.h"
@@ -100,7 +103,13 @@ TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
   fake.drain();
   EXPECT_TRUE(sender.mainQueue().empty());
 
-  const json stored = service.stored();
+  // Error reports go out on their own thread: give the report a moment to arrive.
+  json stored = service.stored();
+  for (int attempt = 0; attempt < 100 && stored["counts"]["error_reports"].get<int>() < 1;
+       ++attempt) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    stored = service.stored();
+  }
   // Two failed posts of the launch batch and the retry, then the accepted ones; every
   // outcome reached the service.
   std::set<std::string> outcomes;
