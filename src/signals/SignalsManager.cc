@@ -1,12 +1,12 @@
 #include "signals/SignalsManager.h"
 
 #include <algorithm>
-#include <unordered_set>
+#include <vector>
 
 namespace orvane {
 
 SignalsManager::SignalsManager(SignalList signals, std::shared_ptr<SystemLog> log)
-    : signals_(std::move(signals)), log_(std::move(log)) {}
+    : signals_(std::move(signals)), log_(std::move(log)), hasDuplicates_(computeHasDuplicates()) {}
 
 const Signal* SignalsManager::signal(SignalEnum id) const {
   auto it = std::find_if(signals_.begin(), signals_.end(),
@@ -28,6 +28,7 @@ std::optional<bool> SignalsManager::boolValue(SignalEnum id) const {
 
 void SignalsManager::removeSignal(SignalEnum id) {
   std::erase_if(signals_, [id](const Signal& s) { return s.id() == id; });
+  if (hasDuplicates_) hasDuplicates_ = computeHasDuplicates();
 }
 
 void SignalsManager::replaceSignal(Signal signal) {
@@ -36,21 +37,27 @@ void SignalsManager::replaceSignal(Signal signal) {
 }
 
 void SignalsManager::append(Signal signal) {
+  if (!hasDuplicates_) hasDuplicates_ = this->signal(signal.id()) != nullptr;
   signals_.push_back(std::move(signal));
-  checkForDuplicates();
+  reportDuplicates();
 }
 
 void SignalsManager::append(const SignalList& signals) {
   signals_.insert(signals_.end(), signals.begin(), signals.end());
-  checkForDuplicates();
+  hasDuplicates_ = computeHasDuplicates();
+  reportDuplicates();
 }
 
-void SignalsManager::checkForDuplicates() const {
-  std::unordered_set<SignalEnum> distinct;
-  for (const auto& s : signals_) distinct.insert(s.id());
-  if (distinct.size() != signals_.size() && log_) {
-    log_->error("[Orvane] SignalsManager: Duplicate signal ids found");
-  }
+bool SignalsManager::computeHasDuplicates() const {
+  std::vector<uint16_t> ids;
+  ids.reserve(signals_.size());
+  for (const auto& s : signals_) ids.push_back(s.id().rawValue());
+  std::sort(ids.begin(), ids.end());
+  return std::adjacent_find(ids.begin(), ids.end()) != ids.end();
+}
+
+void SignalsManager::reportDuplicates() const {
+  if (hasDuplicates_ && log_) log_->error("[Orvane] SignalsManager: Duplicate signal ids found");
 }
 
 }  // namespace orvane

@@ -28,10 +28,14 @@ class SignalsManager {
   void append(const SignalList& signals);
 
  private:
-  void checkForDuplicates() const;
+  // Reports when the list holds duplicate ids. Whether it does is tracked as signals come and
+  // go, so the check after each append costs a scan for the new id, not a rebuilt set.
+  void reportDuplicates() const;
+  bool computeHasDuplicates() const;
 
   SignalList signals_;
   std::shared_ptr<SystemLog> log_;
+  bool hasDuplicates_ = false;
 };
 
 }  // namespace orvane
