@@ -342,6 +342,8 @@ void DemoRun::finish() {
   auto stored = client_->stored();
   recorder_->edit([&](RunRecord& r) {
     r.length = recorder_->now();
+    // The device stays where the script left it while the last uploads go out.
+    if (!r.postures.empty()) r.postures.back().end = r.length;
     r.waitingLogIds = waiting;
     r.installation = manager.installationUUID();
     r.serviceURL = options_.service;
