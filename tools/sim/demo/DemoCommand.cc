@@ -25,10 +25,10 @@
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane::sim {
+namespace demo {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace demo;
 
 struct DemoOptions {
   double seconds = 60;
@@ -79,7 +79,10 @@ std::map<std::string, std::string> currentAssignments(const Script& script) {
 
 std::string joined(const std::map<std::string, std::string>& flows) {
   std::string text;
-  for (const auto& [flow, how] : flows) text += (text.empty() ? "" : "; ") + flow + ": " + how;
+  for (const auto& [flow, how] : flows) {
+    if (!text.empty()) text += "; ";
+    text.append(flow).append(": ").append(how);
+  }
   return text;
 }
 
@@ -176,7 +179,7 @@ bool DemoRun::startService() {
     return false;
   }
   payloadFile_ = options_.dataDir + "/service-payload.json";
-  std::ofstream(payloadFile_, std::ios::trunc);  // no update yet: uploads get an empty answer
+  std::ofstream empty(payloadFile_, std::ios::trunc);  // no update yet: empty answers
   service.payloadFile = payloadFile_;
   service.modelsDir = options_.fixtures + "/coreml";
   service.database = options_.serviceDb;
@@ -244,7 +247,7 @@ void DemoRun::scheduleScript() {
 
   scheduler_.at(script_.updateAt, [this] {
     if (payloadFile_.empty()) {
-      recorder_->note("service", "not started by the demo: it answers as it is set up to");
+      recorder_->note("service", "not started by the demo: no update offered");
       return;
     }
     const int64_t version = ContextManager::shared()
@@ -263,15 +266,15 @@ void DemoRun::scheduleScript() {
   scheduler_.at(script_.outageAt, [this] {
     if (client_->scriptFaults({"503"})) {
       recorder_->note("service", "outage: the next upload gets 503");
+      recorder_->edit([&](RunRecord& r) {
+        r.outages.push_back({script_.outageAt, script_.recoveryAt, "outage"});
+      });
     }
   });
   scheduler_.at(script_.recoveryAt, [this] {
     if (client_->scriptFaults(nlohmann::json::array())) {
       recorder_->note("service", "healthy again");
     }
-  });
-  recorder_->edit([&](RunRecord& r) {
-    r.outages.push_back({script_.outageAt, script_.recoveryAt, "outage"});
   });
 
   scheduler_.at(script_.resignAt, [this] {
@@ -394,9 +397,10 @@ int DemoRun::run() {
 }
 
 }  // namespace
+}  // namespace demo
 
 void addDemoCommand(CLI::App& app, int& exitCode) {
-  auto options = std::make_shared<DemoOptions>();
+  auto options = std::make_shared<demo::DemoOptions>();
   auto* demo = app.add_subcommand("demo", "play a host app for about a minute and report on it");
   demo->add_option("--seconds", options->seconds, "length of the run (default 60)")
       ->check(CLI::Range(5.0, 3600.0));
@@ -413,7 +417,7 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
                    "folder with motion/ traces and coreml/ models");
   demo->add_option("--seed", options->seed, "seed of the scripted user");
   demo->add_option("--key", options->key, "the app key");
-  demo->callback([options, &exitCode] { exitCode = DemoRun(*options).run(); });
+  demo->callback([options, &exitCode] { exitCode = demo::DemoRun(*options).run(); });
 }
 
 }  // namespace orvane::sim

@@ -39,6 +39,7 @@ std::unique_ptr<DevService> DevService::start(const DevServiceOptions& options,
     arguments.insert(arguments.end(), {"--models", options.modelsDir});
   if (!options.database.empty()) arguments.insert(arguments.end(), {"--db", options.database});
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (auto& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
 
@@ -102,7 +103,7 @@ std::optional<HttpResponse> ServiceClient::exchange(HttpRequest request) {
   auto answer = std::make_shared<std::promise<std::optional<HttpResponse>>>();
   auto future = answer->get_future();
   http_->send(std::move(request),
-              [answer](std::optional<HttpResponse> response, std::optional<PlatformError>) {
+              [answer](std::optional<HttpResponse> response, const std::optional<PlatformError>&) {
                 answer->set_value(std::move(response));
               });
   return future.get();

@@ -93,7 +93,7 @@ void HostApp::launch(const std::string& key, const std::string& serviceURL) {
   ContextManager::applicationDidFinishLaunchingWithOptions(std::nullopt, key, Configuration{});
   ContextManager::setServiceBaseURL(serviceURL);
   // Watch each record on its way to the upload queue, then hand it on as the SDK would.
-  ContextManager::setLogSender([recorder = recorder_](std::shared_ptr<Log> log) {
+  ContextManager::setLogSender([recorder = recorder_](const std::shared_ptr<Log>& log) {
     if (!log) return;
     for (const Signal& s : log->signals()) {
       if (s.id().rawValue() != kLogId) continue;
@@ -116,7 +116,7 @@ void HostApp::request(const FlowPlan& flow) {
   const double askedAt = recorder_->now();
   ++requestNumber_;
   std::weak_ptr<HostApp> weak = weak_from_this();
-  auto onContext = [weak, flow, askedAt](std::shared_ptr<Context> context) {
+  auto onContext = [weak, flow, askedAt](const std::shared_ptr<Context>& context) {
     if (auto app = weak.lock(); app && context) app->decided(flow, context, askedAt);
   };
   switch (flow.form) {

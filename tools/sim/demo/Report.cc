@@ -258,7 +258,8 @@ std::string stepPath(const std::vector<QueuePoint>& points, const Frame& f,
   for (const QueuePoint& p : points) {
     const std::string x = number(f.x(p.t));
     const std::string y = number(f.y(value(p)));
-    d += d.empty() ? "M" + x + " " + y : " H" + x + " V" + y;
+    const bool first = d.empty();
+    d.append(first ? "M" : " H").append(x).append(first ? " " : " V").append(y);
   }
   return d;
 }

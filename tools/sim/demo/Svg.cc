@@ -5,6 +5,19 @@
 #include <cstdio>
 
 namespace orvane::sim::demo {
+namespace {
+
+std::string gridLine(double x1, double y1, double x2, double y2) {
+  return "<line class=\"grid\" x1=\"" + number(x1) + "\" y1=\"" + number(y1) + "\" x2=\"" +
+         number(x2) + "\" y2=\"" + number(y2) + "\"/>";
+}
+
+std::string tick(double x, double y, const std::string& label, const char* anchor) {
+  return "<text class=\"tick\" x=\"" + number(x) + "\" y=\"" + number(y) + "\" text-anchor=\"" +
+         anchor + "\">" + label + "</text>";
+}
+
+}  // namespace
 
 std::string escape(std::string_view text) {
   std::string out;
@@ -66,11 +79,8 @@ std::string Frame::timeAxis(double gridTop) const {
   std::string svg;
   const double step = tickStep(length, 12);
   for (double t = 0; t <= length + 1e-9; t += step) {
-    const std::string px = number(x(t));
-    svg += "<line class=\"grid\" x1=\"" + px + "\" y1=\"" + number(gridTop) + "\" x2=\"" + px +
-           "\" y2=\"" + number(bottom) + "\"/>";
-    svg += "<text class=\"tick\" x=\"" + px + "\" y=\"" + number(bottom + 14) +
-           "\" text-anchor=\"middle\">" + number(t) + " s</text>";
+    svg += gridLine(x(t), gridTop, x(t), bottom);
+    svg += tick(x(t), bottom + 14, number(t) + " s", "middle");
   }
   svg += "<line class=\"axis\" x1=\"" + number(left) + "\" y1=\"" + number(bottom) + "\" x2=\"" +
          number(right) + "\" y2=\"" + number(bottom) + "\"/>";
@@ -81,11 +91,8 @@ std::string Frame::valueAxis(const std::string& unit) const {
   std::string svg;
   const double step = tickStep(high - low, 4);
   for (double v = std::ceil(low / step) * step; v <= high + 1e-9; v += step) {
-    const std::string py = number(y(v));
-    svg += "<line class=\"grid\" x1=\"" + number(left) + "\" y1=\"" + py + "\" x2=\"" +
-           number(right) + "\" y2=\"" + py + "\"/>";
-    svg += "<text class=\"tick\" x=\"" + number(left - 6) + "\" y=\"" + number(y(v) + 4) +
-           "\" text-anchor=\"end\">" + number(v, 3) + "</text>";
+    svg += gridLine(left, y(v), right, y(v));
+    svg += tick(left - 6, y(v) + 4, number(v, 3), "end");
   }
   svg += "<text class=\"unit\" x=\"" + number(left - 6) + "\" y=\"" + number(top - 8) +
          "\" text-anchor=\"end\">" + escape(unit) + "</text>";
