@@ -84,8 +84,9 @@ void BM_UploadBodyOf100Records(benchmark::State& state) {
   OrvaneLogSender::UploadBodyFields fields{"com.example.app", "key", "5.13.0", 7, "uuid"};
   size_t bytes = 0;
   for (auto _ : state) {
-    auto batch = readStoredQueue(defaults->object(OrvaneLogSender::kMainQueueKey));
-    auto body = OrvaneLogSender::encodeUploadBody(batch, fields);
+    const StoredQueueView batch =
+        viewStoredQueue(defaults->sharedObject(OrvaneLogSender::kMainQueueKey));
+    auto body = OrvaneLogSender::encodeUploadBody(batch.records, fields);
     bytes = body ? body->size() : 0;
     benchmark::DoNotOptimize(body);
   }

@@ -109,6 +109,18 @@ class ContextManager {
   // Drops the flow's waiting requests; their callbacks are never called.
   static void cancelContextCallback(const std::string& flowName) noexcept;
 
+  // ---- Observers: a flow evaluated in the background until its first good moment --------
+  // While the app is active, every flow with an observer is evaluated once per polling
+  // interval (set by the service) on 3 seconds of motion data. The observer is called once,
+  // on the main queue, with the first context that says yes, and is then removed. Registering
+  // a flow again replaces its observer. Contexts of observers log no creation record and
+  // refuse the skipped outcome. `cancelContextCallback` for the flow ends an evaluation that
+  // waits for motion data; the observer stays registered.
+  static void registerContextObserver(const std::string& flowName,
+                                      ContextCallback callbackOnFirstGoodMoment) noexcept;
+  // The flow is not evaluated any more; with no observer left, no round is scheduled.
+  static void unregisterContextObserver(const std::string& flowName) noexcept;
+
   // ---- Global custom signals: added to every later log -----------------------------------
   // Setting an id that is already present replaces its value in place.
   static void setGlobalCustomSignal(const std::string& id, bool value) noexcept;
@@ -168,6 +180,9 @@ class ContextManager {
   void requestCalibrate(const std::string& flowName, int64_t maxDelay,
                         const CustomSignalList& customSignals, ContextCallback callback) noexcept;
   void cancelContextCallbackFor(const std::string& flowName) noexcept;
+  void registerContextObserverFor(const std::string& flowName,
+                                  ContextCallback callbackOnFirstGoodMoment) noexcept;
+  void unregisterContextObserverFor(const std::string& flowName) noexcept;
   // The signals every request carries after its head and motion signals.
   SignalList allDefaultSignals();
 

@@ -266,7 +266,7 @@ std::shared_ptr<Context> ContextManager::recentContextForFlow(const std::string&
 
 PeriodicContextEvaluator& ContextManager::periodicContextEvaluator() {
   return lazily(periodicEvaluator_.once, periodicEvaluator_.value,
-                [] { return std::make_unique<PeriodicContextEvaluator>(); });
+                [this] { return std::make_unique<PeriodicContextEvaluator>(*this); });
 }
 
 AccelerometerSensor& ContextManager::accelerometerSensor() {
@@ -436,7 +436,7 @@ void ContextManager::handleWillResignActiveNotification() noexcept {
     appLaunchSignals_->updateLastAppWillResignDate();
     const Date now = dateProvider_->currentDate();
     launchReason_->setLastResignDate(now);
-    periodicContextEvaluator().appWillResignActive();
+    periodicContextEvaluator().appWillResign();
     {
       AccelerometerSensor& sensor = accelerometerSensor();
       std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());

@@ -1,23 +1,50 @@
 // File: PeriodicContextEvaluator.h
-// Evaluates registered flows on a timer while the app is active. The manager tells it when
-// the app becomes active and when it resigns.
+// Evaluates the flows that have an observer, one round every polling interval while the app
+// is active, and calls a flow's observer once, on the main queue, with its first context that
+// says yes.
+//
+// All state lives on the serial queue "com.orvane.PeriodicContextEvaluator"; the public
+// operations only post work to it. A round asks for one context per flow, in flow-name order,
+// each like a fetch of 3 seconds, and holds the queue until that context exists: work posted
+// meanwhile is kept, in order, and runs when the round ends. The hold parks no thread, so it
+// cannot deadlock with the main queue that creates the context, and it ends whenever the
+// request ends: answered, cancelled (cancelContextCallback for the flow), or dropped with the
+// manager.
 #pragma once
 
-#include <atomic>
+#include <memory>
+#include <string>
+
+#include "orvane/ContextManager.h"
 
 namespace orvane {
 
 class PeriodicContextEvaluator {
  public:
-  void appDidBecomeActive() { ++activations_; }
-  void appWillResignActive() { ++resignations_; }
+  static constexpr const char* kQueueName = "com.orvane.PeriodicContextEvaluator";
+  // Seconds of motion data each evaluation waits for.
+  static constexpr int64_t kEvaluationDuration = 3;
+  // The shortest pause between two rounds, whatever the service configures.
+  static constexpr double kMinimumIntervalSeconds = 1.0;
 
-  int activations() const { return activations_; }
-  int resignations() const { return resignations_; }
+  using Observer = ContextManager::ContextCallback;
+
+  explicit PeriodicContextEvaluator(ContextManager& owner);
+  ~PeriodicContextEvaluator();
+  PeriodicContextEvaluator(const PeriodicContextEvaluator&) = delete;
+  PeriodicContextEvaluator& operator=(const PeriodicContextEvaluator&) = delete;
+
+  // Replaces the flow's earlier observer, if any.
+  void setCallback(const std::string& flowName, Observer callbackOnFirstGoodMoment);
+  // When no observer is left, the scheduled round is called off.
+  void removeCallback(const std::string& flowName);
+  // Rounds run only between these two: the first one polling interval after activation.
+  void appDidBecomeActive();
+  void appWillResign();
 
  private:
-  std::atomic<int> activations_{0};
-  std::atomic<int> resignations_{0};
+  struct Core;
+  std::shared_ptr<Core> core_;  // queued work holds it weakly
 };
 
 }  // namespace orvane

@@ -133,13 +133,23 @@ std::string repairedUtf8(std::string_view text) {
   return out;
 }
 
-void AnyEncodable::appendJson(std::string& out, std::optional<PlatformError>& error) const {
-  if (error) return;
-  if (!value_) {
-    out += "null";
-    return;
+void appendJsonObject(std::string& out, const PlistDictionary& dictionary,
+                      std::optional<PlatformError>& error) {
+  out.push_back('{');
+  bool first = true;
+  for (const auto& [key, item] : dictionary) {
+    if (error) return;
+    if (!first) out.push_back(',');
+    first = false;
+    appendJsonString(out, key);
+    out.push_back(':');
+    appendJsonValue(out, item, error);
   }
-  const PlistValue& v = *value_;
+  out.push_back('}');
+}
+
+void appendJsonValue(std::string& out, const PlistValue& v, std::optional<PlatformError>& error) {
+  if (error) return;
   switch (v.type()) {
     case PlistValue::Type::kArray: {
       out.push_back('[');
@@ -147,24 +157,14 @@ void AnyEncodable::appendJson(std::string& out, std::optional<PlatformError>& er
       for (const auto& item : *v.asArray()) {
         if (!first) out.push_back(',');
         first = false;
-        AnyEncodable(item).appendJson(out, error);
+        appendJsonValue(out, item, error);
       }
       out.push_back(']');
       return;
     }
-    case PlistValue::Type::kDictionary: {
-      out.push_back('{');
-      bool first = true;
-      for (const auto& [key, item] : *v.asDictionary()) {
-        if (!first) out.push_back(',');
-        first = false;
-        appendJsonString(out, key);
-        out.push_back(':');
-        AnyEncodable(item).appendJson(out, error);
-      }
-      out.push_back('}');
+    case PlistValue::Type::kDictionary:
+      appendJsonObject(out, *v.asDictionary(), error);
       return;
-    }
     case PlistValue::Type::kInt:
       out += std::to_string(*v.asInt());
       return;
@@ -188,6 +188,15 @@ void AnyEncodable::appendJson(std::string& out, std::optional<PlatformError>& er
       error = PlatformError{kEncodingErrorDomain, 0, "The value is not encodable"};
       return;
   }
+}
+
+void AnyEncodable::appendJson(std::string& out, std::optional<PlatformError>& error) const {
+  if (error) return;
+  if (!value_) {
+    out += "null";
+    return;
+  }
+  appendJsonValue(out, *value_, error);
 }
 
 Result<std::string> AnyEncodable::toJson() const {

@@ -31,6 +31,12 @@ class AnyEncodable {
   std::optional<PlistValue> value_;
 };
 
+// Appends the JSON form of `value` (as AnyEncodable does) without copying it.
+void appendJsonValue(std::string& out, const PlistValue& value,
+                     std::optional<PlatformError>& error);
+void appendJsonObject(std::string& out, const PlistDictionary& dictionary,
+                      std::optional<PlatformError>& error);
+
 // Appends `text` as a JSON string literal; invalid UTF-8 becomes U+FFFD.
 void appendJsonString(std::string& out, std::string_view text);
 // `text` with every invalid UTF-8 byte replaced by U+FFFD.

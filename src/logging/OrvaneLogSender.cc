@@ -35,16 +35,34 @@ const std::string* textAt(const PlistDictionary& record, const char* key) {
   return it == record.end() ? nullptr : it->second.asString();
 }
 
-PlistArray toArray(const std::vector<PlistDictionary>& records) {
+PlistArray toArray(std::vector<PlistDictionary>&& records) {
   PlistArray array;
   array.reserve(records.size());
-  for (const auto& record : records) array.emplace_back(record);
+  for (auto& record : records) array.emplace_back(std::move(record));
   return array;
 }
 
 }  // namespace
 
 std::vector<PlistDictionary> readStoredQueue(const std::optional<PlistValue>& stored) {
+  return readStoredQueue(stored ? &*stored : nullptr);
+}
+
+StoredQueueView viewStoredQueue(std::shared_ptr<const PlistValue> stored) {
+  StoredQueueView view;
+  const PlistArray* array = stored ? stored->asArray() : nullptr;
+  if (array == nullptr) return view;
+  view.records.reserve(array->size());
+  for (const PlistValue& item : *array) {
+    const PlistDictionary* record = item.asDictionary();
+    if (record == nullptr) return {};
+    view.records.push_back(record);
+  }
+  view.holder = std::move(stored);
+  return view;
+}
+
+std::vector<PlistDictionary> readStoredQueue(const PlistValue* stored) {
   std::vector<PlistDictionary> records;
   const PlistArray* array = stored ? stored->asArray() : nullptr;
   if (array == nullptr) return records;
@@ -114,13 +132,13 @@ void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record,
       owner_.orvaneErrorReporting().reportError(failureMessage);
       return;
     }
-    auto queue = readStoredQueue(defaults->object(key));
+    auto queue = readStoredQueue(defaults->sharedObject(key).get());
     queue.push_back(std::move(record));
     if (queue.size() > kMaximumSignalsToStore) {
       queue.erase(queue.begin(),
                   queue.begin() + static_cast<ptrdiff_t>(queue.size() - kMaximumSignalsToStore));
     }
-    defaults->set(key, toArray(queue));
+    defaults->set(key, toArray(std::move(queue)));
     defaults->synchronize();
     if (!mayStartUpload || !shouldUploadNow(queue.size())) return;
     std::weak_ptr<Shared> weak = shared_;
@@ -149,43 +167,44 @@ void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUI
       owner_.orvaneErrorReporting().reportError("Failed to remove logs from unlogged queue");
       return;
     }
-    auto queue = readStoredQueue(defaults->object(kUnloggedQueueKey));
+    auto queue = readStoredQueue(defaults->sharedObject(kUnloggedQueueKey).get());
     std::erase_if(queue, [&](const PlistDictionary& record) {
       const std::string* uuid = textAt(record, "ctx_29");
       return uuid && *uuid == contextUUID;
     });
-    defaults->set(kUnloggedQueueKey, toArray(queue));
+    defaults->set(kUnloggedQueueKey, toArray(std::move(queue)));
     defaults->synchronize();
   });
 }
 
 void OrvaneLogSender::removeLogsFromQueue(std::string_view key,
-                                          const std::vector<PlistDictionary>& logs) {
-  std::vector<std::string> sent;
-  for (const auto& record : logs) {
-    if (const std::string* id = textAt(record, "ctx_8")) sent.push_back(*id);
-  }
+                                          const std::vector<std::string>& sent) {
   const auto& defaults = owner_.userDefaultsProvider();
   if (!defaults->isAvailable()) {
     owner_.orvaneErrorReporting().reportError("Failed to remove logs from queue");
     return;
   }
   // Read again: records added while the batch was in flight must stay.
-  auto queue = readStoredQueue(defaults->object(key));
+  auto queue = readStoredQueue(defaults->sharedObject(key).get());
   std::erase_if(queue, [&](const PlistDictionary& record) {
     const std::string* id = textAt(record, "ctx_8");
     return id && std::find(sent.begin(), sent.end(), *id) != sent.end();
   });
-  defaults->set(key, toArray(queue));
+  defaults->set(key, toArray(std::move(queue)));
   defaults->synchronize();
 }
 
 std::optional<std::string> OrvaneLogSender::encodeUploadBody(
-    const std::vector<PlistDictionary>& batch, const UploadBodyFields& fields) {
-  std::string body = "{\"events\":";
+    std::span<const PlistDictionary* const> batch, const UploadBodyFields& fields) {
+  std::string body = "{\"events\":[";
+  body.reserve(batch.size() * 8192 + 512);  // a record is ~7 kB of JSON
   std::optional<PlatformError> encodingError;
-  AnyEncodable(PlistValue(toArray(batch))).appendJson(body, encodingError);
+  for (size_t i = 0; i < batch.size(); ++i) {
+    if (i > 0) body.push_back(',');
+    appendJsonObject(body, *batch[i], encodingError);
+  }
   if (encodingError) return std::nullopt;
+  body.push_back(']');
   auto field = [&body](const char* name, std::string_view text) {
     body += ",\"";
     body += name;
@@ -221,14 +240,20 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
     owner_.orvaneErrorReporting().reportError("Failed to perform log upload");
     return;
   }
-  auto batch = readStoredQueue(defaults->object(key));
+  // Read in place: the stored queue is large and the upload only reads it.
+  const StoredQueueView stored = viewStoredQueue(defaults->sharedObject(key));
+  std::vector<const PlistDictionary*> batch = stored.records;
   if (key == kUnloggedQueueKey) {
     // Contexts of the running session may still be logged: they are not "unlogged" yet.
     const std::string session = owner_.currentSessionId();
-    std::erase_if(batch, [&](const PlistDictionary& record) {
-      const std::string* id = textAt(record, "ctx_14");
+    std::erase_if(batch, [&](const PlistDictionary* record) {
+      const std::string* id = textAt(*record, "ctx_14");
       return id && *id == session;
     });
+  }
+  std::vector<std::string> sentIds;
+  for (const PlistDictionary* record : batch) {
+    if (const std::string* id = textAt(*record, "ctx_8")) sentIds.push_back(*id);
   }
   if (batch.empty() && !forceSend) return;
 
@@ -251,7 +276,7 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
   std::optional<std::string> body = encodeUploadBody(batch, fields);
   if (!body) {
     // A record that cannot be written would block the queue forever: drop the batch.
-    removeLogsFromQueue(key, batch);
+    removeLogsFromQueue(key, sentIds);
     return;
   }
 
@@ -280,7 +305,7 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
   } else {
     accepted = success.get();  // the completion won the race with the guard
   }
-  if (accepted) removeLogsFromQueue(key, batch);
+  if (accepted) removeLogsFromQueue(key, sentIds);
 }
 
 bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response) {
@@ -330,13 +355,13 @@ void OrvaneLogSender::applyServerPayload(const ServerPayload& payload) {
 
 std::vector<PlistDictionary> OrvaneLogSender::mainQueue() const {
   const auto& defaults = owner_.userDefaultsProvider();
-  return defaults->isAvailable() ? readStoredQueue(defaults->object(kMainQueueKey))
+  return defaults->isAvailable() ? readStoredQueue(defaults->sharedObject(kMainQueueKey).get())
                                  : std::vector<PlistDictionary>{};
 }
 
 std::vector<PlistDictionary> OrvaneLogSender::unloggedQueue() const {
   const auto& defaults = owner_.userDefaultsProvider();
-  return defaults->isAvailable() ? readStoredQueue(defaults->object(kUnloggedQueueKey))
+  return defaults->isAvailable() ? readStoredQueue(defaults->sharedObject(kUnloggedQueueKey).get())
                                  : std::vector<PlistDictionary>{};
 }
 

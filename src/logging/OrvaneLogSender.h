@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,7 +51,7 @@ class OrvaneLogSender {
     std::string installationUUID;
   };
   // The JSON body of an upload of `batch`; none when a record cannot be written as JSON.
-  static std::optional<std::string> encodeUploadBody(const std::vector<PlistDictionary>& batch,
+  static std::optional<std::string> encodeUploadBody(std::span<const PlistDictionary* const> batch,
                                                      const UploadBodyFields& fields);
 
   struct TriggerRequest {
@@ -84,7 +85,8 @@ class OrvaneLogSender {
   void upload(std::string_view key, bool forceSend);
   void addRecord(std::string_view key, PlistDictionary record, const char* failureMessage,
                  bool mayStartUpload);
-  void removeLogsFromQueue(std::string_view key, const std::vector<PlistDictionary>& logs);
+  // Removes the records whose log id ("ctx_8") is in `sentIds`.
+  void removeLogsFromQueue(std::string_view key, const std::vector<std::string>& sentIds);
   bool shouldUploadNow(size_t queueSize) const;
   void applyServerPayload(const ServerPayload& payload);
   bool completeUpload(const std::optional<struct HttpResponse>& response);
@@ -96,5 +98,14 @@ class OrvaneLogSender {
 
 // Reads a stored queue: an array of text-keyed maps, anything else as empty.
 std::vector<PlistDictionary> readStoredQueue(const std::optional<PlistValue>& stored);
+std::vector<PlistDictionary> readStoredQueue(const PlistValue* stored);
+
+// The records of a stored queue read in place: `records` point into `holder`, which keeps the
+// stored value alive. Empty under the same rule as readStoredQueue.
+struct StoredQueueView {
+  std::shared_ptr<const PlistValue> holder;
+  std::vector<const PlistDictionary*> records;
+};
+StoredQueueView viewStoredQueue(std::shared_ptr<const PlistValue> stored);
 
 }  // namespace orvane

@@ -2,6 +2,10 @@
 
 namespace orvane {
 
+std::shared_ptr<const PlistValue> UserDefaultsProvider::sharedObject(std::string_view key) const {
+  return store_ ? store_->getShared(key) : nullptr;
+}
+
 std::optional<PlistValue> UserDefaultsProvider::object(std::string_view key) const {
   if (!store_) return std::nullopt;
   return store_->get(key);

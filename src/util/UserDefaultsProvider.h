@@ -21,6 +21,8 @@ class UserDefaultsProvider {
   const std::shared_ptr<KeyValueStore>& userDefaults() const { return store_; }
 
   std::optional<PlistValue> object(std::string_view key) const;
+  // The stored value itself, shared rather than copied; null when absent.
+  std::shared_ptr<const PlistValue> sharedObject(std::string_view key) const;
   // Typed reads: none when absent or of another type.
   std::optional<std::string> string(std::string_view key) const;
   std::optional<Bytes> data(std::string_view key) const;

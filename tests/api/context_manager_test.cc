@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "api/PeriodicContextEvaluator.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "logging/OrvaneLogSender.h"
@@ -114,7 +113,6 @@ TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
   EXPECT_FALSE(manager.isFirstStart());
   EXPECT_EQ(manager.currentSessionId(), firstSession);
   EXPECT_EQ(manager.numberOfAppLaunches(), 1);
-  EXPECT_EQ(manager.periodicContextEvaluator().activations(), 1);
   EXPECT_EQ(triggers(manager).size(), 3u);  // creation + first-start pair
 
   fake.clock->advance(12.4);
@@ -123,7 +121,6 @@ TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
   EXPECT_FALSE(manager.isActive());
   EXPECT_FALSE(sensor.isSampling());
   EXPECT_FALSE(sensor.isAppInForeground());
-  EXPECT_EQ(manager.periodicContextEvaluator().resignations(), 1);
   const std::string backgroundSession = manager.currentSessionId();
   EXPECT_NE(backgroundSession, firstSession);
   EXPECT_EQ(manager.appLaunchReasonSignalsGenerator().lastResignDate(), Date{fake.clock->now()});
@@ -140,7 +137,6 @@ TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
   EXPECT_NE(manager.currentSessionId(), backgroundSession);
   EXPECT_EQ(manager.currentSessionStarted(), Date{fake.clock->now()});
   EXPECT_EQ(manager.numberOfAppLaunches(), 2);
-  EXPECT_EQ(manager.periodicContextEvaluator().activations(), 2);
   EXPECT_EQ(manager.appLaunchReasonSignalsGenerator().currentAppLaunchReason(), 1);
   EXPECT_EQ(triggers(manager).size(), 4u);  // no first-start pair the second time
 

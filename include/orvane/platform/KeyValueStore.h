@@ -18,6 +18,12 @@ class KeyValueStore {
  public:
   virtual ~KeyValueStore() = default;
   virtual std::optional<PlistValue> get(std::string_view key) const = 0;
+  // The stored value without copying it, for large values read often (the upload queues).
+  // Stores that keep values immutable override it; the default copies through get().
+  virtual std::shared_ptr<const PlistValue> getShared(std::string_view key) const {
+    auto value = get(key);
+    return value ? std::make_shared<const PlistValue>(std::move(*value)) : nullptr;
+  }
   virtual void set(std::string_view key, PlistValue value) = 0;
   virtual void remove(std::string_view key) = 0;
   virtual std::vector<std::string> keys() const = 0;

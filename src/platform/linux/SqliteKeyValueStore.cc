@@ -114,6 +114,12 @@ class SqliteKeyValueStore final : public KeyValueStore {
     return *found;  // values are immutable once stored, so the copy needs no lock
   }
 
+  std::shared_ptr<const PlistValue> getShared(std::string_view key) const override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    auto it = values_.find(key);
+    return it == values_.end() ? nullptr : it->second;
+  }
+
   void set(std::string_view key, PlistValue value) override {
     enqueue(key, std::make_shared<const PlistValue>(std::move(value)));
   }

@@ -1,0 +1,116 @@
+// Requests end to end on the Linux platform (thread queues, SQLite suite, a device replaying
+// motion at 100 Hz in real time) once three seconds of motion are buffered:
+// - instantContext: head, motion features, every default signal, the control rule, the
+//   creation log encoded and handed over; the call's duration, on the caller's thread;
+// - fetchContext whose window is already there: from the call until its callback runs on the
+//   main queue.
+// Each reports the median and 99th percentile over every iteration.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "logging/OrvaneLogSender.h"
+#include "orvane/Context.h"
+#include "orvane/ContextManager.h"
+#include "orvane/platform/MotionService.h"
+#include "orvane/platform/Platform.h"
+
+namespace {
+
+using namespace orvane;
+using Clock = std::chrono::steady_clock;
+
+// A hand moving gently: enough variation for every motion feature to be computed.
+std::optional<DeviceMotion> gentleMotion(uint64_t i) {
+  DeviceMotion motion;
+  const double t = static_cast<double>(i) / 100.0;
+  motion.userAcceleration = {0.05 * std::sin(6.0 * t), 0.03 * std::cos(4.0 * t), 0.01};
+  motion.gravity = {0, -0.7, -0.7};
+  return motion;
+}
+
+std::unique_ptr<ContextManager> readyManager() {
+  const std::string dir = std::filesystem::temp_directory_path() / "orvane-bench-requests";
+  std::filesystem::remove_all(dir);
+  setenv("ORVANE_DATA_DIR", dir.c_str(), 1);
+  Platform platform = Platform::defaultPlatform();
+  platform.http = nullptr;  // nothing leaves the machine
+  platform.motion = makeReplayMotionService(platform.clock, 100, gentleMotion);
+  auto manager = std::make_unique<ContextManager>(platform, ContextManagerIsSupported::kSupported);
+  manager->setupWith("KEY-0123456789abcdef", {}, std::nullopt, Configuration{});
+  // The app is active and instant contexts are on: the sensor samples from now on.
+  std::this_thread::sleep_for(std::chrono::milliseconds(3500));
+  return manager;
+}
+
+void reportPercentiles(benchmark::State& state, std::vector<double> micros) {
+  if (micros.empty()) return;
+  std::sort(micros.begin(), micros.end());
+  state.counters["p50_us"] = micros[micros.size() / 2];
+  state.counters["p99_us"] = micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
+}
+
+// Lets the creation log reach the store before the next request, as between real requests,
+// so a backlog of writes does not compete with the requests measured.
+void waitUntilLogsStored(ContextManager& manager) {
+  manager.platform().executors->mainQueue()->sync([] {});
+  std::promise<void> stored;
+  manager.orvaneLogSender().onQueue([&stored] { stored.set_value(); });
+  stored.get_future().wait();
+}
+
+double microsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
+
+void BM_InstantContextWithBufferedMotion(benchmark::State& state) {
+  static std::unique_ptr<ContextManager> manager = readyManager();
+  std::vector<double> micros;
+  bool hadMotion = true;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    auto context =
+        manager->requestInstantContext("bench_instant", 3, {}, MethodUsed::kInstantContext);
+    micros.push_back(microsSince(start));
+    state.SetIterationTime(micros.back() / 1e6);
+    benchmark::DoNotOptimize(context);
+    hadMotion = hadMotion && context && context->signals().size() > 300;
+    waitUntilLogsStored(*manager);
+  }
+  if (!hadMotion) state.SkipWithError("a context was served without its motion signals");
+  reportPercentiles(state, std::move(micros));
+}
+BENCHMARK(BM_InstantContextWithBufferedMotion)
+    ->Unit(benchmark::kMicrosecond)
+    ->Iterations(2000)
+    ->UseManualTime();
+
+void BM_FetchContextWindowPresent(benchmark::State& state) {
+  static std::unique_ptr<ContextManager> manager = readyManager();
+  std::vector<double> micros;
+  for (auto _ : state) {
+    std::promise<double> answered;
+    const auto start = Clock::now();
+    manager->requestFetchContext(
+        "bench_fetch", 3, {},
+        [&answered, start](std::shared_ptr<Context>) { answered.set_value(microsSince(start)); },
+        MethodUsed::kFetchContext);
+    micros.push_back(answered.get_future().get());
+    state.SetIterationTime(micros.back() / 1e6);
+    waitUntilLogsStored(*manager);
+  }
+  reportPercentiles(state, std::move(micros));
+}
+BENCHMARK(BM_FetchContextWindowPresent)
+    ->Unit(benchmark::kMicrosecond)
+    ->Iterations(2000)
+    ->UseManualTime();
+
+}  // namespace
