@@ -75,8 +75,8 @@ TEST(DemoRun, TenSecondsReachTheServiceApplyTheUpdateAndWriteTheReport) {
   EXPECT_GT(
       queryNumber(database, "SELECT COUNT(*) FROM uploads WHERE answered BETWEEN 200 AND 202"), 1);
   EXPECT_EQ(queryNumber(database, "SELECT MAX(last_ota_update) FROM uploads"), 1);
-  // Each of the three flows reached it.
-  EXPECT_EQ(queryNumber(database, "SELECT COUNT(DISTINCT flow) FROM events"), 3);
+  // Each flow that asks on its own reached it (the observed one may not fire in ten seconds).
+  EXPECT_GE(queryNumber(database, "SELECT COUNT(DISTINCT flow) FROM events"), 3);
 
   const std::string html = readFile(report);
   for (const char* section : {"id=\"motion-decisions\"", "id=\"decisions-per-flow\"",

@@ -225,6 +225,10 @@ bool DemoRun::installPlatform() {
 }
 
 void DemoRun::scheduleFlow(const FlowPlan& flow, double t) {
+  if (flow.form == RequestForm::kObserver) {
+    scheduler_.at(t, [this, flow] { app_->request(flow); });
+    return;
+  }
   // Stop asking once an answer could no longer come before the end.
   if (t > script_.length - flow.seconds - 1) return;
   scheduler_.at(t, [this, flow, t] {
@@ -257,11 +261,12 @@ void DemoRun::scheduleScript() {
                             1;
     writePayloadFile(payloadFile_, makeUpdatePayload(version, options_.service, script_));
     recorder_->note("service", "answers uploads with update v" + std::to_string(version) + ": " +
-                                   kModelFlow + " gets model " + kModelVersion + ", " +
-                                   kCappedFlow + " at most once per " +
+                                   kModelFlow + " and " + kObservedFlow + " get model " +
+                                   kModelVersion + ", " + kCappedFlow + " at most once per " +
                                    formatSeconds(script_.atMostOncePer) + ", " + kDueFlow +
                                    " at least once per " + formatSeconds(script_.atLeastEvery) +
-                                   ", new settings");
+                                   ", observers evaluated every " +
+                                   formatSeconds(script_.observerPolling));
   });
   scheduler_.at(script_.outageAt, [this] {
     if (client_->scriptFaults({"503"})) {

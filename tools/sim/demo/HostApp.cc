@@ -136,11 +136,18 @@ void HostApp::request(const FlowPlan& flow) {
       onContext(ContextManager::instantContext(flow.name, flow.seconds, signals));
       break;
     }
+    case RequestForm::kObserver:
+      // Called once, at the flow's first good moment; the app registers again afterwards.
+      ContextManager::registerContextObserver(flow.name, onContext);
+      break;
   }
 }
 
 void HostApp::cancelWaitingRequests() {
-  for (const FlowPlan& flow : script_.flows) ContextManager::cancelContextCallback(flow.name);
+  for (const FlowPlan& flow : script_.flows) {
+    if (flow.form == RequestForm::kObserver) ContextManager::unregisterContextObserver(flow.name);
+    ContextManager::cancelContextCallback(flow.name);
+  }
 }
 
 void HostApp::decided(const FlowPlan& flow, const std::shared_ptr<Context>& context,
@@ -152,9 +159,15 @@ void HostApp::decided(const FlowPlan& flow, const std::shared_ptr<Context>& cont
   recorder_->edit([&](RunRecord& r) { r.decisions.push_back(d); });
   recorder_->note("decision", padded(flow.name) + " " + padded(d.method, 15) + describe(d));
 
+  const bool observed = flow.form == RequestForm::kObserver;
   if (!d.upsell || !isActive()) {
-    // Nothing shown. A flow whose model said no has its outcome logged already.
-    context->logIfNotLoggedYet(EventOutcome::kSkipped);
+    // Nothing shown. A flow whose model said no has its outcome logged already; an observer's
+    // context takes no skipped outcome, and the app waits for the next good moment.
+    if (observed) {
+      request(flow);
+    } else {
+      context->logIfNotLoggedYet(EventOutcome::kSkipped);
+    }
     return;
   }
   std::weak_ptr<HostApp> weak = weak_from_this();
@@ -165,9 +178,12 @@ void HostApp::decided(const FlowPlan& flow, const std::shared_ptr<Context>& cont
 
 void HostApp::answer(const FlowPlan& flow, const std::shared_ptr<Context>& context) {
   const double now = recorder_->now();
+  // An observed flow waits for its next good moment once this one is over.
+  const bool observeAgain = flow.form == RequestForm::kObserver && now < script_.length - 1;
   if (!isActive()) {
     // The creation record waits in the queue of unanswered contexts.
     recorder_->note("user", padded(flow.name) + " left the app before answering");
+    if (observeAgain) request(flow);
     return;
   }
   const EventOutcome outcome = user_.answer(flow.name, script_.postureAt(now));
@@ -178,6 +194,7 @@ void HostApp::answer(const FlowPlan& flow, const std::shared_ptr<Context>& conte
   recorder_->note("user", padded(flow.name) + " " +
                               (static_cast<int>(outcome) > 0 ? "says yes, " : "says no, ") +
                               shortName(outcome));
+  if (observeAgain) request(flow);
   if (outcome == EventOutcome::kPositiveConverted && !upgraded_) {
     upgraded_ = true;
     ContextManager::setGlobalCustomSignal("plan", "trial");

@@ -36,6 +36,8 @@ const char* describe(RequestForm form) {
       return "instantContext";
     case RequestForm::kOptimize:
       return "optimize";
+    case RequestForm::kObserver:
+      return "observer";
   }
   return "";
 }
@@ -65,11 +67,14 @@ Script makeScript(double seconds) {
   s.statusEvery = std::max(5 * k, 2.0);
   s.atMostOncePer = std::max(4 * k, 1.5);
   s.atLeastEvery = std::max(8 * k, 2.0);
+  s.observerPolling = std::max(8 * k, 2.0);
   // The model flow waits for the three seconds of motion its model reads.
   s.flows = {
       {kModelFlow, RequestForm::kOptimize, 1.0 * std::min(k, 1.0), std::max(5 * k, 2.0), 3},
       {kCappedFlow, RequestForm::kFetchContext, 0.5 * std::min(k, 1.0), std::max(3 * k, 1.5), 2},
       {kDueFlow, RequestForm::kInstantContext, 1.5 * std::min(k, 1.0), std::max(2.5 * k, 1.2), 3},
+      // Registered once at launch and again after each answer; the SDK evaluates it on 3 s.
+      {kObservedFlow, RequestForm::kObserver, 0, 0, 3},
   };
   return s;
 }

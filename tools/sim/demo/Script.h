@@ -17,15 +17,17 @@ enum class Posture { kTableFaceUp, kWalkingInHand, kTableFaceDown };
 const char* traceFileName(Posture posture);
 const char* describe(Posture posture);
 
-enum class RequestForm { kFetchContext, kInstantContext, kOptimize };
+// kObserver registers a context observer: the SDK evaluates the flow in the background and
+// calls back at its first good moment.
+enum class RequestForm { kFetchContext, kInstantContext, kOptimize, kObserver };
 const char* describe(RequestForm form);
 
 struct FlowPlan {
   std::string name;
   RequestForm form;
   double firstAt;  // seconds into the run
-  double period;   // seconds between requests while the app is active
-  int seconds;     // duration (fetch, instant) or maxDelay (optimize)
+  double period;   // seconds between requests while the app is active (not for observers)
+  int seconds;     // duration (fetch, instant), maxDelay (optimize), evaluation (observer)
 };
 
 struct PostureSpan {
@@ -47,6 +49,8 @@ struct Script {
   // at least one per `atLeastEvery` seconds in another.
   double atMostOncePer = 4;
   double atLeastEvery = 8;
+  // How often the SDK evaluates observed flows once the update sets it.
+  double observerPolling = 8;
   std::vector<FlowPlan> flows;
 
   Posture postureAt(double t) const;
@@ -57,9 +61,11 @@ struct Script {
 Script makeScript(double seconds);
 
 // The flows by role: the one the update gives a model, the one it limits to one upsell per
-// span, the one it makes act at least once per span.
+// span, the one it makes act at least once per span, and the one the app observes (it gets the
+// model too).
 inline constexpr const char* kModelFlow = "article_paywall";
 inline constexpr const char* kCappedFlow = "level_end_interstitial";
 inline constexpr const char* kDueFlow = "settings_banner";
+inline constexpr const char* kObservedFlow = "home_screen_offer";
 
 }  // namespace orvane::sim::demo

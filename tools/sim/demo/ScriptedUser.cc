@@ -21,6 +21,7 @@ EventOutcome ScriptedUser::answer(const std::string& flow, Posture posture) {
   }
   if (flow == kModelFlow) return EventOutcome::kPositiveConverted;
   if (flow == kCappedFlow) return EventOutcome::kPositiveAdTapped;
+  if (flow == kObservedFlow) return EventOutcome::kPositive;
   return EventOutcome::kPositiveInteracted;
 }
 

@@ -1,5 +1,7 @@
 #include "UpdatePayload.h"
 
+#include <cmath>
+
 namespace orvane::sim::demo {
 
 using nlohmann::json;
@@ -17,16 +19,18 @@ int secondsOf(const Script& script, const std::string& flow) {
 
 json makeUpdatePayload(int64_t version, const std::string& serviceURL, const Script& script) {
   auto seconds = [](double value) { return json{{"unit", "seconds"}, {"value", value}}; };
+  const json model = {{"isControl", false},
+                      {"modelUrl", serviceURL + "/models/" + kModelFile},
+                      {"modelVersion", kModelVersion},
+                      {"upsellThreshold", 0.5},
+                      {"randomUpsellChance", 0.05},
+                      {"supportedDuration", 3},
+                      {"useInstantContext", false}};
   json flows = {
       // The model judges the moment; a bad one still upsells now and then, to keep learning.
-      {kModelFlow,
-       {{"isControl", false},
-        {"modelUrl", serviceURL + "/models/" + kModelFile},
-        {"modelVersion", kModelVersion},
-        {"upsellThreshold", 0.5},
-        {"randomUpsellChance", 0.05},
-        {"supportedDuration", 3},
-        {"useInstantContext", false}}},
+      {kModelFlow, model},
+      // The same model picks the observed flow's good moments (observers evaluate 3 s too).
+      {kObservedFlow, model},
       // Always upsell, but at most once per span.
       {kCappedFlow,
        {{"isControl", true},
@@ -50,7 +54,8 @@ json makeUpdatePayload(int64_t version, const std::string& serviceURL, const Scr
             {"configuration",
              {{"errorReportingSampleRate", 1.0},
               {"additionalAccelDataSampleRate", 0.1},
-              {"automaticEntryPointPollingIntervalSeconds", 10}}}}}};
+              {"automaticEntryPointPollingIntervalSeconds",
+               static_cast<int64_t>(std::lround(script.observerPolling))}}}}}};
 }
 
 }  // namespace orvane::sim::demo
