@@ -1,5 +1,5 @@
-// The demo's own arithmetic: the script of a short run, the accounting of records in the
-// summary, and a report that stays well-formed for any run.
+// The demo's own arithmetic: the script of a short run, the update the service offers, the
+// accounting of records in the summary, and a report that stays well-formed for any run.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,6 +7,10 @@
 #include "Report.h"
 #include "Script.h"
 #include "Summary.h"
+#include "UpdatePayload.h"
+#include "config/ServerPayload.h"
+#include "testutil/FakePlatform.h"
+#include "timing/Timing.h"
 
 namespace orvane::sim::demo {
 namespace {
@@ -32,6 +36,34 @@ TEST(DemoScript, AShortRunKeepsEveryMomentInOrderAndEveryFlowAsks) {
   EXPECT_EQ(minute.postureAt(30), Posture::kWalkingInHand);
   EXPECT_EQ(minute.postureAt(59.9), Posture::kTableFaceDown);
   EXPECT_FALSE(minute.isActiveAt((minute.resignAt + minute.becomeActiveAt) / 2));
+}
+
+// The SDK takes a flow's assignment only when it was made for the duration the flow asks for,
+// and turns the timing rules into windows only when they are valid.
+TEST(DemoUpdate, EveryFlowGetsAnAssignmentTheSdkUsesAsIntended) {
+  const Script script = makeScript(10);
+  std::string why;
+  const auto payload =
+      decodeServerPayload(makeUpdatePayload(7, "http://127.0.0.1:9", script).dump(), &why);
+  ASSERT_TRUE(payload && payload->updateData) << why;
+  const ServerUpdatePayload& update = *payload->updateData;
+  EXPECT_EQ(update.version, 7);
+  orvane::testing::RecordingErrorReporter reports;
+  for (const FlowPlan& flow : script.flows) {
+    ASSERT_TRUE(update.modelInfoPerFlow.count(flow.name)) << flow.name;
+    const ServerModelInfo& info = update.modelInfoPerFlow.at(flow.name);
+    EXPECT_EQ(info.supportedDuration, flow.seconds) << flow.name;
+    EXPECT_EQ(info.useInstantContext, flow.form == RequestForm::kInstantContext) << flow.name;
+    if (!info.isControl) {
+      EXPECT_EQ(info.modelUrl, std::string("http://127.0.0.1:9/models/") + kModelFile);
+    }
+    if (info.timingConfiguration) {
+      EXPECT_TRUE(toClient(*info.timingConfiguration, reports)) << flow.name;
+    }
+  }
+  EXPECT_EQ(reports.reports().size(), 0u);
+  EXPECT_EQ(update.configuration->automaticEntryPointPollingIntervalSeconds,
+            std::lround(script.observerPolling));
 }
 
 Exchange upload(std::vector<std::string> ids, int status) {
@@ -107,6 +139,33 @@ TEST(DemoReport, EscapesNamesAndStaysFiniteForAnEmptyRun) {
   }
   EXPECT_EQ(std::count(html.begin(), html.end(), '<') - std::count(html.begin(), html.end(), '>'),
             0);
+}
+
+// The charts' lines: the queue as steps (across, then up or down), and no motion drawn across
+// a stretch without samples.
+TEST(DemoReport, QueueStepsAndMotionGaps) {
+  RunRecord r;
+  r.length = 10;
+  r.queue = {{0, 0, 0, 0}, {5, 3, 1, 30}};
+  for (double t = 0; t < 2; t += 0.01) r.motion.push_back({t, 0.01});
+  for (double t = 6; t < 8; t += 0.01) r.motion.push_back({t, 0.2});
+  const std::string html = renderReport(r, summarize(r));
+
+  const auto pathOf = [&](const std::string& cls) {
+    const std::string head = "<path class=\"" + cls + "\" d=\"";
+    const size_t at = html.find(head);
+    if (at == std::string::npos) return std::string();
+    const size_t from = at + head.size();
+    return html.substr(from, html.find('"', from) - from);
+  };
+  const std::string main = pathOf("main");
+  ASSERT_FALSE(main.empty());
+  EXPECT_EQ(main.rfind("M", 0), 0u) << main;
+  EXPECT_EQ(std::count(main.begin(), main.end(), 'H'), 1) << main;
+  EXPECT_EQ(std::count(main.begin(), main.end(), 'V'), 1) << main;
+  EXPECT_NE(main.find('V', main.find('H')), std::string::npos) << main;
+  const std::string motion = pathOf("motion");
+  EXPECT_EQ(std::count(motion.begin(), motion.end(), 'M'), 2) << motion;
 }
 
 }  // namespace
