@@ -3,11 +3,12 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <iostream>
-#include <set>
+#include <thread>
 
 #include "DevService.h"
 #include "HostApp.h"
@@ -342,6 +343,19 @@ void DemoRun::flush() {
     tick();
     if (sender.mainQueue().empty()) break;
   }
+  // An update that came with the last answers is applied on the model store's own queue
+  // (download, compile); give it a moment so the summary tells the truth.
+  int64_t offered = 0;
+  recorder_->edit([&](RunRecord& r) {
+    for (const Exchange& e : r.exchanges) offered = std::max(offered, e.updateVersion.value_or(0));
+  });
+  const auto applied = [&] {
+    return manager.userDefaultsProvider()->integer("ota_last_applied_version").value_or(0);
+  };
+  for (int i = 0; i < 50 && applied() < offered; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  tick();
 }
 
 void DemoRun::finish() {

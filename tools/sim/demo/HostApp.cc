@@ -106,7 +106,10 @@ void HostApp::launch(const std::string& key, const std::string& serviceURL) {
   ContextManager::setGlobalCustomSignal("plan", "free");
 }
 
-void HostApp::becomeActive() { application_->becomeActive(); }
+void HostApp::becomeActive() {
+  ++sessions_;
+  application_->becomeActive();
+}
 void HostApp::resignActive() { application_->resignActive(); }
 bool HostApp::isActive() const {
   return application_->applicationState() == ApplicationState::kActive;
@@ -114,7 +117,7 @@ bool HostApp::isActive() const {
 
 void HostApp::request(const FlowPlan& flow) {
   const double askedAt = recorder_->now();
-  ++requestNumber_;
+  const int number = ++requestNumber_;
   std::weak_ptr<HostApp> weak = weak_from_this();
   auto onContext = [weak, flow, askedAt](const std::shared_ptr<Context>& context) {
     if (auto app = weak.lock(); app && context) app->decided(flow, context, askedAt);
@@ -122,12 +125,12 @@ void HostApp::request(const FlowPlan& flow) {
   switch (flow.form) {
     case RequestForm::kOptimize: {
       // The model of this flow reads how many sessions the user has had.
-      const CustomSignalList signals = {CustomSignalInt("sessions", 3 + requestNumber_ / 10)};
+      const CustomSignalList signals = {CustomSignalInt("sessions", sessions_.load())};
       ContextManager::optimize(flow.name, flow.seconds, signals, onContext);
       break;
     }
     case RequestForm::kFetchContext: {
-      const CustomSignalList signals = {CustomSignalInt("level", requestNumber_)};
+      const CustomSignalList signals = {CustomSignalInt("level", number)};
       ContextManager::fetchContext(flow.name, flow.seconds, signals, onContext);
       break;
     }

@@ -4,6 +4,7 @@
 // three different ways, and the user's answer logged as the outcome.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -44,8 +45,10 @@ class HostApp : public std::enable_shared_from_this<HostApp> {
   Scheduler& scheduler_;
   ScriptedUser& user_;
   const std::shared_ptr<HostApplicationService> application_;
-  int requestNumber_ = 0;
-  bool upgraded_ = false;
+  // Requests come from the demo's thread and, for the observer, from the main queue.
+  std::atomic<int> requestNumber_{0};
+  std::atomic<int> sessions_{0};  // the app's own count, read by the model flow's model
+  bool upgraded_ = false;         // the demo's thread only
 };
 
 }  // namespace orvane::sim::demo

@@ -57,10 +57,10 @@ Script makeScript(double seconds) {
   s.postures = {{0, 0.3 * L, Posture::kTableFaceUp},
                 {0.3 * L, 0.7 * L, Posture::kWalkingInHand},
                 {0.7 * L, L, Posture::kTableFaceDown}};
-  // The update lands while the device lies still, the outage early enough that the back-off
-  // of a one-minute run runs out before the end.
-  s.updateAt = 0.2 * L;
-  s.outageAt = 0.35 * L;
+  // The update lands while the device lies still, with time for uploads to fetch it before the
+  // outage, which comes early enough that the back-off of a one-minute run runs out.
+  s.updateAt = 0.15 * L;
+  s.outageAt = 0.4 * L;
   s.recoveryAt = 0.45 * L;
   s.resignAt = 0.55 * L;
   s.becomeActiveAt = 0.62 * L;
