@@ -19,8 +19,10 @@
 #include "logging/OrvaneLogSender.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
+#include "orvane/platform/ApplicationService.h"
 #include "orvane/platform/MotionService.h"
 #include "orvane/platform/Platform.h"
+#include "util/UserDefaultsProvider.h"
 
 namespace {
 
@@ -45,6 +47,10 @@ std::unique_ptr<ContextManager> readyManager() {
   platform.motion = makeReplayMotionService(platform.clock, 100, gentleMotion);
   auto manager = std::make_unique<ContextManager>(platform, ContextManagerIsSupported::kSupported);
   manager->setupWith("KEY-0123456789abcdef", {}, std::nullopt, Configuration{});
+  // The host reports its app active, as on launch: the sensor samples from then on.
+  if (auto host = std::dynamic_pointer_cast<HostApplicationService>(platform.application)) {
+    host->becomeActive();
+  }
   // The app is active and instant contexts are on: the sensor samples from now on.
   std::this_thread::sleep_for(std::chrono::milliseconds(3500));
   return manager;
@@ -64,6 +70,14 @@ void waitUntilLogsStored(ContextManager& manager) {
   std::promise<void> stored;
   manager.orvaneLogSender().onQueue([&stored] { stored.set_value(); });
   stored.get_future().wait();
+  manager.userDefaultsProvider()->synchronize();
+}
+
+bool hasValidMotion(const SignalList& signals) {
+  for (const Signal& s : signals) {
+    if (s.id() == SignalEnum::id(192)) return s.value() == SignalValue(true);
+  }
+  return false;
 }
 
 double microsSince(Clock::time_point start) {
@@ -81,7 +95,7 @@ void BM_InstantContextWithBufferedMotion(benchmark::State& state) {
     micros.push_back(microsSince(start));
     state.SetIterationTime(micros.back() / 1e6);
     benchmark::DoNotOptimize(context);
-    hadMotion = hadMotion && context && context->signals().size() > 300;
+    hadMotion = hadMotion && context && hasValidMotion(context->signals());
     waitUntilLogsStored(*manager);
   }
   if (!hadMotion) state.SkipWithError("a context was served without its motion signals");

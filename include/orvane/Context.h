@@ -99,6 +99,10 @@ class Context : public std::enable_shared_from_this<Context> {
   // Entries replace earlier entries of the same id and go to the end, in the given order.
   void appendOutcomeMetadata(const CustomSignalList& metadata) noexcept;
 
+  // A report for checking the integration on a device: support, model mode, number of
+  // signals, flow name, motion data and SDK version, one finding per line. Only reads.
+  std::string validate() const noexcept;
+
   // Revenue forms: append the purchase's metadata (replacing earlier entries of the same
   // keys), then log `outcome` as any outcome is logged. The IfNotLoggedYet forms do neither
   // once an outcome has been logged.
@@ -122,6 +126,8 @@ class Context : public std::enable_shared_from_this<Context> {
   void logWithArbitraryOutcome(int outcome, EventType eventType) noexcept;
   // A copy of the context's current signals.
   SignalList signals() const;
+  // Adds signals after creation; a repeated id is reported, as at creation.
+  void appendSignals(const SignalList& signals);
   CustomSignalList outcomeMetadata() const;
   // Seconds from creation to the decision.
   double secondsBetweenCreatedAndShouldUpsellChecked() const noexcept { return secondsToDecision_; }

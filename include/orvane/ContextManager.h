@@ -35,6 +35,7 @@ class ModelExecutor;
 class TimingCoordinator;
 class PeriodicContextEvaluator;
 class AccelerometerSensor;
+class ActivityRecognitionManager;
 class AppLaunchSignalsGenerator;
 class AppLaunchReasonSignalsGenerator;
 class StaticSignalsGenerator;
@@ -121,6 +122,22 @@ class ContextManager {
   // The flow is not evaluated any more; with no observer left, no round is scheduled.
   static void unregisterContextObserver(const std::string& flowName) noexcept;
 
+  // ---- Tracked events: each logs a context of its own at once ----------------------------
+  // `name` is the context's flow name; the context carries 3 seconds of motion data.
+  static void trackEvent(const std::string& name,
+                         const CustomSignalList& customSignals = {}) noexcept;
+  static void trackPageView(const std::string& name,
+                            const CustomSignalList& customSignals = {}) noexcept;
+  static void trackUserAction(const std::string& name,
+                              const CustomSignalList& customSignals = {}) noexcept;
+
+  // ---- Golden signals: selected values of a logged context for an ad bid ------------------
+  // "ctxId" ties the bid to the logged context; "c<id>" keys hold the configured signals in
+  // their own types, "u_<activity>_<tagger version>" the activity scores (floats), and
+  // "contextDuration" the seconds of motion data when the service asks for it.
+  static PlistDictionary goldenSignals(const std::optional<std::string>& trigger,
+                                       const std::optional<std::string>& bidID) noexcept;
+
   // ---- Global custom signals: added to every later log -----------------------------------
   // Setting an id that is already present replaces its value in place.
   static void setGlobalCustomSignal(const std::string& id, bool value) noexcept;
@@ -183,6 +200,11 @@ class ContextManager {
   void registerContextObserverFor(const std::string& flowName,
                                   ContextCallback callbackOnFirstGoodMoment) noexcept;
   void unregisterContextObserverFor(const std::string& flowName) noexcept;
+
+  void recordTrackedEvent(const std::string& name, const CustomSignalList& customSignals,
+                          MethodUsed method, EventType eventType) noexcept;
+  PlistDictionary collectGoldenSignals(const std::optional<std::string>& trigger,
+                                       const std::optional<std::string>& bidID) noexcept;
   // The signals every request carries after its head and motion signals.
   SignalList allDefaultSignals();
 
@@ -224,6 +246,8 @@ class ContextManager {
   RemoteConfiguration& remoteConfiguration();
   PeriodicContextEvaluator& periodicContextEvaluator();
   AccelerometerSensor& accelerometerSensor();
+  // Reads its models from "Orvane.bundle" in the platform's SDK resource directory.
+  ActivityRecognitionManager& activityRecognitionManager();
   TimingCoordinator& timingCoordinator();
   ModelExecutor& modelExecutor();
   GeoIPSignalGenerator& geoIPSignalGenerator();
@@ -298,6 +322,7 @@ class ContextManager {
   Lazy<RemoteConfiguration> remoteConfiguration_;
   Lazy<PeriodicContextEvaluator> periodicEvaluator_;
   Lazy<AccelerometerSensor> accelerometerSensor_;
+  Lazy<ActivityRecognitionManager> activityRecognition_;
   Lazy<TimingCoordinator> timingCoordinator_;
   Lazy<ModelExecutor> modelExecutor_;
   Lazy<GeoIPSignalGenerator> geoIPSignals_;

@@ -428,6 +428,11 @@ SignalList Context::signals() const {
   return signalsManager_->signals();
 }
 
+void Context::appendSignals(const SignalList& signals) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  signalsManager_->append(signals);
+}
+
 CustomSignalList Context::outcomeMetadata() const {
   std::lock_guard<std::mutex> guard(mutex_);
   return outcomeMetadata_;

@@ -21,6 +21,7 @@
 #include "models/CoreMLModelManager.h"
 #include "models/ModelExecutor.h"
 #include "motion/AccelerometerSensor.h"
+#include "motion/ActivityRecognitionManager.h"
 #include "orvane/Context.h"
 #include "orvane/Log.h"
 #include "timing/FlowTimingSignalsGenerator.h"
@@ -81,7 +82,7 @@ ContextManager::ContextManager(Platform platform,
       initializationDate_(dateProvider_->currentDate()),
       bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
       appLaunchSignals_(std::make_unique<AppLaunchSignalsGenerator>(dateProvider_, defaults_,
-                                                                   platform_.calendar)),
+                                                                    platform_.calendar)),
       launchReason_(std::make_unique<AppLaunchReasonSignalsGenerator>()),
       flowTimingSignals_(std::make_unique<FlowTimingSignalsGenerator>(dateProvider_, defaults_)),
       internetSignals_(
@@ -284,6 +285,18 @@ AccelerometerSensor& ContextManager::accelerometerSensor() {
     };
     return std::make_unique<AccelerometerSensor>(std::move(environment),
                                                  configuration().enableInstantContext);
+  });
+}
+
+ActivityRecognitionManager& ContextManager::activityRecognitionManager() {
+  return lazily(activityRecognition_.once, activityRecognition_.value, [this] {
+    ActivityRecognitionManager::Dependencies deps;
+    deps.configuration = [this] { return remoteConfiguration().getConfiguration(); };
+    deps.errorReporter = [this]() -> ErrorReporter& { return orvaneErrorReporting(); };
+    deps.modelRuntime = platform_.modelRuntime;
+    deps.fileSystem = platform_.fileSystem;
+    deps.resourceDirectory = platform_.bundle.sdkResourceDirectory;
+    return std::make_unique<ActivityRecognitionManager>(std::move(deps));
   });
 }
 

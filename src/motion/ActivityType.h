@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace orvane {
@@ -43,5 +44,11 @@ extern const std::array<ActivityType, kActivityTypeCount> kAllActivityTypes;
 std::string_view rawName(ActivityType activity);
 // None for any text that is not exactly one of the raw names (case matters).
 std::optional<ActivityType> activityTypeFromRawName(std::string_view name);
+
+// The activity's part of its model's resource name: "m" and five digits derived from the raw
+// name, so that the bundle's file names do not spell out what the models detect.
+std::string obfuscatedModelName(ActivityType activity);
+// The same rule over any raw value; every raw name is ASCII, one byte per character.
+std::string obfuscatedModelName(std::string_view rawValue);
 
 }  // namespace orvane

@@ -15,6 +15,7 @@
 #include "motion/AccelerometerSensor.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
+#include "orvane/platform/ApplicationService.h"
 #include "orvane/platform/MotionService.h"
 #include "orvane/platform/Platform.h"
 #include "orvane/platform/SystemLog.h"
@@ -45,6 +46,8 @@ struct Ledger {
   std::atomic<int> answeredSteady{0};
   std::atomic<int> issuedCancellable{0};
   std::atomic<int> answeredCancellable{0};
+  std::atomic<int> observersRegistered{0};
+  std::atomic<int> observersFired{0};
   std::atomic<int> calledTwice{0};
   std::atomic<int> offMainQueue{0};
   std::atomic<int> logsFromCallbacks{0};
@@ -55,10 +58,22 @@ class StressHost {
   explicit StressHost(ContextManager& manager) : manager_(manager) {}
 
   // One callback per request; it calls back into the SDK as hosts do.
-  ContextManager::ContextCallback callback(bool cancellable) {
-    (cancellable ? ledger.issuedCancellable : ledger.issuedSteady)++;
+  enum class Kind { kSteady, kCancellable, kObserver };
+  static std::atomic<int>& issued(Ledger& l, Kind kind) {
+    return kind == Kind::kSteady        ? l.issuedSteady
+           : kind == Kind::kCancellable ? l.issuedCancellable
+                                        : l.observersRegistered;
+  }
+  static std::atomic<int>& answered(Ledger& l, Kind kind) {
+    return kind == Kind::kSteady        ? l.answeredSteady
+           : kind == Kind::kCancellable ? l.answeredCancellable
+                                        : l.observersFired;
+  }
+
+  ContextManager::ContextCallback callback(Kind kind) {
+    issued(ledger, kind)++;
     auto called = std::make_shared<std::atomic<bool>>(false);
-    return [this, cancellable, called](std::shared_ptr<Context> context) {
+    return [this, kind, called](std::shared_ptr<Context> context) {
       if (called->exchange(true)) ledger.calledTwice++;
       if (!manager_.platform().executors->mainQueue()->isCurrent()) ledger.offMainQueue++;
       if (context) {
@@ -66,7 +81,7 @@ class StressHost {
         manager_.recentContextForFlow(context->flowName());
         ledger.logsFromCallbacks++;
       }
-      (cancellable ? ledger.answeredCancellable : ledger.answeredSteady)++;
+      answered(ledger, kind)++;
     };
   }
 
@@ -75,22 +90,22 @@ class StressHost {
     auto pick = [&random](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
     while (std::chrono::steady_clock::now() < until) {
       const std::string steady = pick(2) == 0 ? "steady_a" : "steady_b";
-      switch (pick(9)) {
+      switch (pick(10)) {
         case 0:
-          manager_.requestFetchContext(steady, 1 + pick(2), {}, callback(false),
+          manager_.requestFetchContext(steady, 1 + pick(2), {}, callback(Kind::kSteady),
                                        MethodUsed::kFetchContext);
           break;
         case 1:
-          manager_.requestFetchContext("cancellable", 2, {}, callback(true),
+          manager_.requestFetchContext("cancellable", 2, {}, callback(Kind::kCancellable),
                                        MethodUsed::kFetchContext);
           break;
         case 2: {
           const std::optional<int64_t> delays[] = {std::nullopt, 0, 1};
-          manager_.requestOptimize(steady, delays[pick(3)], {}, callback(false));
+          manager_.requestOptimize(steady, delays[pick(3)], {}, callback(Kind::kSteady));
           break;
         }
         case 3:
-          manager_.requestCalibrate(steady, pick(2), {}, callback(false));
+          manager_.requestCalibrate(steady, pick(2), {}, callback(Kind::kSteady));
           break;
         case 4:
           if (auto context =
@@ -107,6 +122,13 @@ class StressHost {
           break;
         case 7:
           manager_.removeGlobalCustomSignals("level");
+          break;
+        case 8:
+          if (pick(2) == 0) {
+            manager_.registerContextObserverFor(steady, callback(Kind::kObserver));
+          } else {
+            manager_.unregisterContextObserverFor(steady);
+          }
           break;
         default:
           if (auto context = manager_.recentContextForFlow(steady)) {
@@ -147,6 +169,10 @@ TEST(ConcurrentRequestsStressTest, EveryCallbackIsCalledOnceOnTheMainQueueOrCanc
   Configuration configuration;
   configuration.enableInstantContext = true;
   manager->setupWith("KEY-0123456789abcdef", {}, std::nullopt, configuration);
+  // The host reports its app active, as on launch: the sensor samples from then on.
+  if (auto host = std::dynamic_pointer_cast<HostApplicationService>(platform.application)) {
+    host->becomeActive();
+  }
   StressHost host(*manager);
 
   // The whole run under a watchdog: a deadlock fails the test instead of hanging CI.
@@ -161,6 +187,8 @@ TEST(ConcurrentRequestsStressTest, EveryCallbackIsCalledOnceOnTheMainQueueOrCanc
   ASSERT_EQ(run.wait_for(60s), std::future_status::ready) << "host threads never finished";
 
   Ledger& ledger = host.ledger;
+  manager->unregisterContextObserverFor("steady_a");
+  manager->unregisterContextObserverFor("steady_b");
   // Requests that nobody cancels are all served once their window is there.
   EXPECT_TRUE(eventually([&] { return ledger.answeredSteady == ledger.issuedSteady; }, 20s))
       << ledger.answeredSteady << " of " << ledger.issuedSteady << " answered";
@@ -171,9 +199,13 @@ TEST(ConcurrentRequestsStressTest, EveryCallbackIsCalledOnceOnTheMainQueueOrCanc
   EXPECT_EQ(ledger.answeredCancellable, cancellableAnswered) << "a cancelled callback ran";
   EXPECT_LE(ledger.answeredCancellable, ledger.issuedCancellable);
 
-  std::printf("steady %d, cancellable %d issued (%d answered), %d logs from callbacks\n",
-              ledger.issuedSteady.load(), ledger.issuedCancellable.load(),
-              ledger.answeredCancellable.load(), ledger.logsFromCallbacks.load());
+  std::printf(
+      "steady %d, cancellable %d issued (%d answered), observers %d (%d fired), "
+      "%d logs from callbacks\n",
+      ledger.issuedSteady.load(), ledger.issuedCancellable.load(),
+      ledger.answeredCancellable.load(), ledger.observersRegistered.load(),
+      ledger.observersFired.load(), ledger.logsFromCallbacks.load());
+  EXPECT_LE(ledger.observersFired, ledger.observersRegistered);
   EXPECT_GT(ledger.issuedSteady, 50);
   EXPECT_EQ(ledger.calledTwice, 0);
   EXPECT_EQ(ledger.offMainQueue, 0);

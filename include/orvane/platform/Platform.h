@@ -52,6 +52,14 @@ struct Platform {
   // means $ORVANE_MOTION_TRACE, and without it a device lying still. Call it before the
   // first ContextManager call for the shared manager to use it.
   static void setDefaultMotionTrace(std::string path);
+  // The folder holding the SDK's resource bundle ("Orvane.bundle", the activity models) that
+  // default platforms use as `bundle.sdkResourceDirectory`. In this order: the folder given to
+  // setDefaultResourceDirectory, $ORVANE_RESOURCE_DIR, then the first of these that holds the
+  // bundle: the running program's folder, "../share/orvane" beside it, the source tree's
+  // "resources" folder (programs run from a build tree). Empty when there is none.
+  static std::string defaultResourceDirectory();
+  // For hosts that move the bundle; call it before the first ContextManager call.
+  static void setDefaultResourceDirectory(std::string path);
 };
 
 }  // namespace orvane

@@ -1,9 +1,11 @@
 // The services of a Linux host, wired together. Tests build their own Platform from fakes;
 // this is what an application gets when it does not.
 #include <cstdlib>
+#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "orvane/platform/Platform.h"
 
@@ -14,6 +16,20 @@ std::optional<std::string> environment(const char* name) {
   const char* value = std::getenv(name);
   if (value == nullptr || *value == '\0') return std::nullopt;
   return std::string(value);
+}
+
+std::mutex& resourceDirectoryMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+std::string& chosenResourceDirectory() {
+  static std::string path;
+  return path;
+}
+
+bool holdsBundle(const std::filesystem::path& folder) {
+  std::error_code ec;
+  return std::filesystem::is_directory(folder / "Orvane.bundle", ec);
 }
 
 std::mutex& motionTraceMutex() {
@@ -49,6 +65,33 @@ void Platform::setDefaultMotionTrace(std::string path) {
   chosenMotionTrace() = std::move(path);
 }
 
+void Platform::setDefaultResourceDirectory(std::string path) {
+  std::lock_guard<std::mutex> guard(resourceDirectoryMutex());
+  chosenResourceDirectory() = std::move(path);
+}
+
+std::string Platform::defaultResourceDirectory() {
+  {
+    std::lock_guard<std::mutex> guard(resourceDirectoryMutex());
+    if (!chosenResourceDirectory().empty()) return chosenResourceDirectory();
+  }
+  if (auto dir = environment("ORVANE_RESOURCE_DIR")) return *dir;
+  std::error_code ec;
+  const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ec);
+  std::vector<std::filesystem::path> candidates;
+  if (!ec) {
+    candidates.push_back(program.parent_path());
+    candidates.push_back(program.parent_path().parent_path() / "share" / "orvane");
+  }
+#ifdef ORVANE_SOURCE_RESOURCE_DIR
+  candidates.emplace_back(ORVANE_SOURCE_RESOURCE_DIR);
+#endif
+  for (const auto& folder : candidates) {
+    if (holdsBundle(folder)) return folder.string();
+  }
+  return "";
+}
+
 std::string Platform::defaultDataDirectory() {
   if (auto dir = environment("ORVANE_DATA_DIR")) return *dir;
   if (auto dir = environment("XDG_DATA_HOME")) return *dir + "/orvane";
@@ -78,7 +121,7 @@ Platform Platform::defaultPlatform() {
   platform.network = makeLinuxNetworkPathService(platform.executors);
   platform.notifications = std::make_shared<HostNotificationSettingsService>();
   platform.bundle.bundleIdentifier = environment("ORVANE_BUNDLE_ID");
-  platform.bundle.sdkResourceDirectory = "";
+  platform.bundle.sdkResourceDirectory = defaultResourceDirectory();
   return platform;
 }
 
