@@ -70,8 +70,10 @@ TEST(DemoRun, TenSecondsReachTheServiceApplyTheUpdateAndWriteTheReport) {
       << demo.output;
   EXPECT_NE(demo.output.find("report: " + report.string()), std::string::npos) << demo.output;
 
-  // The service stored outcomes, accepted uploads, and later uploads name the applied update.
-  EXPECT_GT(queryNumber(database, "SELECT COUNT(*) FROM events WHERE outcome != -101"), 0);
+  // The service stored outcomes and the contexts logged for golden signals, accepted uploads,
+  // and later uploads name the applied update.
+  EXPECT_GT(queryNumber(database, "SELECT COUNT(*) FROM events WHERE outcome >= -3"), 0);
+  EXPECT_GT(queryNumber(database, "SELECT COUNT(*) FROM events WHERE outcome = -104"), 0);
   EXPECT_GT(
       queryNumber(database, "SELECT COUNT(*) FROM uploads WHERE answered BETWEEN 200 AND 202"), 1);
   EXPECT_EQ(queryNumber(database, "SELECT MAX(last_ota_update) FROM uploads"), 1);

@@ -173,10 +173,24 @@ void HostApp::decided(const FlowPlan& flow, const std::shared_ptr<Context>& cont
     }
     return;
   }
+  if (flow.bidsForAds) bidForAd(flow);
   std::weak_ptr<HostApp> weak = weak_from_this();
   scheduler_.at(d.t + user_.reactionTime(), [weak, flow, context] {
     if (auto app = weak.lock()) app->answer(flow, context);
   });
+}
+
+void HostApp::bidForAd(const FlowPlan& flow) {
+  const std::string bidID = "bid-" + std::to_string(++bids_);
+  const PlistDictionary golden = ContextManager::goldenSignals(flow.name, bidID);
+  GoldenBid bid{recorder_->now(), flow.name, bidID, golden.size()};
+  recorder_->edit([&](RunRecord& r) { r.goldenBids.push_back(bid); });
+  std::string context = "none";
+  if (auto id = golden.find("ctxId"); id != golden.end() && id->second.asString()) {
+    context = *id->second.asString();
+  }
+  recorder_->note("golden", padded(flow.name) + " " + bidID + ": " + std::to_string(golden.size()) +
+                                " values for the ad's bid, context " + context);
 }
 
 void HostApp::answer(const FlowPlan& flow, const std::shared_ptr<Context>& context) {

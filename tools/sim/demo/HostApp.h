@@ -39,6 +39,8 @@ class HostApp : public std::enable_shared_from_this<HostApp> {
  private:
   void decided(const FlowPlan& flow, const std::shared_ptr<Context>& context, double askedAt);
   void answer(const FlowPlan& flow, const std::shared_ptr<Context>& context);
+  // Golden signals for the bid of the ad about to be shown in `flow`.
+  void bidForAd(const FlowPlan& flow);
 
   const Script& script_;
   const std::shared_ptr<Recorder> recorder_;
@@ -47,6 +49,7 @@ class HostApp : public std::enable_shared_from_this<HostApp> {
   const std::shared_ptr<HostApplicationService> application_;
   // Requests come from the demo's thread and, for the observer, from the main queue.
   std::atomic<int> requestNumber_{0};
+  std::atomic<int> bids_{0};
   std::atomic<int> sessions_{0};  // the app's own count, read by the model flow's model
   bool upgraded_ = false;         // the demo's thread only
 };

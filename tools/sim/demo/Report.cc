@@ -114,6 +114,11 @@ std::string legendItem(double& x, double y, const std::string& swatch, const std
   return svg;
 }
 
+std::string goldenMark(double x, double y) {
+  return "<rect x=\"" + number(x - 3) + "\" y=\"" + number(y - 3) +
+         "\" width=\"6\" height=\"6\" fill=\"#c9a000\"/>";
+}
+
 // ---- Charts --------------------------------------------------------------------------------
 
 std::string motionChart(const RunRecord& r) {
@@ -121,7 +126,7 @@ std::string motionChart(const RunRecord& r) {
   const double laneHeight = 38;
   const double lanesTop = 250;
   const double lanesBottom = lanesTop + laneHeight * lanes;
-  const double height = lanesBottom + 60;
+  const double height = lanesBottom + 82;
 
   double peak = 0.05;
   for (const MotionPoint& p : r.motion) peak = std::max(peak, p.magnitude);
@@ -174,6 +179,12 @@ std::string motionChart(const RunRecord& r) {
       if (d.flow != r.flowOrder[i]) continue;
       svg += titled(decisionTitle(d), shape(markOf(d), motion.x(d.t), y));
     }
+    for (const GoldenBid& bid : r.goldenBids) {
+      if (bid.flow != r.flowOrder[i]) continue;
+      svg += titled(bid.bidID + " at " + number(bid.t) + " s: " + std::to_string(bid.values) +
+                        " golden signals for the ad's bid",
+                    goldenMark(motion.x(bid.t), y - 12));
+    }
     for (const Outcome& o : r.outcomes) {
       if (o.flow != r.flowOrder[i]) continue;
       const bool yes = o.outcome.find("positive") != std::string::npos;
@@ -190,11 +201,14 @@ std::string motionChart(const RunRecord& r) {
     }
   }
 
+  // Two rows: the decisions, then what goes with them.
   double x = kLeft;
-  const double legendY = lanesBottom + 40;
+  double legendY = lanesBottom + 40;
   for (const MarkStyle& style : kMarks) {
     svg += legendItem(x, legendY, shape(style.mark, x, legendY), style.label);
   }
+  x = kLeft;
+  legendY += 22;
   svg += legendItem(x, legendY,
                     "<polygon points=\"" + number(x - 4) + "," + number(legendY + 3) + " " +
                         number(x + 4) + "," + number(legendY + 3) + " " + number(x) + "," +
@@ -205,6 +219,7 @@ std::string motionChart(const RunRecord& r) {
                         number(x + 4) + "," + number(legendY - 3) + " " + number(x) + "," +
                         number(legendY + 4) + "\" fill=\"#b71c1c\"/>",
                     "user said no");
+  svg += legendItem(x, legendY, goldenMark(x, legendY), "golden signals for an ad bid");
   return svg + "</svg>";
 }
 
@@ -446,6 +461,8 @@ std::string summaryTable(const Summary& s) {
                               std::to_string(s.uploadsFailed) + " failed; longest back-off " +
                               number(s.longestBackoff) + " s");
   html += fact("models applied", models.empty() ? "none" : models);
+  html += fact("golden signals", std::to_string(s.goldenBids) + " bids, " +
+                                     number(s.goldenValuesPerBid, 0) + " values each on average");
   html += fact("errors reported", std::to_string(s.errorReports) + " (SDK error lines: " +
                                       std::to_string(s.sdkErrorLines) + ")");
   if (s.serviceStoredEvents) {

@@ -63,6 +63,14 @@ struct Exchange {
   bool accepted() const { return status && *status >= 200 && *status <= 202; }
 };
 
+// Golden signals the app asked for to go with an ad bid.
+struct GoldenBid {
+  double t = 0;
+  std::string flow;
+  std::string bidID;
+  size_t values = 0;  // entries of the dictionary, its "ctxId" included
+};
+
 // A model set the SDK switched to.
 struct ModelChange {
   double t = 0;
@@ -92,6 +100,7 @@ struct RunRecord {
   std::vector<QueuePoint> queue;
   std::vector<Exchange> exchanges;
   std::vector<ModelChange> modelChanges;
+  std::vector<GoldenBid> goldenBids;
   std::vector<Note> notes;
   std::vector<std::string> queuedLogIds;   // every record handed to the upload queue
   std::vector<std::string> waitingLogIds;  // records in the queues at the end

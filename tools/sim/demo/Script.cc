@@ -71,7 +71,8 @@ Script makeScript(double seconds) {
   // The model flow waits for the three seconds of motion its model reads.
   s.flows = {
       {kModelFlow, RequestForm::kOptimize, 1.0 * std::min(k, 1.0), std::max(5 * k, 2.0), 3},
-      {kCappedFlow, RequestForm::kFetchContext, 0.5 * std::min(k, 1.0), std::max(3 * k, 1.5), 2},
+      {kCappedFlow, RequestForm::kFetchContext, 0.5 * std::min(k, 1.0), std::max(3 * k, 1.5), 2,
+       /*bidsForAds=*/true},
       {kDueFlow, RequestForm::kInstantContext, 1.5 * std::min(k, 1.0), std::max(2.5 * k, 1.2), 3},
       // Registered once at launch and again after each answer; the SDK evaluates it on 3 s.
       {kObservedFlow, RequestForm::kObserver, 0, 0, 3},

@@ -28,6 +28,8 @@ struct FlowPlan {
   double firstAt;  // seconds into the run
   double period;   // seconds between requests while the app is active (not for observers)
   int seconds;     // duration (fetch, instant), maxDelay (optimize), evaluation (observer)
+  // The flow shows an ad: before showing it the app asks for golden signals for the ad's bid.
+  bool bidsForAds = false;
 };
 
 struct PostureSpan {

@@ -91,6 +91,9 @@ Summary summarize(const RunRecord& record) {
     std::snprintf(at, sizeof at, " at %.1f s", change.t);
     s.modelsApplied.push_back(change.generation + at);
   }
+  s.goldenBids = record.goldenBids.size();
+  for (const GoldenBid& bid : record.goldenBids) s.goldenValuesPerBid += bid.values;
+  if (s.goldenBids) s.goldenValuesPerBid /= s.goldenBids;
   s.sdkErrorLines = record.sdkErrorLines;
   s.serviceStoredEvents = record.serviceStoredEvents;
   return s;
@@ -131,6 +134,9 @@ void printSummary(std::ostream& out, const Summary& s) {
   for (size_t i = 0; i < s.modelsApplied.size(); ++i) out << (i ? ", " : "") << s.modelsApplied[i];
   out << " (" << s.modelDownloads << " model download" << (s.modelDownloads == 1 ? "" : "s")
       << ")\n";
+  std::snprintf(line, sizeof line, "%zu bids, %.0f values each on average", s.goldenBids,
+                s.goldenValuesPerBid);
+  out << "  golden signals    " << line << "\n";
   out << "  errors reported   " << s.errorReports << " (SDK error lines: " << s.sdkErrorLines
       << ")\n";
   if (s.serviceStoredEvents) {

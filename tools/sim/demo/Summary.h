@@ -44,6 +44,8 @@ struct Summary {
   double longestBackoff = 0;
   std::vector<std::string> modelsApplied;  // "demo-update-1 at 12.6 s"
   size_t modelDownloads = 0;
+  size_t goldenBids = 0;
+  double goldenValuesPerBid = 0;
   size_t errorReports = 0;
   size_t sdkErrorLines = 0;
   std::optional<int64_t> serviceStoredEvents;
