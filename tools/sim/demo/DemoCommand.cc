@@ -55,7 +55,7 @@ std::string freshDataDirectory() {
 
 std::string formatSeconds(double seconds) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.0f s", seconds);
+  std::snprintf(text, sizeof text, "%.3g s", seconds);
   return text;
 }
 
