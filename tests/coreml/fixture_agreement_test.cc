@@ -107,14 +107,15 @@ TEST_P(FixtureAgreement, MatchesScikitLearnLoadedDirectlyAndAfterCompiling) {
   std::filesystem::remove_all(out);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    coreml, FixtureAgreement,
-    ::testing::Values("gbc_binary", "gbc_binary_zero_reference", "gbc_multiclass", "random_forest",
-                      "decision_tree_mixed_behaviours", "logistic_binary", "logistic_one_vs_rest",
-                      "gbr_regressor", "pipeline_onehot_gbc", "pipeline_impute_scale_logistic",
-                      "hist_gbc_missing_values", "upsell_signals", "bench_gbc_400",
-                      "bench_gbc_signals"),
-    [](const auto& info) { return std::string(info.param); });
+INSTANTIATE_TEST_SUITE_P(coreml, FixtureAgreement,
+                         ::testing::Values("gbc_binary", "gbc_binary_zero_reference",
+                                           "gbc_multiclass", "random_forest",
+                                           "decision_tree_mixed_behaviours", "logistic_binary",
+                                           "logistic_one_vs_rest", "gbr_regressor",
+                                           "pipeline_onehot_gbc", "pipeline_impute_scale_logistic",
+                                           "hist_gbc_missing_values", "upsell_signals",
+                                           "bench_gbc_400", "bench_gbc_signals", "demo_moment"),
+                         [](const auto& info) { return std::string(info.param); });
 
 // The model the service delivers for a flow: what the SDK's executor reads from it.
 TEST(coremlUpsellFixture, CarriesTheDescriptionTheExecutorReads) {

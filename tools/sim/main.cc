@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "DemoCommand.h"
 #include "HostCommands.h"
 #include "LogCommands.h"
 #include "ModelCommands.h"
@@ -17,6 +18,7 @@ int main(int argc, char** argv) {
   orvane::sim::addModelCommands(app, exitCode);
   orvane::sim::addHostCommands(app, exitCode);
   orvane::sim::addMotionCommands(app, exitCode);
+  orvane::sim::addDemoCommand(app, exitCode);
   CLI11_PARSE(app, argc, argv);
 
   if (app.get_subcommands().empty()) {

@@ -1,0 +1,92 @@
+// orvane-sim demo end to end, shortened to ten seconds: it starts its own service, plays the
+// script, and ends with a summary and a report. What the service received is read from its
+// database, not from the demo's own account.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Finished {
+  int status = -1;
+  std::string output;
+};
+
+Finished run(const std::string& command) {
+  Finished finished;
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (!pipe) return finished;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) finished.output.append(buffer, n);
+  const int status = pclose(pipe);
+  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return finished;
+}
+
+int64_t queryNumber(const fs::path& database, const std::string& sql) {
+  sqlite3* db = nullptr;
+  int64_t value = -1;
+  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+      value = sqlite3_column_int64(statement, 0);
+    }
+    sqlite3_finalize(statement);
+  }
+  sqlite3_close(db);
+  return value;
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+TEST(DemoRun, TenSecondsReachTheServiceApplyTheUpdateAndWriteTheReport) {
+  const fs::path dir =
+      fs::temp_directory_path() / ("orvane-demo-test-" + std::to_string(std::random_device()()));
+  fs::create_directories(dir);
+  const fs::path database = dir / "service.sqlite";
+  const fs::path report = dir / "report.html";
+
+  const Finished demo =
+      run(std::string(ORVANE_SIM) + " demo --seconds 10 --data-dir " + (dir / "data").string() +
+          " --service-db " + database.string() + " --report " + report.string());
+  ASSERT_EQ(demo.status, 0) << demo.output;
+  EXPECT_NE(demo.output.find("Summary of"), std::string::npos) << demo.output;
+  EXPECT_NE(demo.output.find("models applied    demo-update-1 at"), std::string::npos)
+      << demo.output;
+  EXPECT_NE(demo.output.find("report: " + report.string()), std::string::npos) << demo.output;
+
+  // The service stored outcomes and the contexts logged for golden signals, accepted uploads,
+  // and later uploads name the applied update.
+  EXPECT_GT(queryNumber(database, "SELECT COUNT(*) FROM events WHERE outcome >= -3"), 0);
+  EXPECT_GT(queryNumber(database, "SELECT COUNT(*) FROM events WHERE outcome = -104"), 0);
+  EXPECT_GT(
+      queryNumber(database, "SELECT COUNT(*) FROM uploads WHERE answered BETWEEN 200 AND 202"), 1);
+  EXPECT_EQ(queryNumber(database, "SELECT MAX(last_ota_update) FROM uploads"), 1);
+  // Each flow that asks on its own reached it (the observed one may not fire in ten seconds).
+  EXPECT_GE(queryNumber(database, "SELECT COUNT(DISTINCT flow) FROM events"), 3);
+
+  const std::string html = readFile(report);
+  for (const char* section : {"id=\"motion-decisions\"", "id=\"decisions-per-flow\"",
+                              "id=\"upload-queue\"", "id=\"uploads-backoff\""}) {
+    EXPECT_NE(html.find(section), std::string::npos) << section;
+  }
+  EXPECT_NE(html.find("</html>"), std::string::npos);
+  fs::remove_all(dir);
+}
+
+}  // namespace
