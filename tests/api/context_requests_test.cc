@@ -9,15 +9,6 @@
 namespace orvane {
 namespace {
 
-std::optional<int64_t> intOf(const SignalList& signals, uint16_t id) {
-  for (const Signal& s : signals) {
-    if (s.id().rawValue() == id) {
-      if (const auto* v = std::get_if<int64_t>(&s.value())) return *v;
-    }
-  }
-  return std::nullopt;
-}
-
 class RequestsTest : public ::testing::Test {
  protected:
   RequestsTest() {
@@ -29,15 +20,7 @@ class RequestsTest : public ::testing::Test {
     fake.drain();
   }
   // Samples at 100 Hz; each is delivered, and what it posts runs, before the next.
-  void feed(size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-      DeviceMotion motion;
-      motion.userAcceleration = {0.02 * static_cast<double>(i % 5), 0.01, 0};
-      motion.gravity = {0, 0, -1};
-      fake.motion->push(motion);
-      fake.advance(0.01);
-    }
-  }
+  void feed(size_t count) { fake.feedMotion(count, 0.02, 5, 0.01); }
   ContextManager::ContextCallback record() {
     return [this](std::shared_ptr<Context> c) {
       onMain.push_back(fake.executors->mainQueue()->isCurrent());
@@ -62,10 +45,10 @@ TEST_F(RequestsTest, FetchWaitsForItsWindowThenIsServedAtOnce) {
   ASSERT_EQ(answered.size(), 1u);
   EXPECT_TRUE(onMain[0]);
   const SignalList signals = answered[0]->signals();
-  EXPECT_EQ(intOf(signals, 191), 3);
-  EXPECT_EQ(intOf(signals, 25), 2);
-  EXPECT_GE(intOf(signals, 106).value_or(0), 300);           // samples in the window
-  EXPECT_FALSE(manager.accelerometerSensor().isSampling());  // nothing waits any more
+  EXPECT_EQ(testing::intSignal(signals, 191), 3);
+  EXPECT_EQ(testing::intSignal(signals, 25), 2);
+  EXPECT_GE(testing::intSignal(signals, 106).value_or(0), 300);  // samples in the window
+  EXPECT_FALSE(manager.accelerometerSensor().isSampling());      // nothing waits any more
 
   // While a longer request keeps the sensor sampling, a short one is served from the buffer.
   manager.requestFetchContext("home", 10, {}, record(), MethodUsed::kFetchContext);
@@ -98,13 +81,13 @@ TEST_F(RequestsTest, InstantOptimizeAndCalibrateForms) {
   fake.executors->mainQueue()->sync(
       [&] { manager.requestOptimize("flow", int64_t{0}, {}, record()); });
   ASSERT_EQ(answered.size(), 1u);
-  EXPECT_EQ(intOf(answered[0]->signals(), 191), 3);
-  EXPECT_EQ(intOf(answered[0]->signals(), 25), 4);
+  EXPECT_EQ(testing::intSignal(answered[0]->signals(), 191), 3);
+  EXPECT_EQ(testing::intSignal(answered[0]->signals(), 25), 4);
 
   manager.requestCalibrate("flow", 0, {}, record());
   fake.drain();
   ASSERT_EQ(answered.size(), 2u);
-  EXPECT_EQ(intOf(answered[1]->signals(), 25), 3);
+  EXPECT_EQ(testing::intSignal(answered[1]->signals(), 25), 3);
   EXPECT_EQ(manager.recentContextForFlow("flow"), answered[1]);
 }
 

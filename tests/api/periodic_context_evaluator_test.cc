@@ -19,15 +19,6 @@ namespace {
 
 constexpr double kInterval = 30;
 
-std::optional<int64_t> intOf(const SignalList& signals, uint16_t id) {
-  for (const Signal& s : signals) {
-    if (s.id().rawValue() == id) {
-      if (const auto* v = std::get_if<int64_t>(&s.value())) return *v;
-    }
-  }
-  return std::nullopt;
-}
-
 class ObserverTest : public ::testing::Test {
  protected:
   ObserverTest() {
@@ -50,15 +41,7 @@ class ObserverTest : public ::testing::Test {
     manager.setDecisionsSwitch(true);
   }
   // Samples at 100 Hz, each delivered (and what it posts run) before the next.
-  void feed(size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-      DeviceMotion motion;
-      motion.userAcceleration = {0.02 * static_cast<double>(i % 5), 0.01, 0};
-      motion.gravity = {0, 0, -1};
-      fake.motion->push(motion);
-      fake.advance(0.01);
-    }
-  }
+  void feed(size_t count) { fake.feedMotion(count, 0.02, 5, 0.01); }
   void feedWindow() { feed(350); }
   ContextManager::ContextCallback observer(const std::string& name) {
     return [this, name](std::shared_ptr<Context> context) {
@@ -98,8 +81,8 @@ TEST_F(ObserverTest, SilentNoThenTheLatestObserverFiresOnceAtTheFirstYes) {
   auto no = lastContext("paywall");
   ASSERT_TRUE(no);
   EXPECT_FALSE(no->shouldUpsell());
-  EXPECT_EQ(intOf(no->signals(), 25), 15);
-  EXPECT_EQ(intOf(no->signals(), 191), 3);
+  EXPECT_EQ(testing::intSignal(no->signals(), 25), 15);
+  EXPECT_EQ(testing::intSignal(no->signals(), 191), 3);
   EXPECT_TRUE(fired.empty());
   EXPECT_EQ(logsSent, 0);
   EXPECT_FALSE(manager.accelerometerSensor().isSampling());  // the round's request is released

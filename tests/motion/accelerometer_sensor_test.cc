@@ -72,15 +72,7 @@ class SensorTest : public ::testing::Test {
     sensor.maybeStartAccelerometer();
   }
   // `count` samples at 100 Hz; each is delivered, and anything it posts runs, before the next.
-  void feed(size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-      DeviceMotion motion;
-      motion.userAcceleration = {0.01 * static_cast<double>(i % 7), 0, 0};
-      motion.gravity = {0, 0, -1};
-      fake.motion->push(motion);
-      fake.advance(0.01);
-    }
-  }
+  void feed(size_t count) { fake.feedMotion(count, 0.01, 7); }
 
   FakePlatform fake;
   AccelerometerSensor sensor;

@@ -300,4 +300,23 @@ FakePlatform::FakePlatform()
 
 void FakePlatform::advance(double seconds) { executors->advance(seconds); }
 
+void FakePlatform::feedMotion(size_t count, double xStep, size_t xPeriod, double y) {
+  for (size_t i = 0; i < count; ++i) {
+    DeviceMotion sample;
+    sample.userAcceleration = {xStep * static_cast<double>(i % xPeriod), y, 0};
+    sample.gravity = {0, 0, -1};
+    motion->push(sample);
+    advance(0.01);
+  }
+}
+
+std::optional<int64_t> intSignal(const SignalList& signals, uint16_t id) {
+  for (const Signal& s : signals) {
+    if (s.id().rawValue() == id) {
+      if (const auto* v = std::get_if<int64_t>(&s.value())) return *v;
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace orvane::testing

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "logging/ErrorReporter.h"
+#include "orvane/Signal.h"
 #include "orvane/platform/Platform.h"
 
 namespace orvane::testing {
@@ -159,8 +160,14 @@ struct FakePlatform {
   std::shared_ptr<HostNotificationSettingsService> notifications;
   // Moves the clock and drains every queue.
   void advance(double seconds);
+  // `count` samples at 100 Hz lying flat, the i-th with user acceleration (x(i), y, 0); each
+  // is delivered, and what it posts runs, before the next.
+  void feedMotion(size_t count, double xStep, size_t xPeriod, double y = 0);
   size_t drain() { return executors->runUntilIdle(); }
 };
+
+// The value of the first SignalInt with `id`; none when absent or of another kind.
+std::optional<int64_t> intSignal(const SignalList& signals, uint16_t id);
 
 // A provider whose suites can never be opened.
 std::shared_ptr<KeyValueStoreProvider> makeUnavailableKeyValueStoreProvider();
