@@ -56,6 +56,8 @@ struct QueueFixture {
     PlistArray stored;
     for (size_t i = 0; i < records; ++i) stored.push_back(logs[i].rawDictionaryWithStaticColumns());
     manager->userDefaultsProvider()->set(OrvaneLogSender::kMainQueueKey, std::move(stored));
+    // The refill lands on disk before the clock runs again.
+    manager->userDefaultsProvider()->synchronize();
   }
   std::unique_ptr<ContextManager> manager;
   std::vector<Log> logs;

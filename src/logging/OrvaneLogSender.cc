@@ -35,11 +35,19 @@ const std::string* textAt(const PlistDictionary& record, const char* key) {
   return it == record.end() ? nullptr : it->second.asString();
 }
 
-PlistArray toArray(std::vector<PlistDictionary>&& records) {
-  PlistArray array;
-  array.reserve(records.size());
-  for (auto& record : records) array.emplace_back(std::move(record));
-  return array;
+const std::string* textAt(const PlistValue& record, const char* key) {
+  return textAt(*record.asDictionary(), key);
+}
+
+// The stored records to edit and write back. Copies share each record with the store, so this
+// costs a pointer per record however large they are.
+PlistArray editableQueue(const PlistValue* stored) {
+  const PlistArray* array = stored ? stored->asArray() : nullptr;
+  if (array == nullptr) return {};
+  for (const PlistValue& item : *array) {
+    if (item.asDictionary() == nullptr) return {};
+  }
+  return *array;
 }
 
 }  // namespace
@@ -132,15 +140,16 @@ void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record,
       owner_.orvaneErrorReporting().reportError(failureMessage);
       return;
     }
-    auto queue = readStoredQueue(defaults->sharedObject(key).get());
-    queue.push_back(std::move(record));
+    PlistArray queue = editableQueue(defaults->sharedObject(key).get());
+    queue.emplace_back(std::move(record));
     if (queue.size() > kMaximumSignalsToStore) {
       queue.erase(queue.begin(),
                   queue.begin() + static_cast<ptrdiff_t>(queue.size() - kMaximumSignalsToStore));
     }
-    defaults->set(key, toArray(std::move(queue)));
+    const size_t queued = queue.size();
+    defaults->set(key, std::move(queue));
     defaults->synchronize();
-    if (!mayStartUpload || !shouldUploadNow(queue.size())) return;
+    if (!mayStartUpload || !shouldUploadNow(queued)) return;
     std::weak_ptr<Shared> weak = shared_;
     owner_.platform().executors->mainQueue()->async([this, weak] {
       if (auto alive = weak.lock()) triggerUpload(UploadQueueKind::kMain, false);
@@ -167,12 +176,12 @@ void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUI
       owner_.orvaneErrorReporting().reportError("Failed to remove logs from unlogged queue");
       return;
     }
-    auto queue = readStoredQueue(defaults->sharedObject(kUnloggedQueueKey).get());
-    std::erase_if(queue, [&](const PlistDictionary& record) {
+    PlistArray queue = editableQueue(defaults->sharedObject(kUnloggedQueueKey).get());
+    std::erase_if(queue, [&](const PlistValue& record) {
       const std::string* uuid = textAt(record, "ctx_29");
       return uuid && *uuid == contextUUID;
     });
-    defaults->set(kUnloggedQueueKey, toArray(std::move(queue)));
+    defaults->set(kUnloggedQueueKey, std::move(queue));
     defaults->synchronize();
   });
 }
@@ -185,12 +194,12 @@ void OrvaneLogSender::removeLogsFromQueue(std::string_view key,
     return;
   }
   // Read again: records added while the batch was in flight must stay.
-  auto queue = readStoredQueue(defaults->sharedObject(key).get());
-  std::erase_if(queue, [&](const PlistDictionary& record) {
+  PlistArray queue = editableQueue(defaults->sharedObject(key).get());
+  std::erase_if(queue, [&](const PlistValue& record) {
     const std::string* id = textAt(record, "ctx_8");
     return id && std::find(sent.begin(), sent.end(), *id) != sent.end();
   });
-  defaults->set(key, toArray(std::move(queue)));
+  defaults->set(key, std::move(queue));
   defaults->synchronize();
 }
 

@@ -275,20 +275,38 @@ class Reader {
 
 }  // namespace
 
-std::optional<Bytes> encodePlistValue(const PlistValue& value) {
+namespace {
+
+std::optional<Bytes> encodeAt(const PlistValue& value, int nesting) {
   Bytes out;
   out.push_back(kPlistCodecVersion);
-  if (!Writer(out).write(value, 0)) return std::nullopt;
+  if (!Writer(out).write(value, nesting)) return std::nullopt;
   return out;
 }
 
-std::optional<PlistValue> decodePlistValue(std::span<const uint8_t> bytes) {
+std::optional<PlistValue> decodeAt(std::span<const uint8_t> bytes, int nesting) {
   Reader reader(bytes);
   const auto version = reader.byte();
   if (!version || *version != kPlistCodecVersion) return std::nullopt;
-  auto value = reader.read(0);
+  auto value = reader.read(nesting);
   if (!value || !reader.atEnd()) return std::nullopt;
   return value;
+}
+
+}  // namespace
+
+std::optional<Bytes> encodePlistValue(const PlistValue& value) { return encodeAt(value, 0); }
+
+std::optional<PlistValue> decodePlistValue(std::span<const uint8_t> bytes) {
+  return decodeAt(bytes, 0);
+}
+
+std::optional<Bytes> encodePlistArrayElement(const PlistValue& element) {
+  return encodeAt(element, 1);
+}
+
+std::optional<PlistValue> decodePlistArrayElement(std::span<const uint8_t> bytes) {
+  return decodeAt(bytes, 1);
 }
 
 }  // namespace orvane

@@ -38,4 +38,10 @@ std::optional<Bytes> encodePlistValue(const PlistValue& value);
 // None for anything that is not exactly one well-formed encoded value.
 std::optional<PlistValue> decodePlistValue(std::span<const uint8_t> bytes);
 
+// One element of an array stored on its own: the same bytes as a top-level value, with the
+// nesting limit counted from inside the array, so an array kept element by element is refused
+// exactly when the whole array would be.
+std::optional<Bytes> encodePlistArrayElement(const PlistValue& element);
+std::optional<PlistValue> decodePlistArrayElement(std::span<const uint8_t> bytes);
+
 }  // namespace orvane

@@ -43,6 +43,21 @@ std::optional<double> PlistValue::numericDouble() const {
   }
 }
 
+bool PlistValue::sharesContentsWith(const PlistValue& other) const {
+  if (const PlistArray* array = asArray()) return array == other.asArray();
+  if (const PlistDictionary* dictionary = asDictionary()) return dictionary == other.asDictionary();
+  return false;
+}
+
+bool PlistValue::operator==(const PlistValue& other) const {
+  if (type() != other.type()) return false;
+  if (sharesContentsWith(other)) return true;
+  if (const PlistArray* array = asArray()) return *array == *other.asArray();
+  if (const PlistDictionary* dictionary = asDictionary())
+    return *dictionary == *other.asDictionary();
+  return storage_ == other.storage_;
+}
+
 namespace {
 
 template <typename T>

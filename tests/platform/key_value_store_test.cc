@@ -11,12 +11,15 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <mutex>
+#include <random>
 #include <thread>
 
 #include "platform/PlistCodec.h"
 #include "platform/PlistSamples.h"
 #include "platform/linux/SqliteKeyValueStore.h"
+#include "platform/linux/StoredArrayDiff.h"
 
 namespace orvane {
 namespace {
@@ -312,6 +315,129 @@ TEST_F(SqliteKeyValueStoreTest, ConcurrentWritersAllLand) {
     // Each key's last write was i = 200 + k.
     for (int k = 0; k < 50; ++k) EXPECT_EQ(store->get(std::to_string(t * 100 + k)), 200 + k);
   }
+}
+
+// A queue-like record; `id` keeps records apart, the NaN makes sure a record can match itself.
+PlistValue record(int64_t id) {
+  return PlistDictionary{{"id", id},
+                         {"score", std::numeric_limits<double>::quiet_NaN()},
+                         {"payload", Bytes(64, uint8_t(id))}};
+}
+
+TEST_F(SqliteKeyValueStoreTest, ArraysRewriteOnlyTheRowsThatChanged) {
+  const std::string rows = "SELECT COUNT(*) FROM array_elements WHERE key = 'queue'";
+  const std::string first = "SELECT MIN(position) FROM array_elements WHERE key = 'queue'";
+  const std::string last = "SELECT MAX(position) FROM array_elements WHERE key = 'queue'";
+  // An array written by an older version, as a single row.
+  PlistArray queue{record(0), record(1), record(2), record(3), record(4)};
+  ASSERT_EQ(runSql(file(), "CREATE TABLE entries (key TEXT PRIMARY KEY NOT NULL, value BLOB)"), 0);
+  ASSERT_EQ(runSql(file(), "INSERT INTO entries VALUES ('queue', ?1)", *encodePlistValue(queue)),
+            0);
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  ASSERT_TRUE(identicalPlistValues(*store->get("queue"), queue))
+      << "arrays written as a single row still read";
+
+  store->set("queue", queue);
+  ASSERT_TRUE(store->synchronize());
+  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM entries WHERE key = 'queue'"), 0);
+  EXPECT_EQ(runSql(file(), rows), 5);
+
+  // Append one and drop the oldest: one row added, one removed, the rest untouched.
+  queue.erase(queue.begin());
+  queue.push_back(record(5));
+  store->set("queue", queue);
+  ASSERT_TRUE(store->synchronize());
+  EXPECT_EQ(runSql(file(), rows), 5);
+  EXPECT_EQ(runSql(file(), first), 1);
+  EXPECT_EQ(runSql(file(), last), 5);
+
+  // A sent batch taken out of the middle.
+  queue.erase(queue.begin() + 1, queue.begin() + 3);
+  store->set("queue", queue);
+  ASSERT_TRUE(store->synchronize());
+  EXPECT_EQ(runSql(file(), rows), 3);
+  EXPECT_EQ(runSql(file(), first), 1);
+  EXPECT_EQ(runSql(file(), last), 5);
+
+  // Emptied, the array is still an array rather than absent; then something else entirely.
+  store->set("queue", PlistArray{});
+  ASSERT_TRUE(store->synchronize());
+  EXPECT_EQ(runSql(file(), rows), 0);
+  store.reset();
+  EXPECT_EQ(open()->get("queue"), PlistValue(PlistArray{}));
+}
+
+TEST_F(SqliteKeyValueStoreTest, ArraysSurviveAnySequenceOfEdits) {
+  std::mt19937 random(7);
+  auto pick = [&](size_t bound) { return bound == 0 ? size_t{0} : random() % bound; };
+  PlistValue expected = PlistArray{};
+  int64_t nextId = 0;
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  for (int step = 0; step < 200; ++step) {
+    PlistArray array = expected.asArray() ? *expected.asArray() : PlistArray{};
+    switch (pick(7)) {
+      case 0:
+      case 1:
+        array.push_back(record(nextId++));
+        if (array.size() > 12) array.erase(array.begin());
+        break;
+      case 2:
+        std::erase_if(array, [&](const PlistValue&) { return pick(3) == 0; });
+        break;
+      case 3:
+        array.insert(array.begin() + static_cast<ptrdiff_t>(pick(array.size() + 1)),
+                     record(nextId++));
+        break;
+      case 4:
+        if (!array.empty()) array[pick(array.size())] = record(nextId++);
+        break;
+      case 5:
+        std::shuffle(array.begin(), array.end(), random);
+        break;
+      case 6:
+        array = pick(2) ? PlistArray{} : PlistArray{record(nextId++)};
+        break;
+    }
+    expected = pick(25) == 0 ? PlistValue("not an array for a while") : PlistValue(array);
+    store->set("key", expected);
+    ASSERT_TRUE(store->synchronize());
+    ASSERT_EQ(runSql(file(), "SELECT COUNT(*) FROM array_elements"),
+              static_cast<int64_t>(expected.asArray() ? expected.asArray()->size() : 0))
+        << "step " << step;
+    if (step % 10 == 9) {
+      store.reset();
+      store = open();
+      ASSERT_NE(store, nullptr);
+      const auto read = store->get("key");
+      ASSERT_TRUE(read && identicalPlistValues(*read, expected))
+          << "step " << step << ": " << (read ? describe(*read) : "absent");
+    }
+  }
+  EXPECT_EQ(errors_.messages, std::vector<std::string>{});
+}
+
+TEST_F(SqliteKeyValueStoreTest, AnUnreadableElementCostsOnlyItself) {
+  {
+    auto store = open();
+    ASSERT_NE(store, nullptr);
+    store->set("queue", PlistArray{record(0), record(1)});
+    ASSERT_TRUE(store->synchronize());
+  }
+  ASSERT_EQ(runSql(file(), "INSERT INTO array_elements VALUES ('queue', 99, ?1)", {0xDE, 0xAD}), 0);
+  auto store = open();
+  ASSERT_NE(store, nullptr);
+  const auto read = store->get("queue");
+  ASSERT_TRUE(read);
+  EXPECT_TRUE(identicalPlistValues(*read, PlistArray{record(0), record(1)})) << describe(*read);
+  EXPECT_TRUE(errors_.mentions("position 99 of key \"queue\""));
+
+  // The next write of the key clears the damaged row.
+  store->set("queue", PlistArray{record(1), record(2)});
+  ASSERT_TRUE(store->synchronize());
+  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM array_elements WHERE position = 99"), 0);
+  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM array_elements"), 2);
 }
 
 }  // namespace

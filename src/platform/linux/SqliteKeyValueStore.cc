@@ -1,7 +1,8 @@
 // Suites kept in one SQLite file each. The whole suite lives in memory so reads never touch
 // the disk; each store owns a writer thread that commits writes in the order they were made,
 // so callers on the request path never wait for a flush, and synchronize() is the one call
-// that waits for the disk.
+// that waits for the disk. Non-empty arrays are kept one element per row, so writing back a
+// queue that gained or lost a few records touches only those rows.
 #include "platform/linux/SqliteKeyValueStore.h"
 
 #include <sqlite3.h>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "platform/PlistCodec.h"
+#include "platform/linux/StoredArrayDiff.h"
 
 namespace orvane {
 namespace {
@@ -168,13 +170,34 @@ class SqliteKeyValueStore final : public KeyValueStore {
     std::vector<std::string> unencodable;
   };
 
+  // What the file holds of one array kept element by element. Owned by the writer thread.
+  struct StoredArray {
+    std::shared_ptr<const PlistValue> value;   // the array the rows spell out
+    std::vector<int64_t> positions;            // one per element of `value`
+    std::vector<int64_t> unreadablePositions;  // rows skipped at open, dropped on next write
+  };
+  using StoredArrays = std::map<std::string, StoredArray, std::less<>>;
+
+  // Reads the arrays kept element by element into `values`, and what their rows are into
+  // `arrays`. False when the table cannot be read.
+  static bool loadArrays(sqlite3* db, const std::string& prefix, Values& values,
+                         StoredArrays& arrays, std::vector<std::string>& problems);
+
+  struct Statements {
+    Statement upsert;
+    Statement erase;
+    Statement insertElement;
+    Statement eraseElement;
+    Statement eraseElements;
+  };
+
   SqliteKeyValueStore(std::string suiteName, KeyValueStoreErrorSink sink, Database db,
-                      Statement upsert, Statement erase, Values values)
+                      Statements statements, Values values, StoredArrays storedArrays)
       : suiteName_(std::move(suiteName)),
         sink_(std::move(sink)),
         db_(std::move(db)),
-        upsert_(std::move(upsert)),
-        erase_(std::move(erase)),
+        statements_(std::move(statements)),
+        storedArrays_(std::move(storedArrays)),
         values_(std::move(values)) {
     writer_ = std::thread([this] { runWriter(); });
   }
@@ -233,7 +256,8 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
   }
 
-  // Runs on the writer thread only, without the lock: db_ and the statements are its own.
+  // Runs on the writer thread only, without the lock: db_, the statements and storedArrays_
+  // are its own.
   BatchOutcome persist(const std::vector<Write>& batch) {
     BatchOutcome outcome;
     // The transaction commits all or nothing, so only each key's last write matters.
@@ -248,38 +272,108 @@ class SqliteKeyValueStore final : public KeyValueStore {
       outcome.error = sqlite3_errmsg(db);
       return outcome;
     }
-    for (auto it = effective.rbegin(); it != effective.rend(); ++it) {
-      const Write& write = **it;
-      std::optional<Bytes> blob;
-      if (write.value) {
-        blob = encodePlistValue(*write.value);
-        // Leaving the previous row would bring back an older value on the next open.
-        if (!blob) outcome.unencodable.push_back(write.key);
-      }
-      sqlite3_stmt* statement = blob ? upsert_.get() : erase_.get();
-      sqlite3_bind_text64(statement, 1, write.key.data(), write.key.size(), SQLITE_STATIC,
-                          SQLITE_UTF8);
-      if (blob) {
-        sqlite3_bind_blob64(statement, 2, blob->data(), blob->size(), SQLITE_STATIC);
-      }
-      const int rc = sqlite3_step(statement);
-      sqlite3_reset(statement);
-      sqlite3_clear_bindings(statement);
-      if (rc != SQLITE_DONE) {
-        outcome.error = sqlite3_errmsg(db);
-        execute(db, "ROLLBACK");
-        outcome.unencodable.clear();
-        return outcome;
-      }
-    }
-    if (!execute(db, "COMMIT")) {
+    // What storedArrays_ becomes once the transaction commits; none means "no rows".
+    std::vector<std::pair<std::string_view, std::optional<StoredArray>>> arrayChanges;
+    auto fail = [&] {
       outcome.error = sqlite3_errmsg(db);
       execute(db, "ROLLBACK");
       outcome.unencodable.clear();
       return outcome;
+    };
+    for (auto it = effective.rbegin(); it != effective.rend(); ++it) {
+      if (!persistWrite(**it, outcome, arrayChanges)) return fail();
+    }
+    if (!execute(db, "COMMIT")) return fail();
+    for (auto& [key, change] : arrayChanges) {
+      if (change) {
+        storedArrays_.insert_or_assign(std::string(key), std::move(*change));
+      } else if (auto found = storedArrays_.find(key); found != storedArrays_.end()) {
+        storedArrays_.erase(found);
+      }
     }
     outcome.committed = true;
     return outcome;
+  }
+
+  // One key's write inside the open transaction. False when a statement failed.
+  bool persistWrite(const Write& write, BatchOutcome& outcome,
+                    std::vector<std::pair<std::string_view, std::optional<StoredArray>>>& changes) {
+    const StoredArray* stored = nullptr;
+    if (auto found = storedArrays_.find(write.key); found != storedArrays_.end()) {
+      stored = &found->second;
+    }
+    const PlistArray* array = write.value ? write.value->asArray() : nullptr;
+    if (array && !array->empty()) {
+      if (!run(statements_.erase.get(), write.key)) return false;
+      StoredArray next;
+      switch (persistArray(write, *array, stored, next)) {
+        case ArrayWrite::kFailed:
+          return false;
+        case ArrayWrite::kUnencodable:
+          // Leaving the previous rows would bring back an older value on the next open.
+          outcome.unencodable.push_back(write.key);
+          changes.emplace_back(write.key, std::nullopt);
+          return run(statements_.eraseElements.get(), write.key);
+        case ArrayWrite::kWritten:
+          break;
+      }
+      changes.emplace_back(write.key, std::move(next));
+      return true;
+    }
+    if (stored) {
+      if (!run(statements_.eraseElements.get(), write.key)) return false;
+      changes.emplace_back(write.key, std::nullopt);
+    }
+    std::optional<Bytes> blob;
+    if (write.value) {
+      blob = encodePlistValue(*write.value);
+      if (!blob) outcome.unencodable.push_back(write.key);
+    }
+    if (!blob) return run(statements_.erase.get(), write.key);
+    return run(statements_.upsert.get(), write.key, std::nullopt, &*blob);
+  }
+
+  enum class ArrayWrite { kWritten, kUnencodable, kFailed };
+
+  // Brings the rows of a non-empty array in line with `array`; `next` then describes them.
+  ArrayWrite persistArray(const Write& write, const PlistArray& array, const StoredArray* stored,
+                          StoredArray& next) {
+    static const PlistArray kNothingStored;
+    const PlistArray& before = stored ? *stored->value->asArray() : kNothingStored;
+    StoredArrayEdit edit = diffStoredArray(
+        before, stored ? std::span<const int64_t>(stored->positions) : std::span<const int64_t>(),
+        array);
+    if (stored) {
+      edit.removedPositions.insert(edit.removedPositions.end(), stored->unreadablePositions.begin(),
+                                   stored->unreadablePositions.end());
+    }
+    for (const int64_t position : edit.removedPositions) {
+      if (!run(statements_.eraseElement.get(), write.key, position)) return ArrayWrite::kFailed;
+    }
+    for (const size_t index : edit.addedElements) {
+      const std::optional<Bytes> blob = encodePlistArrayElement(array[index]);
+      if (!blob) return ArrayWrite::kUnencodable;
+      if (!run(statements_.insertElement.get(), write.key, edit.positions[index], &*blob)) {
+        return ArrayWrite::kFailed;
+      }
+    }
+    next = StoredArray{write.value, std::move(edit.positions), {}};
+    return ArrayWrite::kWritten;
+  }
+
+  // Binds the key to ?1, a position to ?2 and a blob to the last parameter, and steps once.
+  bool run(sqlite3_stmt* statement, std::string_view key,
+           std::optional<int64_t> position = std::nullopt, const Bytes* blob = nullptr) {
+    sqlite3_bind_text64(statement, 1, key.data(), key.size(), SQLITE_STATIC, SQLITE_UTF8);
+    if (position) sqlite3_bind_int64(statement, 2, *position);
+    if (blob) {
+      sqlite3_bind_blob64(statement, sqlite3_bind_parameter_count(statement), blob->data(),
+                          blob->size(), SQLITE_STATIC);
+    }
+    const int rc = sqlite3_step(statement);
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement);
+    return rc == SQLITE_DONE;
   }
 
   void report(const std::string& message) const {
@@ -290,8 +384,8 @@ class SqliteKeyValueStore final : public KeyValueStore {
   const KeyValueStoreErrorSink sink_;
   // The statements go before the connection closes (members die in reverse order).
   Database db_;
-  Statement upsert_;
-  Statement erase_;
+  Statements statements_;
+  StoredArrays storedArrays_;
 
   mutable std::mutex mutex_;
   std::condition_variable writerWake_;
@@ -345,7 +439,11 @@ std::shared_ptr<SqliteKeyValueStore> SqliteKeyValueStore::open(const std::filesy
   if (!execute(raw, "PRAGMA synchronous=FULL") ||
       !execute(raw,
                "CREATE TABLE IF NOT EXISTS entries ("
-               "key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL)")) {
+               "key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL)") ||
+      !execute(raw,
+               "CREATE TABLE IF NOT EXISTS array_elements ("
+               "key TEXT NOT NULL, position INTEGER NOT NULL, value BLOB NOT NULL, "
+               "PRIMARY KEY (key, position))")) {
     return fail("cannot prepare");
   }
 
@@ -370,13 +468,74 @@ std::shared_ptr<SqliteKeyValueStore> SqliteKeyValueStore::open(const std::filesy
   if (step != SQLITE_DONE) return fail("cannot read");
   select.reset();
 
-  Statement upsert = prepare(raw, "INSERT OR REPLACE INTO entries (key, value) VALUES (?1, ?2)");
-  Statement erase = prepare(raw, "DELETE FROM entries WHERE key = ?1");
-  if (!upsert || !erase) return fail("cannot prepare");
+  StoredArrays arrays;
+  if (!loadArrays(raw, prefix, values, arrays, problems)) return fail("cannot read");
+
+  Statements statements{
+      prepare(raw, "INSERT OR REPLACE INTO entries (key, value) VALUES (?1, ?2)"),
+      prepare(raw, "DELETE FROM entries WHERE key = ?1"),
+      prepare(raw, "INSERT INTO array_elements (key, position, value) VALUES (?1, ?2, ?3)"),
+      prepare(raw, "DELETE FROM array_elements WHERE key = ?1 AND position = ?2"),
+      prepare(raw, "DELETE FROM array_elements WHERE key = ?1"),
+  };
+  if (!statements.upsert || !statements.erase || !statements.insertElement ||
+      !statements.eraseElement || !statements.eraseElements) {
+    return fail("cannot prepare");
+  }
 
   return std::shared_ptr<SqliteKeyValueStore>(
-      new SqliteKeyValueStore(suiteName, std::move(sink), std::move(db), std::move(upsert),
-                              std::move(erase), std::move(values)));
+      new SqliteKeyValueStore(suiteName, std::move(sink), std::move(db), std::move(statements),
+                              std::move(values), std::move(arrays)));
+}
+
+bool SqliteKeyValueStore::loadArrays(sqlite3* db, const std::string& prefix, Values& values,
+                                     StoredArrays& arrays, std::vector<std::string>& problems) {
+  Statement select =
+      prepare(db, "SELECT key, position, value FROM array_elements ORDER BY key, position");
+  if (!select) return false;
+  std::optional<std::string> key;
+  PlistArray elements;
+  StoredArray stored;
+  auto finishKey = [&] {
+    if (!key) return;
+    stored.value = std::make_shared<const PlistValue>(std::move(elements));
+    // The rows win over a stale single-row value under the same key; the next write of the
+    // key removes whichever is out of date. A key whose every row is unreadable reads as
+    // absent, like an unreadable single-row value.
+    if (!stored.positions.empty()) {
+      values.insert_or_assign(*key, stored.value);
+    } else {
+      values.erase(*key);
+    }
+    arrays.insert_or_assign(*key, std::move(stored));
+    elements = {};
+    stored = {};
+  };
+  int step;
+  while ((step = sqlite3_step(select.get())) == SQLITE_ROW) {
+    const auto* keyText = reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0));
+    std::string rowKey(keyText ? keyText : "",
+                       static_cast<size_t>(sqlite3_column_bytes(select.get(), 0)));
+    if (!key || *key != rowKey) {
+      finishKey();
+      key = std::move(rowKey);
+    }
+    const int64_t position = sqlite3_column_int64(select.get(), 1);
+    const auto* blob = static_cast<const uint8_t*>(sqlite3_column_blob(select.get(), 2));
+    const auto size = static_cast<size_t>(sqlite3_column_bytes(select.get(), 2));
+    auto element = decodePlistArrayElement(std::span<const uint8_t>(blob, blob ? size : 0));
+    if (!element) {
+      // The other elements of a queue are still worth keeping.
+      problems.push_back(prefix + "skipping unreadable element at position " +
+                         std::to_string(position) + " of key " + inQuotes(*key));
+      stored.unreadablePositions.push_back(position);
+      continue;
+    }
+    elements.push_back(std::move(*element));
+    stored.positions.push_back(position);
+  }
+  finishKey();
+  return step == SQLITE_DONE;
 }
 
 class SqliteKeyValueStoreProvider final : public KeyValueStoreProvider {
