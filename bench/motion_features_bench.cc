@@ -9,6 +9,7 @@
 #include <random>
 #include <vector>
 
+#include "motion/AdditionalAccelFeatureExtraction.h"
 #include "motion/features/AccelFeatureExtraction.h"
 #include "motion/features/FourierTransform.h"
 #include "motion/features/MotionSeries.h"
@@ -60,6 +61,41 @@ void BM_ExtractAndSignals(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_ExtractAndSignals)->Arg(300)->Arg(2000)->Unit(benchmark::kMicrosecond);
+
+// The raw-motion record some requests carry: every sample of the window as JSON, compressed.
+void BM_RawMotionRecord(benchmark::State& state) {
+  const auto samples = walkingWindow(static_cast<size_t>(state.range(0)));
+  const AdditionalAccelFeatureExtraction extraction(
+      nullptr,
+      std::make_shared<StubDateProvider>(Date{samples.back().timestamp.secondsSince1970 + 0.005}));
+  const auto duration = static_cast<int64_t>(samples.size() / 100);
+  if (extraction.extract(samples, duration).empty()) {
+    state.SkipWithError("no record");
+    return;
+  }
+  size_t bytes = 0;
+  for (auto _ : state) {
+    SignalList signals = extraction.extract(samples, duration);
+    bytes = std::get<std::string>(signals.front().value()).size();
+    benchmark::DoNotOptimize(signals.data());
+  }
+  state.counters["base64_bytes"] = static_cast<double>(bytes);
+}
+BENCHMARK(BM_RawMotionRecord)->Arg(300)->Unit(benchmark::kMicrosecond);
+
+void BM_RawSampleComponent(benchmark::State& state) {
+  const auto samples = walkingWindow(300);
+  for (auto _ : state) {
+    float sum = 0;
+    for (const auto& s : samples) {
+      sum += rawSampleComponent(s.acceleration.x) + rawSampleComponent(s.rotationRate.y) +
+             rawSampleComponent(s.attitude.pitch) + rawSampleComponent(s.gravity.z);
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  state.SetItemsProcessed(state.iterations() * 1200);
+}
+BENCHMARK(BM_RawSampleComponent)->Unit(benchmark::kMicrosecond);
 
 void BM_SpectrumFFT(benchmark::State& state) {
   const auto x = accelerationMagnitudes(walkingWindow(static_cast<size_t>(state.range(0))));

@@ -13,14 +13,16 @@ PlatformError zlibError(int code, const char* what) {
 
 // One compressor per thread, reset between uses: setting one up allocates and clears
 // about 256 KB, which would dominate the encoding of a small log.
-constexpr int kLevel = 5;
+// Level 5 is what mobile platforms' zlib compression uses, so encoded logs are alike in size
+// everywhere.
+constexpr int kGeneralLevel = 5;
+constexpr int kFastLevel = 1;
 
 class ThreadDeflater {
  public:
-  ThreadDeflater(int memLevel, int strategy) {
-    // windowBits -15: raw DEFLATE without the zlib wrapper. Level 5 is what mobile platforms'
-    // zlib compression uses, so encoded logs are alike in size everywhere.
-    ready_ = deflateInit2(&stream_, kLevel, Z_DEFLATED, -15, memLevel, strategy) == Z_OK;
+  ThreadDeflater(int level, int memLevel, int strategy) {
+    // windowBits -15: raw DEFLATE without the zlib wrapper.
+    ready_ = deflateInit2(&stream_, level, Z_DEFLATED, -15, memLevel, strategy) == Z_OK;
   }
   ~ThreadDeflater() {
     if (ready_) deflateEnd(&stream_);
@@ -54,14 +56,18 @@ Result<Bytes> deflateRaw(std::span<const uint8_t> input, CompressionHint hint) {
   // groups of a log) get a small table. Text that is mostly base64 of compressed data has
   // nothing for string matching to find, so it is only Huffman-coded.
   if (hint == CompressionHint::kEntropyOnly) {
-    thread_local ThreadDeflater huffman(8, Z_HUFFMAN_ONLY);
+    thread_local ThreadDeflater huffman(kGeneralLevel, 8, Z_HUFFMAN_ONLY);
     return huffman.compress(input);
   }
+  if (hint == CompressionHint::kFast) {
+    thread_local ThreadDeflater fast(kFastLevel, 8, Z_DEFAULT_STRATEGY);
+    return fast.compress(input);
+  }
   if (input.size() <= 4096) {
-    thread_local ThreadDeflater small(4, Z_DEFAULT_STRATEGY);
+    thread_local ThreadDeflater small(kGeneralLevel, 4, Z_DEFAULT_STRATEGY);
     return small.compress(input);
   }
-  thread_local ThreadDeflater large(8, Z_DEFAULT_STRATEGY);
+  thread_local ThreadDeflater large(kGeneralLevel, 8, Z_DEFAULT_STRATEGY);
   return large.compress(input);
 }
 

@@ -17,6 +17,9 @@ enum class CompressionHint {
   // Data with few repeated strings (base64 of compressed bytes): Huffman coding only, which
   // is several times faster and loses almost nothing on such data.
   kEntropyOnly,
+  // Bulk data compressed while a caller waits (the raw-motion record of a request): the
+  // fastest level, about a tenth larger than the general one and several times quicker.
+  kFast,
 };
 
 Result<Bytes> deflateRaw(std::span<const uint8_t> input,

@@ -30,6 +30,9 @@ struct AccelerometerSensorValue {
   // "a", "r", "at", "g" as three single-precision numbers each (acceleration, rotation rate,
   // roll/pitch/yaw, gravity).
   PlistDictionary toJSON() const;
+  // The same record written straight as JSON text, byte for byte what encoding toJSON() gives,
+  // without building it first: a request's raw-motion record holds hundreds of them.
+  void appendRawRecordJson(std::string& out) const;
 
   bool operator==(const AccelerometerSensorValue&) const = default;
 };

@@ -1,6 +1,5 @@
 #include "motion/AdditionalAccelFeatureExtraction.h"
 
-#include "logging/AnyEncodable.h"
 #include "logging/Compression.h"
 #include "util/Base64.h"
 
@@ -9,28 +8,25 @@ namespace orvane {
 SignalList AdditionalAccelFeatureExtraction::extract(
     std::span<const AccelerometerSensorValue> accelSensorValues, int64_t duration) const {
   const double now = dateProvider_->currentDate().secondsSince1970;
-  PlistArray records;
+  std::string json = "[";
+  json.reserve(200 * accelSensorValues.size());
+  int64_t kept = 0;
   for (const AccelerometerSensorValue& value : accelSensorValues) {
     if (now - value.timestamp.secondsSince1970 < static_cast<double>(duration)) {
-      records.push_back(value.toJSON());
+      if (kept++ > 0) json += ',';
+      value.appendRawRecordJson(json);
     }
   }
-  if (records.empty()) return {};
+  if (kept == 0) return {};
+  json += ']';
 
-  const int64_t kept = static_cast<int64_t>(records.size());
-  Result<std::string> json = AnyEncodable(PlistValue(std::move(records))).toJson();
-  std::optional<PlatformError> failure;
-  if (json.ok()) {
-    const std::string& text = *json;
-    Result<Bytes> compressed = deflateRaw(
-        std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
-    if (compressed.ok()) {
-      return {SignalString(SignalEnum::id(444), base64Encode(*compressed))};
-    }
-    failure = compressed.error();
-  } else {
-    failure = json.error();
+  Result<Bytes> compressed = deflateRaw(
+      std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(json.data()), json.size()),
+      CompressionHint::kFast);
+  if (compressed.ok()) {
+    return {SignalString(SignalEnum::id(444), base64Encode(*compressed))};
   }
+  const PlatformError failure = compressed.error();
   if (errorReporting_) {
     errorReporting_().reportError(
         "AdditionalAccelFeatureExtraction#extract couldn't encode accel data", failure, false,

@@ -3,9 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cmath>
+#include <cstring>
 #include <limits>
+#include <random>
+#include <vector>
 
+#include "logging/AnyEncodable.h"
 #include "motion/AccelerometerSensorValue.h"
 #include "motion/MotionTrace.h"
 #include "motion/motion_test_support.h"
@@ -30,6 +35,52 @@ TEST(motionSample, RawRecordHoldsTheTimeAsTextAndRoundedFloatTriples) {
   EXPECT_EQ(r[1].asFloat(), 1e-12f);
   EXPECT_EQ(r[2].asFloat(), std::numeric_limits<float>::infinity());
   EXPECT_TRUE(std::isnan(rawSampleComponent(std::numeric_limits<double>::quiet_NaN())));
+
+  // The text written straight is the dictionary's JSON, non-finite components included.
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const AccelerometerSensorValue odd({nan, -0.0, -1e300}, {1e-7, 123456.789, -3.25},
+                                     AttitudeData{0.1, 0.2, 0.3}, {0, 0, -1}, Date{-0.5});
+  for (const AccelerometerSensorValue& sample : {value, odd}) {
+    std::string direct;
+    sample.appendRawRecordJson(direct);
+    EXPECT_EQ(direct, *AnyEncodable(PlistValue(sample.toJSON())).toJson());
+  }
+}
+
+// The record's definition: twelve decimals of text, read back in single precision.
+float throughText(double value) {
+  char buffer[352];
+  auto printed = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 12);
+  float parsed = 0;
+  auto read = std::from_chars(buffer, printed.ptr, parsed, std::chars_format::fixed);
+  if (read.ec == std::errc::result_out_of_range) {
+    return std::copysign(std::numeric_limits<float>::infinity(), static_cast<float>(value));
+  }
+  return parsed;
+}
+
+TEST(motionSample, RawComponentsAgreeWithTheTextRoundTripEverywhere) {
+  std::mt19937_64 random(3);
+  std::uniform_real_distribution<double> mantissa(-1, 1);
+  std::uniform_int_distribution<int> exponent(-45, 40);
+  std::vector<double> values{0.0, -0.0, 1e-13, -4e-13, 6e-13, 3.4028235e38, 3.4028236e38, -1e39};
+  for (int i = 0; i < 200000; ++i) {
+    const double v = mantissa(random) * std::pow(10.0, exponent(random));
+    values.push_back(v);
+    // Right at, and just either side of, the point halfway to the next float: where the
+    // twelve-decimal rounding can tip the result.
+    const float f = static_cast<float>(v);
+    const double halfway = (double(f) + double(std::nextafter(f, HUGE_VALF))) / 2;
+    for (double offset : {0.0, 2e-13, -2e-13, 6e-13, -6e-13, 2e-12, -2e-12}) {
+      values.push_back(halfway + offset);
+    }
+  }
+  for (const double v : values) {
+    const float expected = throughText(v);
+    const float actual = rawSampleComponent(v);
+    ASSERT_TRUE(std::memcmp(&expected, &actual, sizeof(float)) == 0)
+        << std::hexfloat << v << ": " << actual << " instead of " << expected;
+  }
 }
 
 TEST(motionTrace, ReadsARecordedTrace) {
