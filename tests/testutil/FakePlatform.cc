@@ -150,13 +150,6 @@ std::shared_ptr<SerialQueue> ManualExecutors::makeSerialQueue(const std::string&
   return queue;
 }
 
-std::vector<std::string> ManualExecutors::queueNames() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  std::vector<std::string> names;
-  for (const auto& q : queues_) names.push_back(q->name());
-  return names;
-}
-
 std::shared_ptr<Cancellable> ManualExecutors::enqueue(SerialQueue* queue, double delay,
                                                       double interval, Task task) {
   auto cancelled = std::make_shared<bool>(false);
@@ -308,15 +301,6 @@ void FakePlatform::feedMotion(size_t count, double xStep, size_t xPeriod, double
     motion->push(sample);
     advance(0.01);
   }
-}
-
-std::optional<int64_t> intSignal(const SignalList& signals, uint16_t id) {
-  for (const Signal& s : signals) {
-    if (s.id().rawValue() == id) {
-      if (const auto* v = std::get_if<int64_t>(&s.value())) return *v;
-    }
-  }
-  return std::nullopt;
 }
 
 }  // namespace orvane::testing

@@ -16,6 +16,7 @@
 #include "logging/ErrorReporter.h"
 #include "orvane/Signal.h"
 #include "orvane/platform/Platform.h"
+#include "testutil/SignalReaders.h"
 
 namespace orvane::testing {
 
@@ -92,7 +93,6 @@ class ManualExecutors : public Executors, public std::enable_shared_from_this<Ma
   void advance(double seconds);
   // Tasks waiting, due or not (repeating timers count once).
   size_t pendingCount() const;
-  std::vector<std::string> queueNames() const;
 
   struct Entry {
     uint64_t sequence;
@@ -165,9 +165,6 @@ struct FakePlatform {
   void feedMotion(size_t count, double xStep, size_t xPeriod, double y = 0);
   size_t drain() { return executors->runUntilIdle(); }
 };
-
-// The value of the first SignalInt with `id`; none when absent or of another kind.
-std::optional<int64_t> intSignal(const SignalList& signals, uint16_t id);
 
 // A provider whose suites can never be opened.
 std::shared_ptr<KeyValueStoreProvider> makeUnavailableKeyValueStoreProvider();
