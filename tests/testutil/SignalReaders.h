@@ -48,4 +48,18 @@ inline std::vector<std::string> signalTexts(const SignalList& signals) {
   return out;
 }
 
+// The whole list on one line, "i25=3 b12=true f9=1.5 s20=\"home\"": each signal's kind initial,
+// id and value as the signal prints it.
+inline std::string signalSummary(const SignalList& signals) {
+  std::string out;
+  for (const Signal& s : signals) {
+    const std::string d = s.description();  // "SignalInt(id: 25, value: 3)"
+    const size_t value = d.find("value: ") + 7;
+    if (!out.empty()) out += ' ';
+    out += static_cast<char>(d[6] - 'A' + 'a') + std::to_string(s.id().rawValue()) + "=" +
+           d.substr(value, d.size() - value - 1);
+  }
+  return out;
+}
+
 }  // namespace orvane::testing
