@@ -272,13 +272,10 @@ TEST_F(ContextTest, RevenueFormsLogOneOutcomeWithTheirMetadata) {
   context->logRevenueOutcome(product, EventOutcome::kPositive);
   records = sent();
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0]->outcomeMetadata(),
-            (CustomSignalList{CustomSignalInt("plan", 2), CustomSignalDecimal("ctx_revenue", 5),
-                              CustomSignalString("ctx_currency", "CHF"),
-                              CustomSignalString("ctx_revenue_source", "in_app_purchase"),
-                              CustomSignalBool("ctx_is_family_shareable", false),
-                              CustomSignalString("ctx_recurrence", "one_time_purchase"),
-                              CustomSignalBool("ctx_is_sandbox_environment", false)}));
+  EXPECT_EQ(testing::customSignalSummary(records[0]->outcomeMetadata()),
+            R"(i:plan=2 d:ctx_revenue=5 s:ctx_currency="CHF" )"
+            R"(s:ctx_revenue_source="in_app_purchase" b:ctx_is_family_shareable=false )"
+            R"(s:ctx_recurrence="one_time_purchase" b:ctx_is_sandbox_environment=false)");
 }
 
 TEST_F(ContextTest, RevenueTwinsLogOnlyTheFirstOutcome) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "orvane/CustomSignal.h"
 #include "orvane/Signal.h"
 
 namespace orvane::testing {
@@ -57,6 +58,19 @@ inline std::string signalSummary(const SignalList& signals) {
     const size_t value = d.find("value: ") + 7;
     if (!out.empty()) out += ' ';
     out += static_cast<char>(d[6] - 'A' + 'a') + std::to_string(s.id().rawValue()) + "=" +
+           d.substr(value, d.size() - value - 1);
+  }
+  return out;
+}
+
+// Custom signals the same way, "d:ctx_revenue=4.99 s:ctx_currency=\"EUR\"".
+inline std::string customSignalSummary(const CustomSignalList& signals) {
+  std::string out;
+  for (const CustomSignal& s : signals) {
+    const std::string d = s.description();  // "CustomSignalInt(id: n, value: -4)"
+    const size_t value = d.find(", value: ") + 9;
+    if (!out.empty()) out += ' ';
+    out += std::string(1, static_cast<char>(d[12] - 'A' + 'a')) + ":" + s.id() + "=" +
            d.substr(value, d.size() - value - 1);
   }
   return out;
