@@ -41,12 +41,21 @@ TEST(motionSpectrum, MatchesTheDirectTransformAtEveryLengthShape) {
   }
 }
 
-TEST(motionSpectrum, DegenerateSeries) {
+TEST(motionSpectrum, DegenerateSeriesAndOverflowingBins) {
   EXPECT_TRUE(computeFFT(std::vector<double>{}).empty());
   EXPECT_TRUE(computeFFT(std::vector<double>{1, kNaN, 2, 3}).empty());
   EXPECT_TRUE(computeFFT(std::vector<double>{1, std::numeric_limits<double>::infinity()}).empty());
   EXPECT_EQ(computeFFT(std::vector<double>{-2.5}), std::vector<double>{2.5});
   EXPECT_EQ(computeFFT(std::vector<double>{1, 3}), std::vector<double>{4});
+
+  // |X_k| = 2e154·|cos(πk/12)|: the square overflows for the low bins only, which read 0.
+  std::vector<double> x(12, 0.0);
+  x[0] = x[1] = 1e154;
+  const auto spectrum = computeFFT(x);
+  EXPECT_EQ(spectrum, testing::directSpectrum(x));
+  EXPECT_EQ(spectrum[0], 0);
+  EXPECT_EQ(spectrum[3], 0);
+  EXPECT_NEAR(spectrum[4], 1e154, 1e140);
 }
 
 TEST(motionSpectrum, SineAndConstantPutTheirEnergyInTheirBin) {
