@@ -1,5 +1,5 @@
 // The services the demo installs in the SDK's platform, the clockwork that plays its script,
-// and starting the service.
+// starting the service, and the scripted user.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -8,6 +8,7 @@
 #include "PostureMotionService.h"
 #include "RecordingServices.h"
 #include "Scheduler.h"
+#include "ScriptedUser.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/Fixtures.h"
 #include "testutil/RecordingHttpTransport.h"
@@ -140,6 +141,25 @@ TEST(DemoService, AServiceThatNeverListensIsReported) {
   EXPECT_FALSE(DevService::start(options, &error));
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
   EXPECT_NE(error.find("did not start"), std::string::npos) << error;
+}
+
+TEST(DemoUser, RepeatableAndKeenerWhileThePhoneLiesStill) {
+  ScriptedUser first(11), second(11);
+  std::map<Posture, int> yes;
+  for (int i = 0; i < 600; ++i) {
+    for (Posture posture : {Posture::kTableFaceUp, Posture::kWalkingInHand}) {
+      const EventOutcome answer = first.answer(kModelFlow, posture);
+      EXPECT_EQ(second.answer(kModelFlow, posture), answer);
+      EXPECT_TRUE(answer == EventOutcome::kPositiveConverted ||
+                  answer == EventOutcome::kNegativeDismissed);
+      yes[posture] += answer == EventOutcome::kPositiveConverted;
+    }
+  }
+  for (Posture posture : {Posture::kTableFaceUp, Posture::kWalkingInHand}) {
+    EXPECT_NEAR(yes[posture] / 600.0, ScriptedUser::receptiveness(posture), 0.07);
+  }
+  // Answers come after the SDK's premature-log threshold of 0.2 s.
+  for (int i = 0; i < 100; ++i) EXPECT_GT(first.reactionTime(), 0.2);
 }
 
 }  // namespace
