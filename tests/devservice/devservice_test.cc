@@ -123,6 +123,18 @@ TEST(DevService, ScriptedFaultsAnswerTheNextUploadsInOrder) {
   EXPECT_EQ(stored["duplicates"], json({{"a", 5}}));
 }
 
+TEST(DevService, ServesModelFiles) {
+  TempDir dir;
+  const std::string bytes("model\0bytes", 11);
+  dir.write("home.mlmodel", bytes);
+  Service service({"--models", dir.path().string()});
+  auto res = service.client().Get("/models/home.mlmodel");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+  EXPECT_EQ(res->body, bytes);
+  EXPECT_EQ(service.client().Get("/models/missing.mlmodel")->status, 404);
+}
+
 TEST(DevService, StopsByItselfAtTheTimeLimitAndRefusesBadArguments) {
   Service limited({"--time-limit", "1"});
   ASSERT_NE(limited.port(), 0);

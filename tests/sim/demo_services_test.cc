@@ -1,7 +1,10 @@
 // The services the demo installs in the SDK's platform, the clockwork that plays its script,
-// starting the service, and the scripted user.
+// finding and starting the service, and the scripted user.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <random>
 #include <thread>
 
 #include "DevService.h"
@@ -129,18 +132,36 @@ TEST(DemoScheduler, RunsMomentsInTimeOrderWhoeverAddsThem) {
   EXPECT_LT(clock.now(), 1.0);
 }
 
-// The demo finds the service beside itself (the end-to-end run covers that); a program that
-// exits without saying where it listens is reported, not waited for.
-TEST(DemoService, AServiceThatNeverListensIsReported) {
+TEST(DemoService, FoundBesideTheToolInstalledOrInTheBuildTree) {
+  namespace fs = std::filesystem;
+  const fs::path root =
+      fs::temp_directory_path() / ("demo-find-" + std::to_string(std::random_device()()));
+  auto touch = [](const fs::path& path) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path) << "#!/bin/sh\n";
+  };
+  touch(root / "bin/orvane-sim");
+  touch(root / "bin/orvane-devservice");
+  touch(root / "build/tools/sim/orvane-sim");
+  touch(root / "build/tools/devservice/orvane-devservice");
+  touch(root / "alone/orvane-sim");
+  EXPECT_EQ(findDevService((root / "bin/orvane-sim").string()),
+            fs::weakly_canonical(root / "bin/orvane-devservice").string());
+  EXPECT_EQ(findDevService((root / "build/tools/sim/orvane-sim").string()),
+            fs::weakly_canonical(root / "build/tools/devservice/orvane-devservice").string());
+  EXPECT_EQ(findDevService((root / "alone/orvane-sim").string()), "");
+
+  // A program that exits without saying where it listens is reported, not waited for.
   DevServiceOptions options;
   options.program = "/bin/true";
-  options.payloadFile = ::testing::TempDir() + "demo-payload.json";
-  options.logFile = ::testing::TempDir() + "demo-service.log";
+  options.payloadFile = (root / "payload.json").string();
+  options.logFile = (root / "service.log").string();
   std::string error;
   const auto started = std::chrono::steady_clock::now();
   EXPECT_FALSE(DevService::start(options, &error));
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
   EXPECT_NE(error.find("did not start"), std::string::npos) << error;
+  fs::remove_all(root);
 }
 
 TEST(DemoUser, RepeatableAndKeenerWhileThePhoneLiesStill) {

@@ -1,5 +1,5 @@
-// The demo's own arithmetic: the update the service offers, the accounting of records in the
-// summary, and a report that stays well-formed for any run.
+// The demo's own arithmetic: the script of a short run, the update the service offers, the
+// accounting of records in the summary, and a report that stays well-formed for any run.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,6 +14,29 @@
 
 namespace orvane::sim::demo {
 namespace {
+
+TEST(DemoScript, AShortRunKeepsEveryMomentInOrderAndEveryFlowAsks) {
+  for (double seconds : {5.0, 10.0, 60.0}) {
+    const Script s = makeScript(seconds);
+    EXPECT_LT(0, s.updateAt);
+    EXPECT_LT(s.updateAt, s.outageAt);
+    EXPECT_LT(s.outageAt, s.recoveryAt);
+    EXPECT_LT(s.recoveryAt, s.resignAt);
+    EXPECT_LT(s.resignAt, s.becomeActiveAt);
+    EXPECT_LT(s.becomeActiveAt, s.length);
+    EXPECT_EQ(s.postures.back().end, s.length);
+    // A flow asks first while the app is active, with time left for its answer.
+    for (const FlowPlan& flow : s.flows) {
+      EXPECT_TRUE(s.isActiveAt(flow.firstAt)) << flow.name << " in " << seconds << " s";
+      EXPECT_LE(flow.firstAt, s.length - flow.seconds - 1) << flow.name << " in " << seconds;
+    }
+  }
+  const Script minute = makeScript(60);
+  EXPECT_EQ(minute.postureAt(10), Posture::kTableFaceUp);
+  EXPECT_EQ(minute.postureAt(30), Posture::kWalkingInHand);
+  EXPECT_EQ(minute.postureAt(59.9), Posture::kTableFaceDown);
+  EXPECT_FALSE(minute.isActiveAt((minute.resignAt + minute.becomeActiveAt) / 2));
+}
 
 // The SDK takes a flow's assignment only when it was made for the duration the flow asks for,
 // and turns the timing rules into windows only when they are valid.
@@ -116,6 +139,33 @@ TEST(DemoReport, EscapesNamesAndStaysFiniteForAnEmptyRun) {
   }
   EXPECT_EQ(std::count(html.begin(), html.end(), '<') - std::count(html.begin(), html.end(), '>'),
             0);
+}
+
+// The charts' lines: the queue as steps (across, then up or down), and no motion drawn across
+// a stretch without samples.
+TEST(DemoReport, QueueStepsAndMotionGaps) {
+  RunRecord r;
+  r.length = 10;
+  r.queue = {{0, 0, 0, 0}, {5, 3, 1, 30}};
+  for (double t = 0; t < 2; t += 0.01) r.motion.push_back({t, 0.01});
+  for (double t = 6; t < 8; t += 0.01) r.motion.push_back({t, 0.2});
+  const std::string html = renderReport(r, summarize(r));
+
+  const auto pathOf = [&](const std::string& cls) {
+    const std::string head = "<path class=\"" + cls + "\" d=\"";
+    const size_t at = html.find(head);
+    if (at == std::string::npos) return std::string();
+    const size_t from = at + head.size();
+    return html.substr(from, html.find('"', from) - from);
+  };
+  const std::string main = pathOf("main");
+  ASSERT_FALSE(main.empty());
+  EXPECT_EQ(main.rfind("M", 0), 0u) << main;
+  EXPECT_EQ(std::count(main.begin(), main.end(), 'H'), 1) << main;
+  EXPECT_EQ(std::count(main.begin(), main.end(), 'V'), 1) << main;
+  EXPECT_NE(main.find('V', main.find('H')), std::string::npos) << main;
+  const std::string motion = pathOf("motion");
+  EXPECT_EQ(std::count(motion.begin(), motion.end(), 'M'), 2) << motion;
 }
 
 }  // namespace
