@@ -7,6 +7,7 @@
 #include "motion/AccelerometerSensor.h"
 #include "orvane/ContextManager.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/ManagerHelpers.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
@@ -93,10 +94,6 @@ TEST(ContextManagerTest, DeviceWithoutGyroscopeIsUnsupported) {
   ContextManager manager(fake.platform);
   EXPECT_EQ(manager.isSupported(), ContextManagerIsSupported::kUnsupported);
   EXPECT_FALSE(manager.accelerometerSensor().isSampling());
-
-  FakePlatform imposed;
-  ContextManager forced(imposed.platform, ContextManagerIsSupported::kUnsupported);
-  EXPECT_EQ(forced.isSupported(), ContextManagerIsSupported::kUnsupported);
 }
 
 TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
@@ -161,52 +158,26 @@ TEST(ContextManagerTest, ManagerStopsListeningWhenDestroyed) {
   EXPECT_FALSE(defaults.dictionary("app_seconds"));
 }
 
-TEST(ContextManagerTest, InstallationIdentitySurvivesRestartsWhenTheSuiteIsAvailable) {
+TEST(ContextManagerTest, InstallationIdentitySurvivesRestartsOnlyWithASuite) {
   FakePlatform fake;
   std::string first;
   {
     ContextManager manager(fake.platform);
     first = manager.installationUUID();
-    EXPECT_EQ(manager.installationUUID(), first);
     EXPECT_EQ(manager.userDefaultsProvider()->string("orvane_installation_uuid"), first);
   }
-  ContextManager restarted(fake.platform);
-  EXPECT_EQ(restarted.installationUUID(), first);
+  EXPECT_EQ(ContextManager(fake.platform).installationUUID(), first);
   EXPECT_EQ(fake.log->count("[Orvane] Failed to get Installation UUID"), 0u);
-}
 
-TEST(ContextManagerTest, InstallationIdentityWithoutSuiteIsPerProcessAndLogged) {
-  FakePlatform fake;
+  // Without a suite: one per process, logged, and nothing can be recorded.
   fake.platform.keyValueStores = testing::makeUnavailableKeyValueStoreProvider();
   ContextManager a(fake.platform);
   ContextManager b(fake.platform);
   const std::string idA = a.installationUUID();
-  EXPECT_EQ(a.installationUUID(), idA);  // cached for the process
+  EXPECT_EQ(a.installationUUID(), idA);
   EXPECT_NE(b.installationUUID(), idA);
   EXPECT_EQ(fake.log->count("[Orvane] Failed to get Installation UUID"), 2u);
-  EXPECT_EQ(a.numberOfAppLaunches(), 0);  // nothing can be recorded
-}
-
-TEST(ContextManagerTest, DecisionSwitchesEmptyTheModelCache) {
-  FakePlatform fake;
-  ContextManager manager(fake.platform);
-  CoreMLModelManager& models = manager.coreMLModelManager();
-  auto fillCache = [&] {
-    models.modelInfoCache().withLock(
-        [](CoreMLModelManager::ModelInfoCache& cache) { cache["home"] = CustomModelInfo{}; });
-  };
-  auto cacheSize = [&] {
-    return models.modelInfoCache().withLock(
-        [](CoreMLModelManager::ModelInfoCache& cache) { return cache.size(); });
-  };
-  fillCache();
-  manager.setDecisionsSwitch(false);  // setControlMode(enabled: true)
-  EXPECT_FALSE(models.decisionsEnabled());
-  EXPECT_EQ(cacheSize(), 0u);
-  fillCache();
-  manager.setDecisionsSwitch(true);
-  EXPECT_TRUE(models.decisionsEnabled());
-  EXPECT_EQ(cacheSize(), 0u);
+  EXPECT_EQ(a.numberOfAppLaunches(), 0);
 }
 
 TEST(ContextManagerTest, PublicModelViewFollowsTheStoreAndTheSwitch) {
@@ -215,20 +186,23 @@ TEST(ContextManagerTest, PublicModelViewFollowsTheStoreAndTheSwitch) {
   EXPECT_EQ(manager.appliedModelGenerationId(), "calibration");
   EXPECT_FALSE(manager.modelInformation("home"));  // nothing assigned: always upsell
 
-  const std::string control =
-      R"({"isControl":true,"supportedDuration":3,"useInstantContext":true,"randomUpsellChance":0.2,"modelVersion":"ctl-1"})";
-  manager.userDefaultsProvider()->set("model_info_for_flow_paywall",
-                                      Bytes(control.begin(), control.end()));
+  testing::storeFlowRecord(
+      *manager.userDefaultsProvider(), "paywall",
+      R"({"isControl":true,"supportedDuration":3,"useInstantContext":true,"randomUpsellChance":0.2,"modelVersion":"ctl-1"})");
   manager.userDefaultsProvider()->set("ota_last_applied_version", int64_t{4});
   EXPECT_EQ(manager.appliedModelGenerationId(), "ota-4");
   EXPECT_EQ(manager.modelInformation("paywall"),
             (ContextModelInformation{true, "ctl-1", 3, true, 0.2, std::nullopt}));
 
+  // Each switch empties the answers cached so far.
   manager.setDecisionsSwitch(false);
+  EXPECT_FALSE(manager.coreMLModelManager().decisionsEnabled());
   auto switched = manager.modelInformation("paywall");
   ASSERT_TRUE(switched);
   EXPECT_DOUBLE_EQ(switched->randomUpsellChance, 1.0);
   EXPECT_TRUE(switched->modelVersion.starts_with("CCCC"));
+  manager.setDecisionsSwitch(true);
+  EXPECT_EQ(manager.modelInformation("paywall")->randomUpsellChance, 0.2);
 }
 
 TEST(ContextManagerTest, GlobalCustomSignalsReplaceInPlaceAndRemoveById) {
@@ -243,39 +217,6 @@ TEST(ContextManagerTest, GlobalCustomSignalsReplaceInPlaceAndRemoveById) {
   manager.storeGlobalCustomSignal(CustomSignalString("a", "again"));
   EXPECT_EQ(manager.globalCustomSignals(),
             (CustomSignalList{CustomSignalBool("b", true), CustomSignalString("a", "again")}));
-}
-
-// The static surface acts on the one shared manager; install fakes before its first use.
-TEST(ContextManagerStaticTest, StaticOperationsReachTheSharedManager) {
-  static FakePlatform* fake = new FakePlatform();  // lives as long as the shared manager
-  ASSERT_TRUE(ContextManager::installDefaultPlatform(fake->platform));
-  EXPECT_TRUE(ContextManager::setup("STATIC-KEY"));
-  EXPECT_FALSE(ContextManager::installDefaultPlatform(fake->platform));
-  ContextManager& shared = ContextManager::shared();
-  EXPECT_EQ(&shared, &ContextManager::shared());
-  EXPECT_EQ(shared.licenseKey(), "STATIC-KEY");
-  EXPECT_EQ(ContextManager::sdkVersion(), "5.13.0");
-
-  ContextManager::setGlobalCustomSignal("n", 1);
-  ContextManager::setGlobalCustomSignal("f", 0.5);
-  ContextManager::setGlobalCustomSignal("s", "text");
-  ContextManager::setGlobalCustomSignal("d", *Decimal::parse("1.25"));
-  ContextManager::setGlobalCustomSignal("n", std::optional<std::string>());
-  EXPECT_EQ(shared.globalCustomSignals(),
-            (CustomSignalList{CustomSignalFloat("f", 0.5f), CustomSignalString("s", "text"),
-                              CustomSignalDecimal("d", *Decimal::parse("1.25"))}));
-
-  ContextManager::setControlMode(true);
-  EXPECT_FALSE(shared.coreMLModelManager().decisionsEnabled());
-  ContextManager::setDecisionsEnabled(true);
-  EXPECT_TRUE(shared.coreMLModelManager().decisionsEnabled());
-
-  int sent = 0;
-  ContextManager::setLogSender([&](std::shared_ptr<Log>) { ++sent; });
-  shared.sendLog(nullptr);
-  fake->drain();
-  EXPECT_EQ(sent, 1);
-  ContextManager::setLogSender(nullptr);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "orvane/Log.h"
 #include "orvane/Revenue.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/ManagerHelpers.h"
 #include "timing/TimingCoordinator.h"
 #include "util/LogDateFormat.h"
 #include "util/UserDefaultsProvider.h"
@@ -19,42 +20,17 @@ namespace {
 
 using testing::FakePlatform;
 
-template <typename T>
-std::optional<T> valueOf(const SignalList& signals, uint16_t id) {
-  for (const Signal& s : signals) {
-    if (s.id().rawValue() == id) {
-      if (const T* v = std::get_if<T>(&s.value())) return *v;
-    }
-  }
-  return std::nullopt;
-}
-
-size_t countOf(const SignalList& signals, uint16_t id) {
-  return static_cast<size_t>(std::count_if(
-      signals.begin(), signals.end(), [&](const Signal& s) { return s.id().rawValue() == id; }));
-}
+using testing::signalCount;
+using testing::signalValue;
 
 class ContextTest : public ::testing::Test {
  protected:
   ContextTest() {
-    manager.setupWith(
-        "KEY-0123456789abcdef",
-        [this](std::shared_ptr<Log> log) {
-          std::lock_guard<std::mutex> guard(mutex);
-          logs.push_back(std::move(log));
-        },
-        std::nullopt, Configuration{});
-    fake.drain();
-    logs.clear();
+    manager.setupWith("KEY-0123456789abcdef", logs.sender(), std::nullopt, Configuration{});
+    sent();
   }
-
-  // A control assignment for `flow` whose chance decides alone (0: always no, 1: always yes).
   void assignControl(const std::string& flow, double chance) {
-    const std::string record =
-        R"({"isControl":true,"supportedDuration":0,"useInstantContext":false,"randomUpsellChance":)" +
-        std::to_string(chance) + "}";
-    manager.userDefaultsProvider()->set("model_info_for_flow_" + flow,
-                                        Bytes(record.begin(), record.end()));
+    testing::storeFlowRecord(*manager.userDefaultsProvider(), flow, testing::controlRecord(chance));
   }
   void timing(const std::string& flow, std::optional<ServerTiming> atLeastEvery,
               std::optional<ServerTiming> atMostOncePer) {
@@ -70,16 +46,12 @@ class ContextTest : public ::testing::Test {
   }
   std::vector<std::shared_ptr<Log>> sent() {
     fake.drain();
-    std::lock_guard<std::mutex> guard(mutex);
-    auto out = logs;
-    logs.clear();
-    return out;
+    return logs.take();
   }
 
   FakePlatform fake;
   ContextManager manager{fake.platform, ContextManagerIsSupported::kSupported};
-  std::mutex mutex;
-  std::vector<std::shared_ptr<Log>> logs;
+  testing::SentLogs logs;
 };
 
 TEST_F(ContextTest, DecisionCombinesTimingWithTheModelsCode) {
@@ -117,10 +89,10 @@ TEST_F(ContextTest, DecisionCombinesTimingWithTheModelsCode) {
     EXPECT_EQ(context->shouldUpsell(), c.shouldUpsell) << c.what;
     EXPECT_EQ(context->wasForcedUpsell(), c.forced) << c.what;
     const SignalList signals = context->signals();
-    EXPECT_EQ(valueOf<bool>(signals, 12), c.shouldUpsell) << c.what;
-    EXPECT_EQ(valueOf<int64_t>(signals, 11), c.chance == 0 ? -1 : 1) << c.what;
+    EXPECT_EQ(signalValue<bool>(signals, 12), c.shouldUpsell) << c.what;
+    EXPECT_EQ(signalValue<int64_t>(signals, 11), c.chance == 0 ? -1 : 1) << c.what;
     for (uint16_t id : {650, 651}) {
-      EXPECT_EQ(valueOf<bool>(signals, id),
+      EXPECT_EQ(signalValue<bool>(signals, id),
                 c.overrideSignal == id ? std::optional(true) : std::nullopt)
           << c.what << " signal " << id;
     }
@@ -133,8 +105,8 @@ TEST_F(ContextTest, UnsupportedDeviceAlwaysSaysYesWithoutAModel) {
   auto context = Context::create(unsupported, {}, "flow", {}, MethodUsed::kFetchContext, {});
   EXPECT_TRUE(context->shouldUpsell());
   EXPECT_FALSE(context->wasForcedUpsell());
-  EXPECT_EQ(valueOf<int64_t>(context->signals(), 11), -3);
-  EXPECT_EQ(countOf(context->signals(), 16), 0u);  // no model part ran
+  EXPECT_EQ(signalValue<int64_t>(context->signals(), 11), -3);
+  EXPECT_EQ(signalCount(context->signals(), 16), 0u);  // no model part ran
 }
 
 TEST_F(ContextTest, CreationAppendsIdentityAndLogsItselfForRequestPaths) {
@@ -146,15 +118,15 @@ TEST_F(ContextTest, CreationAppendsIdentityAndLogsItselfForRequestPaths) {
   ASSERT_GE(ids.size(), 8u);
   EXPECT_EQ(std::vector<uint16_t>(ids.begin(), ids.begin() + 7),
             (std::vector<uint16_t>{191, 19, 29, 20, 14, 15, 25}));
-  EXPECT_EQ(valueOf<std::string>(signals, 29), context->contextUUID());
-  EXPECT_EQ(valueOf<std::string>(signals, 14), manager.currentSessionId());
-  EXPECT_EQ(valueOf<bool>(signals, 19), false);  // nothing assigned: always upsell
+  EXPECT_EQ(signalValue<std::string>(signals, 29), context->contextUUID());
+  EXPECT_EQ(signalValue<std::string>(signals, 14), manager.currentSessionId());
+  EXPECT_EQ(signalValue<bool>(signals, 19), false);  // nothing assigned: always upsell
   EXPECT_TRUE(context->shouldUpsell());
 
   auto creation = sent();
   ASSERT_EQ(creation.size(), 1u);
-  EXPECT_EQ(valueOf<int64_t>(creation[0]->signals(), 3), -101);
-  EXPECT_EQ(valueOf<int64_t>(creation[0]->signals(), 23), 1);
+  EXPECT_EQ(signalValue<int64_t>(creation[0]->signals(), 3), -101);
+  EXPECT_EQ(signalValue<int64_t>(creation[0]->signals(), 23), 1);
   EXPECT_FALSE(context->alreadyLogged());
 
   create(MethodUsed::kTrackEvent);
@@ -170,26 +142,30 @@ TEST_F(ContextTest, EveryLogIsANewRecordWithFreshPerLogSignals) {
   auto records = sent();
   ASSERT_EQ(records.size(), 2u);
   for (const auto& r : records) {
-    EXPECT_EQ(countOf(r->signals(), 3), 1u);
-    EXPECT_EQ(valueOf<int64_t>(r->signals(), 3), 1);
-    EXPECT_EQ(valueOf<int64_t>(r->signals(), 23), 2);
-    EXPECT_FLOAT_EQ(*valueOf<float>(r->signals(), 9), 1.5f);
-    EXPECT_EQ(valueOf<float>(r->signals(), 28),
+    EXPECT_EQ(signalCount(r->signals(), 3), 1u);
+    EXPECT_EQ(signalValue<int64_t>(r->signals(), 3), 1);
+    EXPECT_EQ(signalValue<int64_t>(r->signals(), 23), 2);
+    EXPECT_FLOAT_EQ(*signalValue<float>(r->signals(), 9), 1.5f);
+    EXPECT_EQ(signalValue<float>(r->signals(), 28),
               static_cast<float>(context->secondsBetweenCreatedAndShouldUpsellChecked()));
-    EXPECT_EQ(valueOf<std::string>(r->signals(), 17),
+    EXPECT_EQ(signalValue<std::string>(r->signals(), 17),
               formatLogDate(manager.dateProvider()->currentDate()));
-    EXPECT_EQ(valueOf<bool>(r->signals(), 444), true);  // kept for real outcomes
+    EXPECT_EQ(signalValue<bool>(r->signals(), 444), true);  // kept for real outcomes
   }
-  EXPECT_NE(valueOf<std::string>(records[0]->signals(), 8),
-            valueOf<std::string>(records[1]->signals(), 8));
+  EXPECT_NE(signalValue<std::string>(records[0]->signals(), 8),
+            signalValue<std::string>(records[1]->signals(), 8));
   // The second outcome carries the same (empty) metadata as the first.
   EXPECT_EQ(fake.log->countContaining("with the same outcome metadata as the last one logged"), 1u);
 
-  context->appendOutcomeMetadata({CustomSignalInt("plan", 1)});
+  // New metadata replaces an entry of the same id and goes to the end.
+  context->appendOutcomeMetadata({CustomSignalInt("a", 1), CustomSignalInt("b", 2)});
+  context->appendOutcomeMetadata({CustomSignalInt("a", 3)});
+  EXPECT_EQ(context->outcomeMetadata(),
+            (CustomSignalList{CustomSignalInt("b", 2), CustomSignalInt("a", 3)}));
   context->log(EventOutcome::kSkipped);  // exempt: no premature warning, no 444
   auto skipped = sent();
   ASSERT_EQ(skipped.size(), 1u);
-  EXPECT_EQ(countOf(skipped[0]->signals(), 444), 0u);
+  EXPECT_EQ(signalCount(skipped[0]->signals(), 444), 0u);
   EXPECT_EQ(fake.log->countContaining("with the same outcome metadata"), 1u);
 }
 
@@ -226,19 +202,11 @@ TEST_F(ContextTest, PrematureOutcomesAreWarnedButSent) {
   EXPECT_EQ(fake.log->countContaining("There were only"), 1u);
 }
 
-TEST_F(ContextTest, OutcomeMetadataReplacesByIdAtTheEnd) {
-  auto context = create();
-  context->appendOutcomeMetadata({CustomSignalInt("a", 1), CustomSignalInt("b", 2)});
-  context->appendOutcomeMetadata({CustomSignalInt("a", 3)});
-  EXPECT_EQ(context->outcomeMetadata(),
-            (CustomSignalList{CustomSignalInt("b", 2), CustomSignalInt("a", 3)}));
-}
-
 TEST_F(ContextTest, RecentContextIsMarkedAndMaxDelayChangesAreWarned) {
   auto first = create(MethodUsed::kFetchContext, {SignalBool(SignalEnum::id(21), false)});
-  EXPECT_EQ(countOf(first->signals(), 27), 0u);
+  EXPECT_EQ(signalCount(first->signals(), 27), 0u);
   auto second = create(MethodUsed::kFetchContext, {SignalBool(SignalEnum::id(21), true)});
-  EXPECT_EQ(valueOf<bool>(first->signals(), 27), true);
+  EXPECT_EQ(signalValue<bool>(first->signals(), 27), true);
   EXPECT_EQ(manager.recentContextForFlow("flow"), second);
   EXPECT_EQ(fake.log->countContaining("was obtained using different values of maxDelay"), 1u);
   create(MethodUsed::kFetchContext, {SignalBool(SignalEnum::id(21), true)});
@@ -275,8 +243,8 @@ TEST_F(ContextTest, ConcurrentLogsAreEachDeliveredOnceOnTheMainQueue) {
   auto records = sent();
   EXPECT_EQ(records.size(), 100u);  // every log(); logIfNotLoggedYet never won after the first
   for (const auto& r : records) {
-    EXPECT_EQ(countOf(r->signals(), 8), 1u);
-    EXPECT_EQ(valueOf<int64_t>(r->signals(), 3), 1);
+    EXPECT_EQ(signalCount(r->signals(), 8), 1u);
+    EXPECT_EQ(signalValue<int64_t>(r->signals(), 3), 1);
   }
 }
 
@@ -289,8 +257,8 @@ TEST_F(ContextTest, RevenueFormsLogOneOutcomeWithTheirMetadata) {
   context->logRevenueOutcome(tip, EventOutcome::kPositiveConverted);
   auto records = sent();
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(valueOf<int64_t>(records[0]->signals(), 23), 2);  // an ordinary outcome log
-  EXPECT_EQ(valueOf<int64_t>(records[0]->signals(), 3), 3);
+  EXPECT_EQ(signalValue<int64_t>(records[0]->signals(), 23), 2);  // an ordinary outcome log
+  EXPECT_EQ(signalValue<int64_t>(records[0]->signals(), 3), 3);
   CustomSignalList expected{CustomSignalInt("plan", 2)};  // the earlier revenue entry replaced
   for (const CustomSignal& s : tip.metadata()) expected.push_back(s);
   EXPECT_EQ(records[0]->outcomeMetadata(), expected);
@@ -304,13 +272,10 @@ TEST_F(ContextTest, RevenueFormsLogOneOutcomeWithTheirMetadata) {
   context->logRevenueOutcome(product, EventOutcome::kPositive);
   records = sent();
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0]->outcomeMetadata(),
-            (CustomSignalList{CustomSignalInt("plan", 2), CustomSignalDecimal("ctx_revenue", 5),
-                              CustomSignalString("ctx_currency", "CHF"),
-                              CustomSignalString("ctx_revenue_source", "in_app_purchase"),
-                              CustomSignalBool("ctx_is_family_shareable", false),
-                              CustomSignalString("ctx_recurrence", "one_time_purchase"),
-                              CustomSignalBool("ctx_is_sandbox_environment", false)}));
+  EXPECT_EQ(testing::customSignalSummary(records[0]->outcomeMetadata()),
+            R"(i:plan=2 d:ctx_revenue=5 s:ctx_currency="CHF" )"
+            R"(s:ctx_revenue_source="in_app_purchase" b:ctx_is_family_shareable=false )"
+            R"(s:ctx_recurrence="one_time_purchase" b:ctx_is_sandbox_environment=false)");
 }
 
 TEST_F(ContextTest, RevenueTwinsLogOnlyTheFirstOutcome) {

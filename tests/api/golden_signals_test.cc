@@ -1,8 +1,6 @@
 // Tracked events and golden signals: instant contexts that log themselves at once.
 #include <gtest/gtest.h>
 
-#include <mutex>
-
 #include "config/RemoteConfiguration.h"
 #include "motion/AccelerometerSensor.h"
 #include "motion/MotionTrace.h"
@@ -10,39 +8,25 @@
 #include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/Fixtures.h"
+#include "testutil/ManagerHelpers.h"
 
 namespace orvane {
 namespace {
 
-template <typename T>
-std::optional<T> valueOf(const SignalList& signals, uint16_t id) {
-  for (const Signal& s : signals) {
-    if (s.id().rawValue() == id) {
-      if (const T* v = std::get_if<T>(&s.value())) return *v;
-    }
-  }
-  return std::nullopt;
-}
+using testing::signalValue;
 
 class TrackingTest : public ::testing::Test {
  protected:
   TrackingTest() {
     Configuration configuration;
     configuration.enableInstantContext = true;
-    manager.setupWith(
-        "KEY-0123456789abcdef",
-        [this](std::shared_ptr<Log> log) {
-          std::lock_guard<std::mutex> guard(mutex);
-          logs.push_back(std::move(log));
-        },
-        std::nullopt, configuration);
-    fake.drain();
-    logs.clear();
+    manager.setupWith("KEY-0123456789abcdef", logs.sender(), std::nullopt, configuration);
+    sent();
   }
   std::vector<std::shared_ptr<Log>> sent() {
     fake.drain();
-    std::lock_guard<std::mutex> guard(mutex);
-    return std::exchange(logs, {});
+    return logs.take();
   }
 
   void configure(ServerConfiguration update) {
@@ -51,9 +35,7 @@ class TrackingTest : public ::testing::Test {
   }
   // The last `count` samples of a recorded trace, delivered at 100 Hz.
   void replay(const std::string& trace, size_t count) {
-    const char* fixtures = std::getenv("ORVANE_FIXTURES");
-    auto recorded = readMotionTraceFile(std::string(fixtures ? fixtures : "tests/fixtures") +
-                                        "/motion/" + trace + ".json");
+    auto recorded = readMotionTraceFile(testing::fixturePath("motion/" + trace + ".json"));
     ASSERT_TRUE(recorded.ok());
     const auto& samples = recorded->samples;
     for (size_t i = samples.size() - count; i < samples.size(); ++i) {
@@ -69,8 +51,7 @@ class TrackingTest : public ::testing::Test {
                            return fake.platform;
                          }(),
                          ContextManagerIsSupported::kSupported};
-  std::mutex mutex;
-  std::vector<std::shared_ptr<Log>> logs;
+  testing::SentLogs logs;
 };
 
 TEST_F(TrackingTest, EachTrackedFormLogsOneRecordOfItsKind) {
@@ -85,11 +66,11 @@ TEST_F(TrackingTest, EachTrackedFormLogsOneRecordOfItsKind) {
     const auto records = sent();
     ASSERT_EQ(records.size(), 1u) << "no creation record, one event record";
     const SignalList& signals = records[0]->signals();
-    EXPECT_EQ(valueOf<int64_t>(signals, 3), -100);
-    EXPECT_EQ(valueOf<int64_t>(signals, 23), static_cast<int64_t>(c.type));
-    EXPECT_EQ(valueOf<int64_t>(signals, 25), static_cast<int64_t>(c.method));
-    EXPECT_EQ(valueOf<int64_t>(signals, 191), 3);
-    EXPECT_EQ(valueOf<std::string>(signals, 20), "checkout");
+    EXPECT_EQ(signalValue<int64_t>(signals, 3), -100);
+    EXPECT_EQ(signalValue<int64_t>(signals, 23), static_cast<int64_t>(c.type));
+    EXPECT_EQ(signalValue<int64_t>(signals, 25), static_cast<int64_t>(c.method));
+    EXPECT_EQ(signalValue<int64_t>(signals, 191), 3);
+    EXPECT_EQ(signalValue<std::string>(signals, 20), "checkout");
     ASSERT_EQ(records[0]->customSignals().size(), 1u);
     EXPECT_EQ(records[0]->customSignals()[0].id(), "items");
   }
@@ -100,15 +81,15 @@ TEST_F(TrackingTest, GoldenSignalsWithoutTriggerOrBid) {
   const auto records = sent();
   ASSERT_EQ(records.size(), 1u) << "one golden-signals record, no creation record";
   const SignalList& signals = records[0]->signals();
-  EXPECT_EQ(valueOf<std::string>(signals, 20), "Orvane_41e6625b_golden_signals");
-  EXPECT_EQ(valueOf<int64_t>(signals, 3), -104);
-  EXPECT_EQ(valueOf<int64_t>(signals, 23), 1);
-  EXPECT_EQ(valueOf<int64_t>(signals, 25), 16);
-  EXPECT_FALSE(valueOf<std::string>(signals, 750));
-  EXPECT_FALSE(valueOf<std::string>(signals, 752));
+  EXPECT_EQ(signalValue<std::string>(signals, 20), "Orvane_41e6625b_golden_signals");
+  EXPECT_EQ(signalValue<int64_t>(signals, 3), -104);
+  EXPECT_EQ(signalValue<int64_t>(signals, 23), 1);
+  EXPECT_EQ(signalValue<int64_t>(signals, 25), 16);
+  EXPECT_FALSE(signalValue<std::string>(signals, 750));
+  EXPECT_FALSE(signalValue<std::string>(signals, 752));
 
   ASSERT_TRUE(result.count("ctxId"));
-  EXPECT_EQ(*result.at("ctxId").asString(), valueOf<std::string>(signals, 751));
+  EXPECT_EQ(*result.at("ctxId").asString(), signalValue<std::string>(signals, 751));
   EXPECT_EQ(result.at("ctxId").asString()->size(), 17u);
   EXPECT_FALSE(result.count("contextDuration"));
   // The default configuration names activities, but without motion data nothing is scored.
@@ -126,9 +107,9 @@ TEST_F(TrackingTest, GoldenSignalsSelectConfiguredSignalsInTheirOwnTypes) {
   const auto records = sent();
   ASSERT_EQ(records.size(), 1u);
   const SignalList& signals = records[0]->signals();
-  EXPECT_EQ(valueOf<std::string>(signals, 20), "Orvane_41e6625b_golden_signals_banner");
-  EXPECT_EQ(valueOf<std::string>(signals, 750), "banner");
-  EXPECT_EQ(valueOf<std::string>(signals, 752), "bid-42");
+  EXPECT_EQ(signalValue<std::string>(signals, 20), "Orvane_41e6625b_golden_signals_banner");
+  EXPECT_EQ(signalValue<std::string>(signals, 750), "banner");
+  EXPECT_EQ(signalValue<std::string>(signals, 752), "bid-42");
 
   EXPECT_EQ(result.at("contextDuration"), PlistValue(int64_t{5}));
   EXPECT_EQ(result.at("c191"), PlistValue(int64_t{5}));

@@ -12,6 +12,7 @@
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/ManagerHelpers.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
@@ -33,11 +34,8 @@ class ObserverTest : public ::testing::Test {
 
   // 0: the flow always says no; 1: always yes. Forgets the decisions already cached.
   void assignControl(const std::string& flow, double chance) {
-    const std::string record =
-        R"({"isControl":true,"supportedDuration":3,"useInstantContext":false,"randomUpsellChance":)" +
-        std::to_string(chance) + "}";
-    manager.userDefaultsProvider()->set("model_info_for_flow_" + flow,
-                                        Bytes(record.begin(), record.end()));
+    testing::storeFlowRecord(*manager.userDefaultsProvider(), flow,
+                             testing::controlRecord(chance, 3));
     manager.setDecisionsSwitch(true);
   }
   // Samples at 100 Hz, each delivered (and what it posts run) before the next.

@@ -8,6 +8,7 @@
 #include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/ManagerHelpers.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
@@ -28,12 +29,6 @@ class ValidateTest : public ::testing::Test {
         Configuration{});
     fake.drain();
     logsSent = 0;
-  }
-  void assignControl(const std::string& flow) {
-    const std::string record =
-        R"({"isControl":true,"supportedDuration":0,"useInstantContext":false,"randomUpsellChance":1})";
-    manager.userDefaultsProvider()->set("model_info_for_flow_" + flow,
-                                        Bytes(record.begin(), record.end()));
   }
 
   testing::FakePlatform fake;
@@ -79,7 +74,7 @@ TEST_F(ValidateTest, ReportsAContextWithoutMotionDataAndLeavesItAlone) {
 
 TEST_F(ValidateTest, ReportsValidMotionAndTheAssignedModel) {
   setUp(manager);
-  assignControl("paywall");
+  testing::storeFlowRecord(*manager.userDefaultsProvider(), "paywall", testing::controlRecord(1));
   SignalList request{SignalBool(SignalEnum::id(192), true), SignalFloat(SignalEnum::id(112), 0.0f),
                      SignalFloat(SignalEnum::id(113), 0.25f)};
   for (uint16_t id : signal_catalogue::kAllIds) {  // enough columns for the count to pass

@@ -6,24 +6,19 @@
 // selects exactly them.
 #pragma once
 
-#include <cstdlib>
 #include <map>
 #include <string>
 
 #include "coreml/Model.h"
 #include "coreml/proto/coreml_model.pb.h"
+#include "testutil/Fixtures.h"
 
 namespace orvane::coreml::testing {
 
 namespace schema = ::orvane::coreml::schema;
 using TreeNode = schema::TreeEnsembleParameters::TreeNode;
 
-inline std::string fixturesDir() {
-  if (const char* env = std::getenv("ORVANE_FIXTURES"); env && *env) {
-    return std::string(env) + "/coreml";
-  }
-  return std::string(ORVANE_SOURCE_FIXTURES) + "/coreml";
-}
+inline std::string fixturesDir() { return ::orvane::testing::fixturePath("coreml"); }
 
 inline void addFeature(google::protobuf::RepeatedPtrField<schema::FeatureDescription>* features,
                        const std::string& name, const std::string& kind) {

@@ -1,7 +1,6 @@
 // File: evaluation_test.cc
-// Evaluation rules that the scikit-learn fixtures do not reach: every branch behaviour at and
-// around its threshold, missing values, the transforms on hand-made scores, probit, the
-// preprocessing steps, input conversion, and the compiled folder.
+// Evaluation rules that the scikit-learn fixtures do not reach: branch behaviours, missing
+// values, transforms, probit, the preprocessing steps, input conversion, the compiled folder.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -128,15 +127,14 @@ TEST(coremlTransforms, ShapeScoresIntoProbabilities) {
   p = probabilities(fixedScores({0.25, 0.75}, schema::NoTransform, 2));
   EXPECT_EQ(p[10], 0.25);
   EXPECT_EQ(p[11], 0.75);
-}
-
-TEST(coremlTransforms, TiesPickTheFirstLabel) {
-  auto model = build(fixedScores({0.5, 0.5}, schema::NoTransform, 2));
-  ASSERT_TRUE(model.ok());
-  auto out =
-      predictWith(*model, {{"a", FeatureValue::fromDouble(0)}, {"b", FeatureValue::fromDouble(0)}});
-  ASSERT_TRUE(out.ok());
-  EXPECT_EQ(out->at("classLabel").int64Value(), 10);
+  // A tie picks the first label.
+  auto tie = build(fixedScores({0.5, 0.5}, schema::NoTransform, 2));
+  ASSERT_TRUE(tie.ok());
+  EXPECT_EQ(
+      predictWith(*tie, {{"a", FeatureValue::fromDouble(0)}, {"b", FeatureValue::fromDouble(0)}})
+          ->at("classLabel")
+          .int64Value(),
+      10);
 }
 
 TEST(coremlLinear, ProbitUsesTheNormalDistribution) {
@@ -167,8 +165,7 @@ TEST(coremlLinear, ProbitUsesTheNormalDistribution) {
   EXPECT_EQ(*out->at("classLabel").stringValue(), phi > 0.5 ? "yes" : "no");
 }
 
-// ---- Preprocessing steps, each as a one-stage model ---------------------------------------
-
+// Preprocessing steps, each as a one-stage model.
 schema::Model step(const std::string& inKind, const std::string& outKind) {
   schema::Model m;
   m.set_specificationversion(1);
@@ -283,7 +280,13 @@ TEST(coremlPreprocessing, ArrayFeatureExtractorAndDictVectorizer) {
             (std::vector<double>{4, 0, 8}));
 }
 
-// ---- Inputs ------------------------------------------------------------------------------
+class ThrowingProvider : public FeatureProvider {
+ public:
+  std::vector<std::string> featureNames() const override { return {}; }
+  std::optional<FeatureValue> featureValue(const std::string&) const override {
+    throw std::runtime_error("host bug");
+  }
+};
 
 TEST(coremlInputs, ConversionsAndRefusals) {
   auto model = build(smallTreeClassifier());
@@ -303,41 +306,28 @@ TEST(coremlInputs, ConversionsAndRefusals) {
   auto missing = predictWith(*model, {{"a", FeatureValue::fromDouble(0)}});
   ASSERT_FALSE(missing.ok());
   EXPECT_NE(missing.message().find("missing input 'b'"), std::string::npos);
-}
+  auto thrown = model->predict(ThrowingProvider{});  // becomes an error
+  ASSERT_FALSE(thrown.ok());
+  EXPECT_NE(thrown.message().find("host bug"), std::string::npos);
 
-TEST(coremlInputs, OptionalInputsMayBeAbsentAndReadAsMissing) {
+  // An optional input may be absent and reads as missing.
   schema::Model m = stump(TreeNode::BranchOnValueLessThanEqual, true);
   m.mutable_description()->mutable_input(0)->mutable_type()->set_isoptional(true);
-  auto model = build(m);
-  ASSERT_TRUE(model.ok());
-  auto out = model->predict(DictionaryFeatureProvider{});
-  ASSERT_TRUE(out.ok()) << out.message();
-  EXPECT_EQ(out->at("y").doubleValue(), 1.0);
-}
+  auto optional = build(m);
+  ASSERT_TRUE(optional.ok());
+  EXPECT_EQ(optional->predict(DictionaryFeatureProvider{})->at("y").doubleValue(), 1.0);
 
-TEST(coremlInputs, MultiArrayShapesMustMatchTheDeclaration) {
-  schema::Model m = step("array", "array");
-  m.mutable_description()->mutable_input(0)->mutable_type()->mutable_multiarraytype()->add_shape(3);
-  m.mutable_normalizer()->set_normtype(schema::Normalizer::L1);
-  EXPECT_TRUE(runStep(m, FeatureValue::fromDoubles({1, 1, 2})).ok());
-  EXPECT_FALSE(runStep(m, FeatureValue::fromDoubles({1, 1})).ok());
-  EXPECT_FALSE(runStep(m, FeatureValue::fromMultiArray({{2, 2}, {1, 2, 3}})).ok());
-}
-
-class ThrowingProvider : public FeatureProvider {
- public:
-  std::vector<std::string> featureNames() const override { return {}; }
-  std::optional<FeatureValue> featureValue(const std::string&) const override {
-    throw std::runtime_error("host bug");
-  }
-};
-
-TEST(coremlInputs, AThrowingProviderBecomesAnError) {
-  auto model = build(smallTreeClassifier());
-  ASSERT_TRUE(model.ok());
-  auto out = model->predict(ThrowingProvider{});
-  ASSERT_FALSE(out.ok());
-  EXPECT_NE(out.message().find("host bug"), std::string::npos);
+  // Multi-arrays must have the declared shape.
+  schema::Model shaped = step("array", "array");
+  shaped.mutable_description()
+      ->mutable_input(0)
+      ->mutable_type()
+      ->mutable_multiarraytype()
+      ->add_shape(3);
+  shaped.mutable_normalizer()->set_normtype(schema::Normalizer::L1);
+  EXPECT_TRUE(runStep(shaped, FeatureValue::fromDoubles({1, 1, 2})).ok());
+  EXPECT_FALSE(runStep(shaped, FeatureValue::fromDoubles({1, 1})).ok());
+  EXPECT_FALSE(runStep(shaped, FeatureValue::fromMultiArray({{2, 2}, {1, 2, 3}})).ok());
 }
 
 TEST(coremlInputs, ConcurrentPredictionsAgree) {
@@ -362,47 +352,30 @@ TEST(coremlInputs, ConcurrentPredictionsAgree) {
   EXPECT_EQ(mismatches.load(), 0);
 }
 
-// ---- The compiled folder -----------------------------------------------------------------
+TEST(coremlCompiled, RoundTripReplacesAnOldFolderAndRefusesTamperedOnes) {
+  namespace fs = std::filesystem;
+  const fs::path dir =
+      fs::temp_directory_path() / ("coreml_compiled_" + std::to_string(::getpid()));
+  fs::create_directories(dir);
+  const std::string source = (dir / "Flow.mlmodel").string();
+  std::ofstream(source, std::ios::binary) << smallTreeClassifier().SerializeAsString();
+  std::ofstream(dir / "Bad.mlmodel", std::ios::binary) << "\x08\x63";  // version 99, no body
+  ASSERT_FALSE(compileModel((dir / "Bad.mlmodel").string(), (dir / "out").string()).ok());
+  EXPECT_FALSE(fs::exists(dir / "out" / "Bad.mlmodelc"));
 
-class coremlCompiled : public ::testing::Test {
- protected:
-  void SetUp() override {
-    dir_ = std::filesystem::temp_directory_path() /
-           ("coreml_compiled_" + std::to_string(::getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(dir_);
-    source_ = (dir_ / "Flow.mlmodel").string();
-    std::ofstream(source_, std::ios::binary) << smallTreeClassifier().SerializeAsString();
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
-  std::filesystem::path dir_;
-  std::string source_;
-};
-
-TEST_F(coremlCompiled, RoundTripKeepsTheModelAndReplacesAnOldFolder) {
-  auto first = compileModel(source_, (dir_ / "out").string());
+  auto first = compileModel(source, (dir / "out").string());
   ASSERT_TRUE(first.ok()) << first.message();
-  EXPECT_EQ(first.value(), (dir_ / "out" / "Flow.mlmodelc").string());
-  std::ofstream(dir_ / "out" / "Flow.mlmodelc" / "stale", std::ios::binary) << "x";
-  auto second = compileModel(source_, (dir_ / "out").string());
+  EXPECT_EQ(first.value(), (dir / "out" / "Flow.mlmodelc").string());
+  std::ofstream(dir / "out" / "Flow.mlmodelc" / "stale", std::ios::binary) << "x";
+  auto second = compileModel(source, (dir / "out").string());
   ASSERT_TRUE(second.ok()) << second.message();
-  EXPECT_FALSE(std::filesystem::exists(dir_ / "out" / "Flow.mlmodelc" / "stale"));
+  EXPECT_FALSE(fs::exists(dir / "out" / "Flow.mlmodelc" / "stale"));
   auto model = Model::load(second.value());
   ASSERT_TRUE(model.ok()) << model.message();
   EXPECT_EQ(model->kindName(), "treeEnsembleClassifier");
   EXPECT_EQ(model->description().inputs.size(), 2u);
-}
 
-TEST_F(coremlCompiled, RefusesInvalidModelsAndTamperedFolders) {
-  std::ofstream(dir_ / "Bad.mlmodel", std::ios::binary) << "\x08\x63";  // version 99, no body
-  auto bad = compileModel((dir_ / "Bad.mlmodel").string(), (dir_ / "out").string());
-  ASSERT_FALSE(bad.ok());
-  EXPECT_FALSE(std::filesystem::exists(dir_ / "out" / "Bad.mlmodelc"));
-
-  auto compiled = compileModel(source_, (dir_ / "out").string());
-  ASSERT_TRUE(compiled.ok());
-  const auto folder = std::filesystem::path(compiled.value());
+  const fs::path folder(second.value());
   {
     std::fstream f(folder / kCompiledModelFileName,
                    std::ios::in | std::ios::out | std::ios::binary);
@@ -412,11 +385,11 @@ TEST_F(coremlCompiled, RefusesInvalidModelsAndTamperedFolders) {
   auto tampered = Model::load(folder.string());
   ASSERT_FALSE(tampered.ok());
   EXPECT_NE(tampered.message().find("do not match"), std::string::npos);
-
   std::ofstream(folder / kCompiledManifestFileName) << R"({"formatVersion": 2})";
   auto future = Model::load(folder.string());
   ASSERT_FALSE(future.ok());
   EXPECT_NE(future.message().find("compiled format version 2"), std::string::npos);
+  fs::remove_all(dir);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ namespace orvane::coreml {
 namespace {
 
 using namespace testing;  // NOLINT: the helpers of this folder
+using M = schema::Model;
 
 struct Broken {
   const char* name;
@@ -18,150 +19,126 @@ struct Broken {
   const char* messagePart;
 };
 
-schema::TreeEnsembleParameters* trees(schema::Model& m) {
+schema::TreeEnsembleParameters* trees(M& m) {
   return m.mutable_treeensembleclassifier()->mutable_treeensemble();
+}
+auto* input(M& m, int i) { return m.mutable_description()->mutable_input(i); }
+auto* labels(M& m) { return m.mutable_treeensembleclassifier()->mutable_int64classlabels(); }
+// `m` as the only stage of a pipeline classifier.
+void asPipeline(M& m, const M& stage) {
+  m.clear_treeensembleclassifier();
+  *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
 }
 
 const Broken kBrokenModels[] = {
-    {"VersionZero", [](schema::Model& m) { m.set_specificationversion(0); },
-     "format version 0"},
+    {"VersionZero", [](M& m) { m.set_specificationversion(0); }, "format version 0"},
     {"VersionFromTheFuture",
-     [](schema::Model& m) { m.set_specificationversion(kNewestSpecificationVersion + 1); },
-     "format version"},
-    {"NoDescription", [](schema::Model& m) { m.clear_description(); }, "no description"},
-    {"NoKind", [](schema::Model& m) { m.clear_treeensembleclassifier(); }, "no kind"},
-    {"UnsupportedKind", [](schema::Model& m) { m.mutable_neuralnetworkclassifier(); },
+     [](M& m) { m.set_specificationversion(kNewestSpecificationVersion + 1); }, "format version"},
+    {"NoDescription", [](M& m) { m.clear_description(); }, "no description"},
+    {"NoKind", [](M& m) { m.clear_treeensembleclassifier(); }, "no kind"},
+    {"UnsupportedKind", [](M& m) { m.mutable_neuralnetworkclassifier(); },
      "'neuralNetworkClassifier' are not supported"},
-    {"InputWithoutType",
-     [](schema::Model& m) { m.mutable_description()->mutable_input(0)->clear_type(); },
-     "has no type"},
-    {"DuplicateInputName",
-     [](schema::Model& m) { m.mutable_description()->mutable_input(1)->set_name("a"); },
+    {"InputWithoutType", [](M& m) { input(m, 0)->clear_type(); }, "has no type"},
+    {"DuplicateInputName", [](M& m) { input(m, 1)->set_name("a"); },
      "two input features are named 'a'"},
-    {"StringInputToTrees",
-     [](schema::Model& m) {
-       m.mutable_description()->mutable_input(1)->mutable_type()->mutable_stringtype();
-     },
+    {"StringInputToTrees", [](M& m) { input(m, 1)->mutable_type()->mutable_stringtype(); },
      "only numbers and multi-arrays"},
-    {"NoPredictedFeatureName",
-     [](schema::Model& m) { m.mutable_description()->clear_predictedfeaturename(); },
+    {"NoPredictedFeatureName", [](M& m) { m.mutable_description()->clear_predictedfeaturename(); },
      "does not name its predicted feature"},
     {"LabelTypeDiffersFromOutput",
-     [](schema::Model& m) {
-       m.mutable_description()->mutable_output(0)->mutable_type()->mutable_stringtype();
-     },
+     [](M& m) { m.mutable_description()->mutable_output(0)->mutable_type()->mutable_stringtype(); },
      "declared as string but the class labels are int64"},
-    {"NoClassLabels",
-     [](schema::Model& m) { m.mutable_treeensembleclassifier()->clear_int64classlabels(); },
+    {"NoClassLabels", [](M& m) { m.mutable_treeensembleclassifier()->clear_int64classlabels(); },
      "no class labels"},
-    {"RepeatedClassLabels",
-     [](schema::Model& m) {
-       m.mutable_treeensembleclassifier()->mutable_int64classlabels()->set_vector(1, 0);
-     },
-     "class labels repeat"},
-    {"LabelCountMismatch",
-     [](schema::Model& m) {
-       m.mutable_treeensembleclassifier()->mutable_int64classlabels()->add_vector(7);
-     },
+    {"RepeatedClassLabels", [](M& m) { labels(m)->set_vector(1, 0); }, "class labels repeat"},
+    {"LabelCountMismatch", [](M& m) { labels(m)->add_vector(7); },
      "predict 1 values for 3 class labels"},
     {"UndeclaredOutput",
-     [](schema::Model& m) {
-       addFeature(m.mutable_description()->mutable_output(), "extra", "double");
-     },
+     [](M& m) { addFeature(m.mutable_description()->mutable_output(), "extra", "double"); },
      "output 'extra' is declared"},
-    {"NoNodes", [](schema::Model& m) { trees(m)->clear_nodes(); }, "no nodes"},
-    {"ZeroDimensions", [](schema::Model& m) { trees(m)->set_numpredictiondimensions(0); },
-     "zero dimensions"},
+    {"NoNodes", [](M& m) { trees(m)->clear_nodes(); }, "no nodes"},
+    {"ZeroDimensions", [](M& m) { trees(m)->set_numpredictiondimensions(0); }, "zero dimensions"},
     {"BaseValueCountMismatch",
-     [](schema::Model& m) {
+     [](M& m) {
        trees(m)->add_basepredictionvalue(1);
        trees(m)->add_basepredictionvalue(2);
      },
      "2 base values for 1 dimensions"},
     {"UnknownTransform",
-     [](schema::Model& m) {
+     [](M& m) {
        m.mutable_treeensembleclassifier()->set_postevaluationtransform(
            static_cast<schema::TreeEnsemblePostEvaluationTransform>(9));
      },
      "unknown post-evaluation transform"},
-    {"DanglingChild",
-     [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_falsechildnodeid(42); },
+    {"DanglingChild", [](M& m) { trees(m)->mutable_nodes(0)->set_falsechildnodeid(42); },
      "names child 42, which does not exist"},
-    {"ChildInAnotherTree", [](schema::Model& m) { trees(m)->mutable_nodes(2)->set_treeid(1); },
+    {"ChildInAnotherTree", [](M& m) { trees(m)->mutable_nodes(2)->set_treeid(1); },
      "names child 2, which does not exist"},
-    {"DuplicateNodeId", [](schema::Model& m) { trees(m)->mutable_nodes(2)->set_nodeid(1); },
+    {"DuplicateNodeId", [](M& m) { trees(m)->mutable_nodes(2)->set_nodeid(1); },
      "two nodes with id 1"},
-    {"SelfLoop", [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_truechildnodeid(0); },
-     "its own child"},
-    {"TwoRoots", [](schema::Model& m) { addLeaf(trees(m), 0, 3, 1.0); }, "several roots"},
+    {"SelfLoop", [](M& m) { trees(m)->mutable_nodes(0)->set_truechildnodeid(0); }, "its own child"},
+    {"TwoRoots", [](M& m) { addLeaf(trees(m), 0, 3, 1.0); }, "several roots"},
     {"CycleBesideTheRoot",
-     [](schema::Model& m) {
+     [](M& m) {
        addBranch(trees(m), 0, 10, 0, 0.0, 11, 11);
        addBranch(trees(m), 0, 11, 0, 0.0, 10, 10);
      },
      "contains a cycle"},
     {"CycleWithoutRoot",
-     [](schema::Model& m) {
+     [](M& m) {
        addBranch(trees(m), 5, 0, 0, 0.0, 1, 1);
        addBranch(trees(m), 5, 1, 0, 0.0, 0, 0);
      },
      "tree 5 has no root"},
     {"SharedChild",
-     [](schema::Model& m) {
+     [](M& m) {
        addBranch(trees(m), 2, 0, 0, 0.0, 1, 2);
        addBranch(trees(m), 2, 1, 1, 0.0, 3, 3);
        addBranch(trees(m), 2, 2, 1, 0.0, 3, 3);
        addLeaf(trees(m), 2, 3, 1.0);
      },
      "more than one parent"},
-    {"FeatureIndexOutOfRange",
-     [](schema::Model& m) { trees(m)->mutable_nodes(0)->set_branchfeatureindex(2); },
+    {"FeatureIndexOutOfRange", [](M& m) { trees(m)->mutable_nodes(0)->set_branchfeatureindex(2); },
      "reads input index 2 but the input has only 2 values"},
     {"EvaluationIndexOutOfRange",
-     [](schema::Model& m) {
-       trees(m)->mutable_nodes(1)->mutable_evaluationinfo(0)->set_evaluationindex(1);
-     },
+     [](M& m) { trees(m)->mutable_nodes(1)->mutable_evaluationinfo(0)->set_evaluationindex(1); },
      "adds to dimension 1 of only 1"},
     {"UnknownNodeBehaviour",
-     [](schema::Model& m) {
+     [](M& m) {
        trees(m)->mutable_nodes(0)->set_nodebehavior(static_cast<TreeNode::TreeNodeBehavior>(7));
      },
      "unknown behaviour 7"},
     {"EmptyPipeline",
-     [](schema::Model& m) {
+     [](M& m) {
        m.clear_treeensembleclassifier();
        m.mutable_pipelineclassifier()->mutable_pipeline();
      },
      "no stages"},
     {"PipelineStageInputNobodyProvides",
-     [](schema::Model& m) {
-       schema::Model stage = m;
-       stage.mutable_description()->mutable_input(1)->set_name("c");
-       m.clear_treeensembleclassifier();
-       *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
+     [](M& m) {
+       M stage = m;
+       input(stage, 1)->set_name("c");
+       asPipeline(m, stage);
      },
      "needs input 'c'"},
     {"PipelineOutputNobodyProduces",
-     [](schema::Model& m) {
-       schema::Model stage = m;
-       m.clear_treeensembleclassifier();
-       *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
+     [](M& m) {
+       asPipeline(m, M(m));
        m.mutable_description()->mutable_output(1)->set_name("probabilities");
      },
      "pipeline output 'probabilities' is produced by no stage"},
     {"UnsupportedKindInsidePipeline",
-     [](schema::Model& m) {
-       schema::Model stage = m;
+     [](M& m) {
+       M stage = m;
        stage.mutable_supportvectorclassifier();
-       m.clear_treeensembleclassifier();
-       *m.mutable_pipelineclassifier()->mutable_pipeline()->add_models() = stage;
+       asPipeline(m, stage);
      },
      "pipeline stage 0: models of kind 'supportVectorClassifier' are not supported"},
     {"DeeplyNestedPipelines",
-     [](schema::Model& m) {
-       schema::Model inner = m;
+     [](M& m) {
+       M inner = m;
        for (int i = 0; i < 20; ++i) {
-         schema::Model outer;
+         M outer;
          outer.set_specificationversion(1);
          *outer.mutable_description() = m.description();
          *outer.mutable_pipeline()->add_models() = inner;

@@ -9,11 +9,12 @@
 
 #include "devservice/ServiceProcess.h"
 #include "logging/OrvaneLogSender.h"
-#include "models/CoreMLModelManager.h"
 #include "models/ModelExecutionInformation.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/Fixtures.h"
+#include "util/UserDefaultsProvider.h"
 
 namespace orvane {
 namespace {
@@ -22,26 +23,12 @@ using devservice_testing::Service;
 using devservice_testing::TempDir;
 using nlohmann::json;
 
-std::string fixturesDir() {
-  const char* root = std::getenv("ORVANE_FIXTURES");
-  return std::string(root ? root : "tests/fixtures");
-}
-
-std::optional<std::string> textSignal(const SignalList& signals, uint16_t id) {
-  for (const Signal& s : signals) {
-    if (s.id().rawValue() == id) {
-      if (const auto* text = std::get_if<std::string>(&s.value())) return *text;
-    }
-  }
-  return std::nullopt;
-}
-
 TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
   TempDir dir;
   const std::filesystem::path payloadFile = dir.write("payload.json", "");
   Service service(std::vector<std::string>{"--faults", "500,timeout:0.3", "--payload",
                                            payloadFile.string(), "--models",
-                                           fixturesDir() + "/coreml", "--time-limit", "120"});
+                                           testing::fixturePath("coreml"), "--time-limit", "120"});
   ASSERT_GT(service.port(), 0);
   const std::string base = "http://127.0.0.1:" + std::to_string(service.port());
 
@@ -91,7 +78,7 @@ TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
 
   auto decided = Context::create(manager, {SignalInt(SignalEnum::id(191), 5)}, "upsell", {},
                                  MethodUsed::kFetchContext, {});
-  EXPECT_EQ(textSignal(decided->signals(), 18), "upsell-demo-2024.06.1");
+  EXPECT_EQ(testing::signalValue<std::string>(decided->signals(), 18), "upsell-demo-2024.06.1");
   EXPECT_FALSE(decided->modelInfo().isControl);
 
   // An answer that is not a payload: reported to the service, the records still removed.

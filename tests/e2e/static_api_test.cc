@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "models/CoreMLModelManager.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
 #include "testutil/FakePlatform.h"
@@ -98,6 +99,36 @@ TEST_F(StaticApiTest, RequestFormsObserversGoldenSignalsAndValidation) {
   EXPECT_NE(report.find("✅ Calibration Mode active"), std::string::npos) << report;
   EXPECT_NE(report.find("✅ Accelerometer Data: Valid"), std::string::npos) << report;
   EXPECT_EQ(report.find("❌"), std::string::npos) << report;
+}
+
+TEST_F(StaticApiTest, StaticSettersReachTheSharedManager) {
+  EXPECT_FALSE(ContextManager::installDefaultPlatform(fake().platform));  // too late now
+  ContextManager& shared = ContextManager::shared();
+  EXPECT_EQ(&shared, &ContextManager::shared());
+  EXPECT_EQ(shared.licenseKey(), "KEY-0123456789abcdef");
+  EXPECT_EQ(ContextManager::sdkVersion(), "5.13.0");
+
+  ContextManager::setGlobalCustomSignal("n", 1);
+  ContextManager::setGlobalCustomSignal("f", 0.5);
+  ContextManager::setGlobalCustomSignal("s", "text");
+  ContextManager::setGlobalCustomSignal("d", *Decimal::parse("1.25"));
+  ContextManager::setGlobalCustomSignal("n", std::optional<std::string>());
+  EXPECT_EQ(shared.globalCustomSignals(),
+            (CustomSignalList{CustomSignalFloat("f", 0.5f), CustomSignalString("s", "text"),
+                              CustomSignalDecimal("d", *Decimal::parse("1.25"))}));
+
+  ContextManager::setControlMode(true);
+  EXPECT_FALSE(shared.coreMLModelManager().decisionsEnabled());
+  ContextManager::setDecisionsEnabled(true);
+  EXPECT_TRUE(shared.coreMLModelManager().decisionsEnabled());
+
+  int sent = 0;
+  fake().drain();  // logs still queued by the requests above
+  ContextManager::setLogSender([&](std::shared_ptr<Log>) { ++sent; });
+  shared.sendLog(nullptr);
+  fake().drain();
+  EXPECT_EQ(sent, 1);
+  ContextManager::setLogSender(nullptr);
 }
 
 }  // namespace

@@ -50,7 +50,10 @@ TEST_F(AppLaunchHistoryTest, WronglyTypedHistoryCountsAsEmpty) {
   EXPECT_EQ(todaysEntries("app_seconds"), 1u);
 }
 
-TEST_F(AppLaunchHistoryTest, TriggersCloserThanThreeSecondsCountOnce) {
+TEST_F(AppLaunchHistoryTest, TriggersCloserThanThreeSecondsCountOnceAndResignsAreKept) {
+  generator.updateLastAppWillResignDate();
+  EXPECT_EQ(AppLaunchSignalsGenerator(dates, defaults, calendar).lastAppWillResignDate(),
+            Date{1.7e9});
   generator.didUserTriggerOrvane();
   dates->setStubDate(Date{1.7e9 + 2});
   generator.didUserTriggerOrvane();
@@ -60,26 +63,10 @@ TEST_F(AppLaunchHistoryTest, TriggersCloserThanThreeSecondsCountOnce) {
   EXPECT_EQ(todaysEntries("orvane_triggers"), 2u);
 }
 
-TEST_F(AppLaunchHistoryTest, ResignDateIsStoredAndReloaded) {
-  generator.updateLastAppWillResignDate();
-  AppLaunchSignalsGenerator reloaded(dates, defaults, calendar);
-  EXPECT_EQ(reloaded.lastAppWillResignDate(), Date{1.7e9});
-}
-
 TEST_F(AppLaunchHistoryTest, FirstLaunchEverAndNoSessionYet) {
   generator.incrementAndGetNumberOfAppLaunches();
-  auto launch = signalValues(generator.appLaunchSignals());
-  EXPECT_EQ(launch, (std::map<int, float>{{80, 1},
-                                          {81, 1},
-                                          {82, 1},
-                                          {83, 1},
-                                          {90, 1},
-                                          {85, 0},
-                                          {86, 0},
-                                          {87, 0},
-                                          {88, 0},
-                                          {89, 0},
-                                          {91, -1}}));
+  EXPECT_EQ(testing::signalSummary(generator.appLaunchSignals()),
+            "f80=1 f81=1 f82=1 f83=1 f90=1 f85=0 f86=0 f87=0 f88=0 f89=0 f91=-1");
   const SignalList seconds = generator.appSecondsSignals(Date{1.7e9 - 40});
   ASSERT_EQ(seconds.size(), 6u);  // no usual length to compare the session with
   auto values = signalValues(seconds);

@@ -14,12 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Signals as their descriptions: a mismatch shows which id or value differs.
-std::vector<std::string> texts(const SignalList& signals) {
-  std::vector<std::string> out;
-  for (const auto& s : signals) out.push_back(s.description());
-  return out;
-}
+using testing::signalSummary;
 
 // A /sys/class/net of our own.
 class FakeSysNet {
@@ -55,43 +50,30 @@ TEST(InternetSignalsTest, LinuxInterfacesDriveTheNetworkSignals) {
   net.set("tun0", "carrier", "1");
   auto service = makeLinuxNetworkPathService(fake.executors, {net.path(), 2.0});
   InternetSignalsGenerator generator(service, *fake.executors);
-  // Nothing observed yet: only the "observed" flag, false.
-  EXPECT_EQ(texts(generator.internetSignals()),
-            (std::vector<std::string>{"SignalBool(id: 405, value: false)"}));
+  // Nothing observed yet: only the "observed" flag, false; low-data mode and metering are not
+  // in sysfs: unknown, so left out.
+  EXPECT_EQ(signalSummary(generator.internetSignals()), "b405=false");
 
   fake.drain();
-  // Low-data mode and metering are not in sysfs: unknown, so left out.
-  EXPECT_EQ(texts(generator.internetSignals()),
-            (std::vector<std::string>{"SignalBool(id: 62, value: true)",
-                                      "SignalBool(id: 63, value: true)",
-                                      "SignalBool(id: 405, value: true)"}));
+  EXPECT_EQ(signalSummary(generator.internetSignals()), "b62=true b63=true b405=true");
   EXPECT_EQ(generator.isConstrained(), std::nullopt);
 
   // Wi-Fi drops, the tunnel keeps the device online; then the tunnel goes too. Loopback
   // never counts.
   net.set("wlan0", "operstate", "dormant");
   fake.advance(2.0);
-  EXPECT_EQ(texts(generator.internetSignals()),
-            (std::vector<std::string>{"SignalBool(id: 62, value: false)",
-                                      "SignalBool(id: 63, value: true)",
-                                      "SignalBool(id: 405, value: true)"}));
+  EXPECT_EQ(signalSummary(generator.internetSignals()), "b62=false b63=true b405=true");
   net.set("tun0", "carrier", "0");
   fake.advance(2.0);
-  EXPECT_EQ(texts(generator.internetSignals()),
-            (std::vector<std::string>{"SignalBool(id: 62, value: false)",
-                                      "SignalBool(id: 63, value: false)",
-                                      "SignalBool(id: 405, value: true)"}));
+  EXPECT_EQ(signalSummary(generator.internetSignals()), "b62=false b63=false b405=true");
 
   // A cellular-like link the host calls metered and in low-data mode.
   net.set("eth0", "operstate", "up");
   service->setConstrained(true);
   service->setExpensive(true);
   fake.drain();
-  EXPECT_EQ(texts(generator.internetSignals()),
-            (std::vector<std::string>{
-                "SignalBool(id: 62, value: false)", "SignalBool(id: 63, value: true)",
-                "SignalBool(id: 424, value: true)", "SignalBool(id: 425, value: true)",
-                "SignalBool(id: 405, value: true)"}));
+  EXPECT_EQ(signalSummary(generator.internetSignals()),
+            "b62=false b63=true b424=true b425=true b405=true");
   EXPECT_EQ(generator.isConstrained(), true);
 }
 
@@ -100,17 +82,13 @@ TEST(InternetSignalsTest, UnreadableInterfacesAndLateMonitorsStayUnknown) {
   auto service = makeLinuxNetworkPathService(fake.executors, {"/nonexistent/orvane/net", 1.0});
   InternetSignalsGenerator generator(service, *fake.executors);
   fake.advance(3.0);
-  EXPECT_EQ(texts(generator.internetSignals()),
-            (std::vector<std::string>{"SignalBool(id: 405, value: false)"}));
+  EXPECT_EQ(signalSummary(generator.internetSignals()), "b405=false");
 
   // A monitor started after the path is known hears of it; a cancelled one no longer does.
   fake.network->setPath(NetworkInterfaceKind::kAny, {true, false, true});
   auto late = std::make_unique<InternetSignalsGenerator>(fake.network, *fake.executors);
   fake.drain();
-  EXPECT_EQ(texts(late->internetSignals()),
-            (std::vector<std::string>{
-                "SignalBool(id: 63, value: true)", "SignalBool(id: 424, value: false)",
-                "SignalBool(id: 425, value: true)", "SignalBool(id: 405, value: true)"}));
+  EXPECT_EQ(signalSummary(late->internetSignals()), "b63=true b424=false b425=true b405=true");
   fake.network->setPath(NetworkInterfaceKind::kAny, {false, true, false});
   late.reset();  // its queued delivery must not touch the gone generator
   fake.drain();
@@ -133,42 +111,30 @@ class OutputSignalsTest : public ::testing::Test {
 TEST_F(OutputSignalsTest, AppStateIsReadOnTheMainThreadAndCachedForOthers) {
   auto generator = make(fake.device);
   auto appState = [](const SignalList& signals) {
-    std::vector<std::string> out;
+    SignalList out;
     for (const auto& s : signals) {
       const uint16_t id = s.id().rawValue();
-      if (id == 370 || (id >= 407 && id <= 409)) out.push_back(s.description());
+      if (id == 370 || (id >= 407 && id <= 409)) out.push_back(s);
     }
-    return out;
+    return signalSummary(out);
   };
-  EXPECT_EQ(appState(generator.outputSignals()),
-            (std::vector<std::string>{"SignalBool(id: 370, value: false)"}));
+  EXPECT_EQ(appState(generator.outputSignals()), "b370=false");
 
   fake.application->setBackgroundRefreshStatus(BackgroundRefreshStatus::kDenied);
   fake.application->setProtectedDataAvailable(false);
-  const std::vector<std::string> inactive{
-      "SignalBool(id: 370, value: true)", "SignalInt(id: 407, value: 1)",
-      "SignalInt(id: 408, value: 1)", "SignalBool(id: 409, value: false)"};
-  EXPECT_EQ(appState(onMain(generator)), inactive);
+  EXPECT_EQ(appState(onMain(generator)), "b370=true i407=1 i408=1 b409=false");
 
   // Off the main thread the last main-thread reading stands, even after the app changed.
   fake.application->becomeActive();
   fake.application->setProtectedDataAvailable(true);
-  std::vector<std::string> cached = inactive;
-  cached[0] = "SignalBool(id: 370, value: false)";
-  EXPECT_EQ(appState(generator.outputSignals()), cached);
-  EXPECT_EQ(appState(onMain(generator)),
-            (std::vector<std::string>{
-                "SignalBool(id: 370, value: true)", "SignalInt(id: 407, value: 0)",
-                "SignalInt(id: 408, value: 1)", "SignalBool(id: 409, value: true)"}));
+  EXPECT_EQ(appState(generator.outputSignals()), "b370=false i407=1 i408=1 b409=false");
+  EXPECT_EQ(appState(onMain(generator)), "b370=true i407=0 i408=1 b409=true");
 }
 
 TEST_F(OutputSignalsTest, UnknownDeviceFactsAreLeftOutAndKnownOnesMapped) {
   auto bare = make(std::make_shared<HostDeviceService>());
-  EXPECT_EQ(texts(bare.outputSignals()),
-            (std::vector<std::string>{
-                "SignalFloat(id: 50, value: -1)", "SignalInt(id: 51, value: 0)",
-                "SignalBool(id: 55, value: false)", "SignalFloat(id: 64, value: 12.5)",
-                "SignalBool(id: 370, value: false)", "SignalInt(id: 66, value: -1)"}));
+  EXPECT_EQ(signalSummary(bare.outputSignals()),
+            "f50=-1 i51=0 b55=false f64=12.5 b370=false i66=-1");
 
   DeviceFacts facts;
   facts.systemVersion = "15.4";
@@ -182,28 +148,20 @@ TEST_F(OutputSignalsTest, UnknownDeviceFactsAreLeftOutAndKnownOnesMapped) {
   facts.trackingAuthorizationStatus = 3;
   auto device = std::make_shared<HostDeviceService>(facts);
   auto full = make(device);
-  EXPECT_EQ(texts(full.outputSignals()),
-            (std::vector<std::string>{
-                "SignalFloat(id: 50, value: 0.25)", "SignalInt(id: 51, value: 2)",
-                "SignalBool(id: 52, value: true)", "SignalFloat(id: 53, value: 0.5)",
-                "SignalInt(id: 54, value: 0)",  // not trusted on 15.x
-                "SignalBool(id: 55, value: true)", "SignalBool(id: 56, value: false)",
-                "SignalBool(id: 59, value: true)", "SignalBool(id: 60, value: false)",
-                "SignalBool(id: 61, value: true)", "SignalFloat(id: 64, value: 12.5)",
-                "SignalBool(id: 370, value: false)", "SignalInt(id: 66, value: 1)",
-                "SignalInt(id: 67, value: 3)", "SignalInt(id: 69, value: 0)",
-                "SignalInt(id: 401, value: 1)", "SignalInt(id: 400, value: 2)",
-                "SignalInt(id: 68, value: -1)"}));  // unspecified style
+  EXPECT_EQ(signalSummary(full.outputSignals()),
+            // 54 is not trusted on 15.x; 68 is -1 for an unspecified style.
+            "f50=0.25 i51=2 b52=true f53=0.5 i54=0 b55=true b56=false b59=true b60=false b61=true "
+            "f64=12.5 b370=false i66=1 i67=3 i69=0 i401=1 i400=2 i68=-1");
 
   device->update([](DeviceFacts& f) {
     f.systemVersion = "16.0";
     f.mainScreen.interfaceStyle = 2;
   });
   auto again = full.outputSignals();
-  EXPECT_EQ(again[4].description(), "SignalInt(id: 54, value: 2)");
-  EXPECT_EQ(again.back().description(), "SignalInt(id: 68, value: 2)");
+  EXPECT_EQ(testing::intSignal(again, 54), 2);
+  EXPECT_EQ(again.back(), SignalInt(SignalEnum::id(68), 2));
   device->update([](DeviceFacts& f) { f.mainScreen.interfaceStyle = 7; });
-  EXPECT_EQ(full.outputSignals().back().description(), "SignalInt(id: 400, value: 2)");
+  EXPECT_EQ(full.outputSignals().back(), SignalInt(SignalEnum::id(400), 2));
 }
 
 TEST(PushSettingsTest, SettingsAreThoseOfTheLastActivation) {
@@ -225,26 +183,22 @@ TEST(PushSettingsTest, SettingsAreThoseOfTheLastActivation) {
     fake.application->becomeActive();
     fake.drain();
   };
-  const std::vector<std::string> first{
-      "SignalInt(id: 700, value: 3)", "SignalInt(id: 701, value: 0)",
-      "SignalInt(id: 702, value: 0)", "SignalInt(id: 703, value: 0)",
-      "SignalInt(id: 704, value: 2)", "SignalInt(id: 705, value: 0)",
-      "SignalInt(id: 706, value: 0)", "SignalInt(id: 707, value: 0)",
-      "SignalInt(id: 708, value: 0)", "SignalInt(id: 711, value: 1)",
-      "SignalInt(id: 712, value: 2)", "SignalBool(id: 713, value: true)",
-      "SignalInt(id: 710, value: 1)"};  // only the later settings the system has
-  EXPECT_EQ(texts(manager.pushSettingsSignalGenerator().pushSettingsSignals()), first);
+  auto pushSignals = [&] { return manager.pushSettingsSignalGenerator().pushSettingsSignals(); };
+  // 710 last: only the later settings the system has.
+  const std::string first =
+      "i700=3 i701=0 i702=0 i703=0 i704=2 i705=0 i706=0 i707=0 i708=0 i711=1 i712=2 b713=true "
+      "i710=1";
+  EXPECT_EQ(signalSummary(pushSignals()), first);
 
   settings.authorizationStatus = NotificationAuthorizationStatus::kDenied;
   fake.notifications->setSettings(settings);
-  EXPECT_EQ(texts(manager.pushSettingsSignalGenerator().pushSettingsSignals()), first);
+  EXPECT_EQ(signalSummary(pushSignals()), first);
   reactivate();
-  EXPECT_EQ(manager.pushSettingsSignalGenerator().pushSettingsSignals().front().description(),
-            "SignalInt(id: 700, value: 1)");
+  EXPECT_EQ(pushSignals().front(), SignalInt(SignalEnum::id(700), 1));
 
   fake.notifications->setSettings(std::nullopt);
   reactivate();
-  EXPECT_TRUE(manager.pushSettingsSignalGenerator().pushSettingsSignals().empty());
+  EXPECT_TRUE(pushSignals().empty());
   EXPECT_TRUE(PushSettingsSignalGenerator(nullptr).pushSettingsSignals().empty());
 }
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -183,44 +182,30 @@ TEST(Base64Test, MatchesRfcVectorsAndRejectsNonCanonicalText) {
 
 // Decrypts with the openssl command and inflates with Python's zlib: tools nobody here wrote.
 TEST_F(LogEncodingTest, IndependentToolsReadTheEncodedForm) {
-  if (std::system("command -v openssl >/dev/null 2>&1 && command -v python3 >/dev/null 2>&1") !=
-      0) {
+  if (std::system("command -v openssl >/dev/null && command -v python3 >/dev/null") != 0) {
     GTEST_SKIP() << "openssl or python3 not installed";
   }
   auto encoded = encoder.encodeLog({SignalString(SignalEnum::id(20), "paywall")},
                                    {CustomSignalInt("n", 7)}, {});
   ASSERT_TRUE(encoded.ok());
   const std::string dir = ::testing::TempDir();
-  const std::string cipherPath = dir + "orvane_cipher.bin";
-  const std::string plainPath = dir + "orvane_plain.bin";
-  {
-    std::ofstream out(cipherPath, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(encoded->data() + 17),
-              static_cast<std::streamsize>(encoded->size() - 17));
-  }
+  std::ofstream(dir + "orvane_cipher.bin", std::ios::binary)
+      .write(reinterpret_cast<const char*>(encoded->data() + 17),
+             static_cast<std::streamsize>(encoded->size() - 17));
   auto toHex = [](const uint8_t* p, size_t n) {
     std::string s;
-    char b[3];
-    for (size_t i = 0; i < n; ++i) {
-      std::snprintf(b, sizeof b, "%02x", p[i]);
-      s += b;
-    }
+    for (size_t i = 0; i < n; ++i)
+      s += {"0123456789abcdef"[p[i] >> 4], "0123456789abcdef"[p[i] & 15]};
     return s;
   };
-  const std::string keyHex = toHex(reinterpret_cast<const uint8_t*>(key->data()), 16);
-  const std::string ivHex = toHex(encoded->data() + 1, 16);
-  const std::string command = "openssl enc -d -aes-128-cbc -K " + keyHex + " -iv " + ivHex +
-                              " -in " + cipherPath + " -out " + plainPath +
-                              " && python3 -c \"import sys,zlib;sys.stdout.write(zlib.decompress("
-                              "open('" +
-                              plainPath + "','rb').read(),-15).decode())\"";
-  FILE* pipe = popen(command.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  std::string output;
-  char buffer[256];
-  while (size_t n = fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
-  ASSERT_EQ(pclose(pipe), 0) << output;
-  EXPECT_EQ(nlohmann::json::parse(output),
+  const std::string command =
+      "openssl enc -d -aes-128-cbc -K " + toHex(reinterpret_cast<const uint8_t*>(key->data()), 16) +
+      " -iv " + toHex(encoded->data() + 1, 16) + " -in " + dir + "orvane_cipher.bin | python3 -c " +
+      "\"import sys,zlib;print(zlib.decompress(sys.stdin.buffer.read(),-15).decode())\" > " + dir +
+      "orvane_plain.json";
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  std::ifstream plain(dir + "orvane_plain.json");
+  EXPECT_EQ(nlohmann::json::parse(plain),
             (nlohmann::json{
                 {"s", {{"20", "paywall"}}}, {"cs", {{"n", 7}}}, {"gs", nlohmann::json::object()}}));
 }

@@ -1,25 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "models/ModelDownloader.h"
+#include "testutil/Fixtures.h"
 #include "testutil/RecordingHttpTransport.h"
 
 namespace orvane {
 namespace {
 
 using Answer = testing::RecordingHttpTransport::Answer;
-
-std::string fixture(const std::string& name) {
-  const char* root = std::getenv("ORVANE_FIXTURES");
-  std::ifstream in(std::string(root ? root : "tests/fixtures") + "/coreml/" + name,
-                   std::ios::binary);
-  std::stringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
-}
 
 class ModelDownloaderTest : public ::testing::Test {
  protected:
@@ -38,7 +28,8 @@ class ModelDownloaderTest : public ::testing::Test {
 
 TEST_F(ModelDownloaderTest, CompilesASuccessfulDownloadIntoALoadableFolder) {
   for (int code : {200, 299}) {
-    auto result = fetch({status(code), std::nullopt, fixture("logistic_binary.mlmodel")});
+    auto result =
+        fetch({status(code), std::nullopt, testing::readFixture("coreml/logistic_binary.mlmodel")});
     ASSERT_TRUE(result.ok()) << result.error().description;
     EXPECT_EQ(result->response.statusCode, code);
     EXPECT_TRUE(makePortableModelRuntime()->loadCompiledModel(result->compiledModelPath).ok());

@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include <nlohmann/json.hpp>
 
 #include "models/ContextDictionaryFeatureProvider.h"
 #include "models/ModelExecutor.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/Fixtures.h"
 
 namespace orvane {
 namespace {
@@ -102,12 +101,8 @@ TEST_F(ModelExecutorTest, ModelDecisionAgainstThresholdAndChance) {
 TEST_F(ModelExecutorTest, SignalsComeInOrderWithVersionProbabilitiesAndThreshold) {
   fake.random->scriptUniform({0.9});
   auto r = run(0.25, 0.3, 0.1);
-  ASSERT_EQ(r.signals.size(), 5u);
-  EXPECT_EQ(r.signals[0], SignalString(SignalEnum::id(18), "v7"));
-  EXPECT_EQ(r.signals[1], SignalInt(SignalEnum::id(16), 1));
-  EXPECT_EQ(r.signals[2], SignalString(SignalEnum::id(24), R"({"0":0.75,"1":0.25})"));
-  EXPECT_EQ(r.signals[3], SignalFloat(SignalEnum::id(426), 0.3f));
-  EXPECT_EQ(r.signals[4], SignalBool(SignalEnum::id(26), false));
+  EXPECT_EQ(testing::signalSummary(r.signals),
+            R"(s18="v7" i16=1 s24="{"0":0.75,"1":0.25}" f426=0.3 b26=false)");
   EXPECT_EQ(r.decision, ModelDecisionCode::kNoUpsell);
   // The model was handed the float signal widened to double.
   EXPECT_EQ(model->seen.at("70"), FeatureValue::fromDouble(0.5));
@@ -191,8 +186,7 @@ TEST_F(ModelExecutorTest, FailingModelIsReportedAndFallsToAlwaysUpsell) {
 TEST_F(ModelExecutorTest, ControlRule) {
   auto certain = executor.executeControlGroup("ctl", 1.0);
   EXPECT_EQ(certain.decision, ModelDecisionCode::kForcedUpsell);
-  EXPECT_EQ(certain.signals, (SignalList{SignalInt(SignalEnum::id(16), 0),
-                                         SignalString(SignalEnum::id(18), "ctl")}));
+  EXPECT_EQ(testing::signalSummary(certain.signals), R"(i16=0 s18="ctl")");
   EXPECT_EQ(executor.executeControlGroup("", 1.0).signals.size(), 1u);
 
   fake.random->scriptUniform({0.4, 0.6});
@@ -210,8 +204,6 @@ TEST(ProbabilitiesJsonTest, NonFiniteValuesFallBackToTheShortForm) {
   EXPECT_EQ(ModelExecutor::probabilitiesJson(std::map<std::string, double>{{"a\"b", 1e-7}}, 0),
             R"({"a\"b":1e-07})");
 }
-
-// ---- Feature provider ---------------------------------------------------------------------
 
 TEST(FeatureNameGrammarTest, SplitsSignalCustomAndCategory) {
   using P = ParsedFeatureName;
@@ -280,11 +272,10 @@ TEST_F(FeatureProviderTest, BuiltInSignalsAndOneHotColumns) {
   EXPECT_EQ(value("70000"), FeatureValue::undefined(FeatureType::kInt64));
   EXPECT_EQ(value("999"), FeatureValue::undefined(FeatureType::kDouble));
   EXPECT_EQ(value("not-an-input"), FeatureValue::undefined(FeatureType::kDouble));
-}
 
-TEST_F(FeatureProviderTest, KnownCategoryLightsItsColumn) {
-  SignalsManager us{{SignalString(SignalEnum::id(34), "DE")}, fake.log};
-  ContextDictionaryFeatureProvider p{us, custom, model, metadata, fake.log};
+  // A known category lights its own column.
+  SignalsManager germany{{SignalString(SignalEnum::id(34), "DE")}, fake.log};
+  ContextDictionaryFeatureProvider p{germany, custom, model, metadata, fake.log};
   EXPECT_EQ(*p.featureValue("34_0"), FeatureValue::fromInt64(0));
   EXPECT_EQ(*p.featureValue("34_1"), FeatureValue::fromInt64(1));
   EXPECT_EQ(*p.featureValue("34_-1"), FeatureValue::fromInt64(0));
@@ -309,31 +300,29 @@ TEST_F(FeatureProviderTest, CustomSignalsFollowTheInputType) {
 }
 
 TEST(DefaultDecimalTextTest, MatchesThePlatformsNumberText) {
-  EXPECT_EQ(defaultDecimalText(2), "2.0");
-  EXPECT_EQ(defaultDecimalText(-1), "-1.0");
-  EXPECT_EQ(defaultDecimalText(0.1), "0.1");
-  EXPECT_EQ(defaultDecimalText(1e-5), "1e-05");
-  EXPECT_EQ(defaultDecimalText(1e16), "1e+16");
-  EXPECT_EQ(defaultDecimalText(0), "0.0");
-  EXPECT_EQ(defaultDecimalText(INFINITY), "inf");
+  for (const auto& [value, text] : {std::pair{2.0, "2.0"},
+                                    {-1.0, "-1.0"},
+                                    {0.1, "0.1"},
+                                    {1e-5, "1e-05"},
+                                    {1e16, "1e+16"},
+                                    {0.0, "0.0"},
+                                    {INFINITY, "inf"}}) {
+    EXPECT_EQ(defaultDecimalText(value), text);
+  }
 }
 
-// ---- With the real runtime -----------------------------------------------------------------
-
 TEST(UpsellModelTest, ProviderFeedsTheDeliveredModelAsScikitLearnPredicted) {
-  const std::string root =
-      std::getenv("ORVANE_FIXTURES") ? std::getenv("ORVANE_FIXTURES") : "tests/fixtures";
   auto runtime = makePortableModelRuntime();
-  const std::string out = ::testing::TempDir() + "orvane-executor-upsell";
-  auto compiled = runtime->compileModel(root + "/coreml/upsell_signals.mlmodel", out);
+  auto compiled = runtime->compileModel(testing::fixturePath("coreml/upsell_signals.mlmodel"),
+                                        ::testing::TempDir() + "orvane-executor-upsell");
   ASSERT_TRUE(compiled.ok()) << compiled.message();
   auto loaded = runtime->loadCompiledModel(*compiled);
   ASSERT_TRUE(loaded.ok());
   auto metadata = decodeCoreMLModelMetadata((*loaded)->description().metadata.shortDescription);
   ASSERT_TRUE(metadata.ok());
 
-  std::ifstream in(root + "/coreml/upsell_signals.expected.json");
-  const auto expected = nlohmann::json::parse(in);
+  const auto expected =
+      nlohmann::json::parse(testing::readFixture("coreml/upsell_signals.expected.json"));
   testing::FakePlatform fake;
   const std::vector<std::string> regions = {"US", "DE", "GB", "FR"};
   int checked = 0;

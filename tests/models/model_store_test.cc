@@ -1,13 +1,13 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "config/RemoteConfiguration.h"
 #include "models/CoreMLModelManager.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/Fixtures.h"
+#include "testutil/ManagerHelpers.h"
 #include "testutil/RecordingHttpTransport.h"
 
 namespace orvane {
@@ -15,17 +15,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using Answer = testing::RecordingHttpTransport::Answer;
+using Flows = std::map<std::string, ServerModelInfo>;
 
 constexpr const char* kFixtureVersion = "upsell-demo-2024.06.1";
 
-std::string fixtureBytes() {
-  const char* root = std::getenv("ORVANE_FIXTURES");
-  std::ifstream in(std::string(root ? root : "tests/fixtures") + "/coreml/upsell_signals.mlmodel",
-                   std::ios::binary);
-  std::stringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
-}
+std::string fixtureBytes() { return testing::readFixture("coreml/upsell_signals.mlmodel"); }
 
 // The delivered model under another version: the version string has the same length, so
 // only its last character changes in the file.
@@ -78,27 +72,25 @@ class SizedFileSystem : public FileSystem {
   std::shared_ptr<FileSystem> local_;
 };
 
-ServerModelInfo modelEntry(const std::string& version, double threshold = 0.4) {
-  ServerModelInfo info;
-  info.modelUrl = "http://127.0.0.1:9/models/" + version + ".mlmodel";
-  info.modelVersion = version;
-  info.upsellThreshold = threshold;
-  info.randomUpsellChance = 0.1;
-  info.supportedDuration = 5;
-  info.useInstantContext = false;
-  return info;
+ServerModelInfo modelEntry(const std::string& version) {
+  return {false,   "http://127.0.0.1:9/models/" + version + ".mlmodel",
+          version, 0.4,
+          {},      {},
+          0.1,     5,
+          false,   {}};
 }
-
 ServerModelInfo controlEntry(double chance) {
-  ServerModelInfo info;
-  info.isControl = true;
-  info.randomUpsellChance = chance;
-  info.supportedDuration = 3;
-  info.useInstantContext = true;
-  return info;
+  return {true, {}, {}, {}, {}, {}, chance, 3, true, {}};
 }
 
 Answer served(const std::string& bytes) { return {HttpResponse{200, {}, {}}, std::nullopt, bytes}; }
+
+ServerUpdatePayload update(int64_t version, Flows flows) {
+  ServerUpdatePayload payload;
+  payload.version = version;
+  payload.modelInfoPerFlow = std::move(flows);
+  return payload;
+}
 
 class ModelStoreTest : public ::testing::Test {
  protected:
@@ -153,12 +145,10 @@ class ModelStoreTest : public ::testing::Test {
 };
 
 TEST_F(ModelStoreTest, AppliedPayloadPlacesSharedModelAndServesIt) {
-  ServerUpdatePayload payload;
-  payload.version = 3;
+  ServerUpdatePayload payload =
+      update(3, {{"upsell", modelEntry(kFixtureVersion)}, {"paywall", controlEntry(0.25)}});
   payload.generationId = "gen-3";
   payload.assignmentId = "assign-a";
-  payload.modelInfoPerFlow["upsell"] = modelEntry(kFixtureVersion);
-  payload.modelInfoPerFlow["paywall"] = controlEntry(0.25);
   payload.configuration = ServerConfiguration{};
   payload.configuration->automaticEntryPointPollingIntervalSeconds = 77;
   http->script({served(fixtureBytes())});
@@ -189,9 +179,8 @@ TEST_F(ModelStoreTest, AppliedPayloadPlacesSharedModelAndServesIt) {
   ASSERT_TRUE(execution->coreMLModelMetadata().mappings);
 
   CustomModelInfo paywall = store->getModelInfoForFlow("paywall");
-  EXPECT_TRUE(paywall.isControl);
+  EXPECT_TRUE(paywall.isControl && paywall.useInstantContext);
   EXPECT_EQ(paywall.supportedDuration, 3);
-  EXPECT_TRUE(paywall.useInstantContext);
   EXPECT_DOUBLE_EQ(paywall.executionInformation->randomUpsellChance(), 0.25);
 
   EXPECT_EQ(store->allSignals(),
@@ -201,11 +190,7 @@ TEST_F(ModelStoreTest, AppliedPayloadPlacesSharedModelAndServesIt) {
                         SignalBool(SignalEnum::id(503), true)}));
 
   // A second flow on the same version uses the shared copy: nothing is downloaded.
-  payload.version = 4;
-  payload.generationId.reset();
-  payload.assignmentId.reset();
-  payload.modelInfoPerFlow = {{"home", modelEntry(kFixtureVersion)}};
-  apply(payload);
+  apply(update(4, {{"home", modelEntry(kFixtureVersion)}}));
   EXPECT_EQ(http->requests().size(), 1u);
   EXPECT_TRUE(
       fs::equivalent(models() + "/home/" + kFixtureVersion + ".mlmodelc/model.mlmodel", shared));
@@ -215,10 +200,7 @@ TEST_F(ModelStoreTest, AppliedPayloadPlacesSharedModelAndServesIt) {
 
 TEST_F(ModelStoreTest, NothingNewerChangesNothing) {
   defaults->set("ota_last_applied_version", int64_t{5});
-  ServerUpdatePayload payload;
-  payload.version = 5;
-  payload.modelInfoPerFlow["upsell"] = controlEntry(1);
-  apply(payload);
+  apply(update(5, {{"upsell", controlEntry(1)}}));
   EXPECT_FALSE(defaults->object("ota_last_attempted_version"));
   EXPECT_FALSE(defaults->object("model_info_for_flow_upsell"));
   // Installations from before attempts were recorded report the applied version.
@@ -228,11 +210,9 @@ TEST_F(ModelStoreTest, NothingNewerChangesNothing) {
 
 TEST_F(ModelStoreTest, FailedFlowKeepsTheAppliedVersionUntilTheRetrySucceeds) {
   defaults->set("ota_last_applied_generation_id", std::string("gen-1"));
-  ServerUpdatePayload payload;
-  payload.version = 2;
+  ServerUpdatePayload payload =
+      update(2, {{"a", controlEntry(0.5)}, {"b", modelEntry(kFixtureVersion)}});
   payload.generationId = "gen-2";
-  payload.modelInfoPerFlow["a"] = controlEntry(0.5);
-  payload.modelInfoPerFlow["b"] = modelEntry(kFixtureVersion);
   http->script({{HttpResponse{404, {}, {}}, std::nullopt, "not found"}});
   apply(payload);
 
@@ -256,16 +236,12 @@ TEST_F(ModelStoreTest, FailedFlowKeepsTheAppliedVersionUntilTheRetrySucceeds) {
 }
 
 TEST_F(ModelStoreTest, EntriesThatAreNeitherModelNorControl) {
-  ServerUpdatePayload payload;
-  payload.version = 1;
   ServerModelInfo badUrlControl = controlEntry(0.5);
   badUrlControl.modelUrl = "not a url";
   badUrlControl.modelVersion = "v";
-  ServerModelInfo nothing;
   ServerModelInfo noVersion = modelEntry("x");
   noVersion.modelVersion.reset();
-  payload.modelInfoPerFlow = {{"control", badUrlControl}, {"empty", nothing}, {"half", noVersion}};
-  apply(payload);
+  apply(update(1, {{"control", badUrlControl}, {"empty", {}}, {"half", noVersion}}));
 
   EXPECT_TRUE(store->getModelInfoForFlow("control").executionInformation);
   EXPECT_EQ(store->getModelInfoForFlow("control").modelVersion, "v");
@@ -278,11 +254,8 @@ TEST_F(ModelStoreTest, EntriesThatAreNeitherModelNorControl) {
 }
 
 TEST_F(ModelStoreTest, DownloadNeedsAHundredMebibytesFree) {
-  ServerUpdatePayload payload;
-  payload.version = 1;
-  payload.modelInfoPerFlow["upsell"] = modelEntry(kFixtureVersion);
   files->capacity = 104857599;
-  apply(payload);
+  apply(update(1, {{"upsell", modelEntry(kFixtureVersion)}}));
   ASSERT_EQ(reporter.reports().size(), 1u);
   EXPECT_EQ(reporter.reports()[0].error->domain, "CoreMLModelManager");
   EXPECT_EQ(reporter.reports()[0].error->code, 123);
@@ -290,31 +263,25 @@ TEST_F(ModelStoreTest, DownloadNeedsAHundredMebibytesFree) {
 
   files->capacity = 104857600;
   http->script({served(fixtureBytes())});
-  payload.version = 2;
-  apply(payload);
+  apply(update(2, {{"upsell", modelEntry(kFixtureVersion)}}));
   EXPECT_EQ(stored("ota_last_applied_version"), 2);
 
   // An unreadable free space is reported and does not block the update.
   files->capacity.reset();
-  payload.version = 3;
-  payload.modelInfoPerFlow = {{"other", modelEntry("upsell-demo-2024.06.2")}};
   http->script({served(modelWithVersion("upsell-demo-2024.06.2"))});
-  apply(payload);
+  apply(update(3, {{"other", modelEntry("upsell-demo-2024.06.2")}}));
   EXPECT_EQ(reporter.count("Failed to get free space"), 1u);
   EXPECT_EQ(stored("ota_last_applied_version"), 3);
 }
 
 TEST_F(ModelStoreTest, MismatchedOrBrokenDownloadsAreRejectedAndRemoved) {
-  ServerUpdatePayload payload;
-  payload.version = 1;
-  payload.modelInfoPerFlow["upsell"] = modelEntry("upsell-demo-2024.06.9");
   std::string noMetadata = modelWithVersion("upsell-demo-2024.06.9");
   noMetadata.replace(noMetadata.find("supportedDuration"), 17, "supportedDuratiox");
   http->script({served(fixtureBytes()), served(noMetadata), served("garbage")});
   for (const char* expected : {"Version stored in Model does not match reported version.",
                                "supportedDuration", "Failed to compile model: "}) {
     reporter.clear();
-    apply(payload);
+    apply(update(1, {{"upsell", modelEntry("upsell-demo-2024.06.9")}}));
     ASSERT_EQ(reporter.reports().size(), 1u);
     EXPECT_NE(reporter.reports()[0].error->description.find(expected), std::string::npos)
         << reporter.reports()[0].error->description;
@@ -325,12 +292,10 @@ TEST_F(ModelStoreTest, MismatchedOrBrokenDownloadsAreRejectedAndRemoved) {
 
 TEST_F(ModelStoreTest, CleanupKeepsTheThreeNewestOfEachFolder) {
   const std::string flow = models() + "/upsell";
-  fs::create_directories(flow);
+  const double ages[] = {40, 20, 50, 10, 30};  // v3 is the newest, then v1, v4, v0, v2
   for (int i = 0; i < 5; ++i) {
     const std::string entry = flow + "/v" + std::to_string(i) + ".mlmodelc";
     fs::create_directories(entry);
-    // v3 is the newest, then v1, v4, v0, v2.
-    const double ages[] = {40, 20, 50, 10, 30};
     files->setModificationDate(entry, 1.7e9 - ages[i]);
   }
   fs::create_directories(models() + "/small/a.mlmodelc");
@@ -360,12 +325,8 @@ TEST_F(ModelStoreTest, HourlyTableMustBeSevenByTwentyFour) {
 TEST_F(ModelStoreTest, DisabledDecisionsTurnEveryFlowIntoAControlOfItsOwnVersion) {
   // SHA-1("com.example.hostupsell5false"), first 16 bytes, the first two set to 0xCC.
   EXPECT_EQ(store->controlModelVersion("upsell", 5, false), "CCCCA554-8802-0B63-FBE4-00BA850AEED5");
-  ServerUpdatePayload payload;
-  payload.version = 1;
-  payload.modelInfoPerFlow = {{"upsell", modelEntry(kFixtureVersion)},
-                              {"paywall", controlEntry(0.25)}};
   http->script({served(fixtureBytes())});
-  apply(payload);
+  apply(update(1, {{"upsell", modelEntry(kFixtureVersion)}, {"paywall", controlEntry(0.25)}}));
   ASSERT_FALSE(store->getModelInfoForFlow("upsell").isControl);
 
   store->setDecisionsEnabled(false);
@@ -381,11 +342,8 @@ TEST_F(ModelStoreTest, DisabledDecisionsTurnEveryFlowIntoAControlOfItsOwnVersion
 }
 
 TEST_F(ModelStoreTest, BrokenStoredStateFallsBackAndClearsTheFlow) {
-  ServerUpdatePayload payload;
-  payload.version = 1;
-  payload.modelInfoPerFlow = {{"upsell", modelEntry(kFixtureVersion)}};
   http->script({served(fixtureBytes())});
-  apply(payload);
+  apply(update(1, {{"upsell", modelEntry(kFixtureVersion)}}));
   ASSERT_EQ(stored("ota_last_applied_version"), 1);
 
   // Files gone while the record stays: the flow is cleared so the next payload restores it.
@@ -401,11 +359,9 @@ TEST_F(ModelStoreTest, BrokenStoredStateFallsBackAndClearsTheFlow) {
 
   defaults->set("model_info_for_flow_a", Bytes{'{', 'x'});
   defaults->set("model_info_for_flow_b", std::string("{\"isControl\":false}"));  // not data
-  const std::string noThreshold =
-      R"({"isControl":false,"modelVersion":"v","randomUpsellChance":1})";
-  defaults->set("model_info_for_flow_c", Bytes(noThreshold.begin(), noThreshold.end()));
-  const std::string halfControl = R"({"is_control":true,"supported_duration":3})";
-  defaults->set("model_info_for_flow_d", Bytes(halfControl.begin(), halfControl.end()));
+  testing::storeFlowRecord(*defaults, "c",
+                           R"({"isControl":false,"modelVersion":"v","randomUpsellChance":1})");
+  testing::storeFlowRecord(*defaults, "d", R"({"is_control":true,"supported_duration":3})");
   for (const char* flow : {"a", "b", "c", "d"}) {
     CustomModelInfo fallback = store->getModelInfoForFlow(flow);
     EXPECT_TRUE(fallback.isControl && !fallback.executionInformation) << flow;
@@ -417,28 +373,15 @@ TEST_F(ModelStoreTest, BrokenStoredStateFallsBackAndClearsTheFlow) {
             1u);
 }
 
-TEST_F(ModelStoreTest, AnswersAreCachedUntilTheFlowIsRewritten) {
-  const std::string control =
-      R"({"isControl":true,"supportedDuration":3,"useInstantContext":false,"randomUpsellChance":0.5,"modelVersion":"c1"})";
-  defaults->set("model_info_for_flow_f", Bytes(control.begin(), control.end()));
-  EXPECT_EQ(store->getModelInfoForFlow("f").modelVersion, "c1");
+TEST_F(ModelStoreTest, StoredAnswersAreCachedAndServedOnlyForTheirDuration) {
+  testing::storeFlowRecord(*defaults, "f", testing::controlRecord(0.5, 3));
+  EXPECT_EQ(store->getModelInfoForFlow("f").supportedDuration, 3);
   defaults->remove("model_info_for_flow_f");
-  EXPECT_EQ(store->getModelInfoForFlow("f").modelVersion, "c1");  // from the cache
-
-  ServerUpdatePayload payload;
-  payload.version = 1;
-  payload.modelInfoPerFlow = {{"f", controlEntry(0.75)}};
-  apply(payload);
-  EXPECT_DOUBLE_EQ(store->getModelInfoForFlow("f").executionInformation->randomUpsellChance(),
-                   0.75);
-}
-
-TEST_F(ModelStoreTest, RequestsForAnotherDurationFallToAlwaysUpsell) {
-  const std::string control =
-      R"({"isControl":true,"supportedDuration":3,"useInstantContext":false,"randomUpsellChance":0.5})";
-  defaults->set("model_info_for_flow_f", Bytes(control.begin(), control.end()));
+  EXPECT_EQ(store->getModelInfoForFlow("f").supportedDuration, 3);  // from the cache
   EXPECT_EQ(
       store->getModelInfoForFlowValidatingDurationAndCallType("f", 3, false).supportedDuration, 3);
+
+  // Another duration falls to always-upsell, with a pointer to optimize().
   CustomModelInfo other = store->getModelInfoForFlowValidatingDurationAndCallType("f", 5, false);
   EXPECT_FALSE(other.executionInformation);
   EXPECT_EQ(other.supportedDuration, 0);
@@ -447,30 +390,31 @@ TEST_F(ModelStoreTest, RequestsForAnotherDurationFallToAlwaysUpsell) {
                             "recommendations:"),
             1u);
   EXPECT_EQ(fake.log->count("ContextManager.optimize(customModel: .[yourModelNameHere], ...)"), 1u);
+
+  apply(update(1, {{"f", controlEntry(0.75)}}));  // rewriting the flow replaces the cached answer
+  EXPECT_DOUBLE_EQ(store->getModelInfoForFlow("f").executionInformation->randomUpsellChance(),
+                   0.75);
 }
 
 TEST_F(ModelStoreTest, FlowNamesFromTheNetworkStayInsideTheModelsFolder) {
-  ServerUpdatePayload payload;
-  payload.version = 1;
-  payload.modelInfoPerFlow = {{"../escape", modelEntry(kFixtureVersion)}};
   http->script({served(fixtureBytes())});
-  apply(payload);
+  apply(update(1, {{"../escape", modelEntry(kFixtureVersion)}}));
   EXPECT_EQ(reporter.count("Failed to load recently downloaded CoreML model."), 1u);
   EXPECT_EQ(reporter.reports()[0].error->domain, "copyCoreMLModel");
   EXPECT_FALSE(fs::exists(root + "/Application Support/escape"));
   EXPECT_FALSE(stored("ota_last_applied_version"));
 }
 
-TEST_F(ModelStoreTest, IdentifiersWithoutUpdates) {
+TEST_F(ModelStoreTest, IdentifiersWithoutUpdatesAndBundledModels) {
   EXPECT_EQ(store->getCurrentAppliedGenerationId(), "calibration");
   EXPECT_EQ(store->getCurrentAttemptedVersion(), 0);
   EXPECT_FALSE(defaults->object("ota_last_attempted_version"));
 
   const std::string bundled = root + "/resources";
-  fs::create_directories(bundled);
-  auto runtime = makePortableModelRuntime();
   std::ofstream(root + "/" + kFixtureVersion + ".mlmodel", std::ios::binary) << fixtureBytes();
-  ASSERT_TRUE(runtime->compileModel(root + "/" + kFixtureVersion + ".mlmodel", bundled).ok());
+  ASSERT_TRUE(makePortableModelRuntime()
+                  ->compileModel(root + "/" + kFixtureVersion + ".mlmodel", bundled)
+                  .ok());
   store = makeStore({{"builtin", FlowInfo{kFixtureVersion, 0.3, 0.0, {}, {}}},
                      {"missing", FlowInfo{"upsell-demo-2024.06.7", 0.3, 0.0, {}, {}}}},
                     bundled);
@@ -481,8 +425,7 @@ TEST_F(ModelStoreTest, IdentifiersWithoutUpdates) {
   EXPECT_TRUE(store->getModelInfoForFlow("missing").isControl);
   EXPECT_EQ(reporter.count("Failed to fetch CoreML model from bundle."), 1u);
 
-  auto noSuite = std::make_shared<UserDefaultsProvider>(nullptr);
-  defaults = noSuite;
+  defaults = std::make_shared<UserDefaultsProvider>(nullptr);
   store = makeStore();
   EXPECT_EQ(store->getCurrentAppliedGenerationId(), "calibration");
   EXPECT_EQ(store->allSignals()[0], SignalInt(SignalEnum::id(402), 0));

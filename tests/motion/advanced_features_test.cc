@@ -1,5 +1,4 @@
-// Jerk, correlations, axis energies and entropies, and the single-precision accumulation
-// that several of them are defined with.
+// Jerk, correlations, axis energies, entropies, and their single-precision accumulation.
 
 #include <gtest/gtest.h>
 
@@ -19,14 +18,12 @@ namespace {
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 using Values = std::vector<double>;
 
-TEST(motionSinglePrecision, ValuesAreNarrowedAndSummedInFloat) {
+TEST(motionSinglePrecision, SummedInFloatAndUnavailableWhenUndefined) {
   // 2²⁴ + 1 is not a float: both values narrow to 2²⁴, so the variance is 0, not 0.5.
   EXPECT_EQ(calculateVariance(Values{16777216, 16777217}), 0.0);
   // Adding 1 to 2²⁴ in float rounds back to 2²⁴: four such additions are lost, in order.
   EXPECT_EQ(singlePrecisionMean(Values{16777216, 1, 1, 1, 1}), 16777216.0f / 5.0f);
-}
 
-TEST(motionSinglePrecision, VarianceAndCorrelationUnavailable) {
   EXPECT_EQ(calculateVariance(Values{1}), -98.0);
   EXPECT_EQ(calculateVariance(Values{1, kNaN, 2}), -98.0);
   EXPECT_EQ(calculateVariance(Values{1e39, 1e39}), -98.0);  // beyond float: the mean is inf
@@ -53,7 +50,7 @@ TEST(motionAxisEnergy, DominantAxisAndRatios) {
   EXPECT_EQ(axisEnergies(-98, -98, -98).dominantAxisRatio, -98.0);
 }
 
-TEST(motionEntropy, HistogramEntropy) {
+TEST(motionEntropy, HistogramAndPermutationEntropy) {
   EXPECT_EQ(calculateEntropyFromSignal(Values(50, 0.3)), 0.0);
   EXPECT_NEAR(calculateEntropyFromSignal(Values{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}), std::log2(10.0),
               1e-12);
@@ -61,9 +58,7 @@ TEST(motionEntropy, HistogramEntropy) {
   EXPECT_DOUBLE_EQ(calculateEntropyFromSignal(Values{0, 0, 1, 1}), 1.0);
   EXPECT_EQ(calculateEntropyFromSignal(Values{}), -98.0);
   EXPECT_EQ(calculateEntropyFromSignal(Values{1, kNaN}), -98.0);
-}
 
-TEST(motionEntropy, PermutationEntropy) {
   EXPECT_EQ(calculatePermutationEntropy(Values{1, 2, 3, 4, 5, 6}, 3), 0.0);
   EXPECT_EQ(calculatePermutationEntropy(Values{1, 2}, 3), -98.0);
   EXPECT_EQ(calculatePermutationEntropy(Values{1, 2, 3}, 0), -98.0);
@@ -75,15 +70,14 @@ TEST(motionEntropy, PermutationEntropy) {
   EXPECT_DOUBLE_EQ(calculatePermutationEntropy(Values{2, 1, 2, 1, 2}, 2), 1.0);
 }
 
-TEST(motionJerk, CrossingsAreOfTheThresholdNotOfZero) {
+TEST(motionJerk, CrossingsOfTheThresholdAndUnavailableFields) {
   const Values jerk = jerkSeries(Values{1, 1.02, 1.0});  // 0.02 and 0.02, both above 0.01
   ASSERT_EQ(jerk.size(), 2u);
   EXPECT_EQ(calculateZeroCrossings(jerk, 0.01), 0);
   EXPECT_EQ(calculateZeroCrossings(Values{0, 0.02, 0.02, 0, 0.011}, 0.01), 3);
   EXPECT_EQ(calculateZeroCrossings(Values{0.5}, 0.01), 0);
-}
 
-TEST(motionJerk, AllEightFieldsUnavailableTogether) {
+  // Too few values or a NaN: all eight fields unavailable together.
   for (const auto& [accel, gyro] :
        {std::pair{Values{}, Values{0.1}}, {Values{0.1}, Values{kNaN}}}) {
     AccelFeature f;

@@ -6,17 +6,14 @@
 
 #include <cmath>
 #include <fstream>
-#include <map>
 #include <set>
 
 #include <nlohmann/json.hpp>
 
 #include "motion/MotionTrace.h"
 #include "motion/features/FourierTransform.h"
-#include "motion/features/FrequencyFeatures.h"
 #include "motion/features/MotionSeries.h"
 #include "motion/motion_test_support.h"
-#include "testutil/DirectFourierTransform.h"
 
 namespace orvane {
 namespace {
@@ -129,38 +126,6 @@ TEST_P(motionFixtureSpectrum, SpectraMatchNumpy) {
     const double tolerance = 1e-12 * absoluteSum(*series);
     for (size_t k = 0; k < ours.size(); ++k) EXPECT_NEAR(ours[k], numpy[k], tolerance) << key << k;
   }
-}
-
-// The FFT must give the features of the textbook transform. The direct sum's own error grows
-// with n (angles up to π·n rad carry ~n·ε of phase), so its bins get 1e-10·Σ|x|; the features
-// themselves must agree exactly in float32.
-TEST_P(motionFixtureSpectrum, FastTransformGivesTheFeaturesOfTheDirectOne) {
-  const auto& c = expected();
-  const TraceWindow window = extractCase(c);
-  AccelFeature fast, direct;
-  for (const auto& [series, type] :
-       {std::pair{&window.accelMagnitude, accel_features::MotionSensorType::kAcceleration},
-        {&window.gyroMagnitude, accel_features::MotionSensorType::kGyroscope}}) {
-    const auto fftSpectrum = computeFFT(*series);
-    const auto reference = testing::directSpectrum(*series);
-    ASSERT_EQ(fftSpectrum.size(), reference.size());
-    for (size_t k = 0; k < reference.size(); ++k) {
-      EXPECT_NEAR(fftSpectrum[k], reference[k], 1e-10 * absoluteSum(*series)) << k;
-    }
-    accel_features::extractFrequencyFeatures(fftSpectrum, fast, type);
-    accel_features::extractFrequencyFeatures(reference, direct, type);
-  }
-  const auto signalsOf = [](const AccelFeature& f) {
-    std::map<uint16_t, float> values;
-    for (const Signal& s : f.allSignals()) {
-      const uint16_t id = s.id().rawValue();
-      if (id >= 900 && id <= 917) values[id] = std::get<float>(s.value());
-    }
-    return values;
-  };
-  fast.validEntry = direct.validEntry = true;
-  EXPECT_EQ(signalsOf(fast), signalsOf(direct));
-  EXPECT_EQ(signalsOf(fast).size(), 18u);
 }
 
 std::string caseName(const ::testing::TestParamInfo<size_t>& info) {

@@ -1,5 +1,4 @@
-// The magnitude spectrum and the features read from it: the transform against the textbook
-// sum at lengths of every factor shape, and the edge cases of each feature.
+// The magnitude spectrum against the textbook sum, and the edge cases of its features.
 
 #include <gtest/gtest.h>
 
@@ -42,16 +41,14 @@ TEST(motionSpectrum, MatchesTheDirectTransformAtEveryLengthShape) {
   }
 }
 
-TEST(motionSpectrum, DegenerateSeries) {
+TEST(motionSpectrum, DegenerateSeriesAndOverflowingBins) {
   EXPECT_TRUE(computeFFT(std::vector<double>{}).empty());
   EXPECT_TRUE(computeFFT(std::vector<double>{1, kNaN, 2, 3}).empty());
   EXPECT_TRUE(computeFFT(std::vector<double>{1, std::numeric_limits<double>::infinity()}).empty());
   EXPECT_EQ(computeFFT(std::vector<double>{-2.5}), std::vector<double>{2.5});
   EXPECT_EQ(computeFFT(std::vector<double>{1, 3}), std::vector<double>{4});
-}
 
-TEST(motionSpectrum, BinsWhoseSquareOverflowsAreZero) {
-  // |X_k| = 2e154·|cos(πk/12)|: the square overflows for the low bins only.
+  // |X_k| = 2e154·|cos(πk/12)|: the square overflows for the low bins only, which read 0.
   std::vector<double> x(12, 0.0);
   x[0] = x[1] = 1e154;
   const auto spectrum = computeFFT(x);
@@ -61,22 +58,21 @@ TEST(motionSpectrum, BinsWhoseSquareOverflowsAreZero) {
   EXPECT_NEAR(spectrum[4], 1e154, 1e140);
 }
 
-TEST(motionSpectrum, PureSineHasItsDominantFrequencyAtItsBin) {
+TEST(motionSpectrum, SineAndConstantPutTheirEnergyInTheirBin) {
   const auto spectrum = computeFFT(sine(500, 10));
   EXPECT_EQ(spectrum.size(), 250u);
   EXPECT_EQ(findDominantFrequency(spectrum), 10.0);  // bin 50 of 250
   EXPECT_NEAR(spectrum[50], 250, 1e-9);
-}
 
-TEST(motionSpectrum, ConstantSeriesPutsItsEnergyInBinZero) {
-  const auto spectrum = computeFFT(std::vector<double>(300, 0.7));
-  EXPECT_EQ(findDominantFrequency(spectrum), 0);
-  EXPECT_EQ(calculateSpectralRolloff(spectrum), 0);
+  // A constant series puts its energy in bin zero.
+  const auto constant = computeFFT(std::vector<double>(300, 0.7));
+  EXPECT_EQ(findDominantFrequency(constant), 0);
+  EXPECT_EQ(calculateSpectralRolloff(constant), 0);
   // Other bins are zero up to rounding of the transform.
-  EXPECT_NEAR(calculateSpectralCentroid(spectrum), 0, 1e-12);
-  EXPECT_NEAR(calculateSpectralEntropy(spectrum), 0, 1e-12);
-  EXPECT_NEAR(calculateBandEnergies(spectrum).high, 0, 1e-20);
-  EXPECT_NEAR(calculateBandEnergies(spectrum).low, 210.0 * 210.0, 1e-9);
+  EXPECT_NEAR(calculateSpectralCentroid(constant), 0, 1e-12);
+  EXPECT_NEAR(calculateSpectralEntropy(constant), 0, 1e-12);
+  EXPECT_NEAR(calculateBandEnergies(constant).high, 0, 1e-20);
+  EXPECT_NEAR(calculateBandEnergies(constant).low, 210.0 * 210.0, 1e-9);
 }
 
 TEST(motionSpectrum, TiesGoToTheLowestBinAndRollOffToTheFirstBinReaching85Percent) {

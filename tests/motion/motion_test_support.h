@@ -3,7 +3,6 @@
 // by hand.
 #pragma once
 
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,14 +11,12 @@
 #include "motion/AccelerometerSensorValue.h"
 #include "motion/features/AccelFeature.h"
 #include "motion/features/AccelFeatureExtraction.h"
+#include "testutil/Fixtures.h"
 #include "util/DateProvider.h"
 
 namespace orvane::testing {
 
-inline std::string motionFixturesDir() {
-  const char* env = std::getenv("ORVANE_FIXTURES");
-  return std::string(env && *env ? env : "tests/fixtures") + "/motion";
-}
+inline std::string motionFixturesDir() { return fixturePath("motion"); }
 
 inline constexpr double kStart = 1763800000.0;
 

@@ -1,11 +1,11 @@
-// Which samples form the window, when a window is usable, and which signal blocks an unusable
-// window emits. (The signals of usable windows are checked against the fixtures.)
+// Which samples form the window, when it is usable, and what an unusable one emits.
 
 #include <gtest/gtest.h>
 
 #include <set>
 
 #include "motion/motion_test_support.h"
+#include "testutil/SignalReaders.h"
 
 namespace orvane {
 namespace {
@@ -25,17 +25,10 @@ std::vector<AccelerometerSensorValue> moving(size_t count, double spacing = 0.01
 }
 
 std::set<uint16_t> ids(const SignalList& signals) {
-  std::set<uint16_t> out;
-  for (const Signal& s : signals) out.insert(s.id().rawValue());
-  return out;
+  const auto list = testing::signalIds(signals);
+  return {list.begin(), list.end()};
 }
-
-const Signal* find(const SignalList& signals, uint16_t id) {
-  for (const Signal& s : signals) {
-    if (s.id().rawValue() == id) return &s;
-  }
-  return nullptr;
-}
+int64_t reason(const AccelFeature& f) { return *testing::intSignal(f.allSignals(), 211); }
 
 TEST(motionWindow, ExactCountWithinTheTimeSpanIsValid) {
   const AccelFeature f = extractAtEnd(moving(200), 2);  // 200 samples over 1.99 s
@@ -50,10 +43,10 @@ TEST(motionWindow, OneSampleShortIsReasonOneWithTheLastSampleBlock) {
   const AccelFeature f = extractAtEnd(moving(199), 2);
   EXPECT_FALSE(f.validEntry);
   EXPECT_EQ(f.reasonForBeingInvalidEntry, ReasonForAccelerometerDataInvalid::kWrongNumberOfSamples);
-  const SignalList signals = f.allSignals();
-  EXPECT_EQ(std::get<int64_t>(find(signals, 211)->value()), 1);
-  EXPECT_TRUE(find(signals, 958) && find(signals, 217) && find(signals, 114));
-  EXPECT_FALSE(find(signals, 113)) << "statistics belong to valid windows only";
+  EXPECT_EQ(reason(f), 1);
+  const auto emitted = ids(f.allSignals());
+  EXPECT_TRUE(emitted.contains(958) && emitted.contains(217) && emitted.contains(114));
+  EXPECT_FALSE(emitted.contains(113)) << "statistics belong to valid windows only";
 }
 
 TEST(motionWindow, CompressedOrStretchedTimeSpanIsReasonTwo) {
@@ -62,7 +55,7 @@ TEST(motionWindow, CompressedOrStretchedTimeSpanIsReasonTwo) {
     const AccelFeature f = extractAtEnd(moving(200, spacing), 2);
     EXPECT_FALSE(f.validEntry) << spacing;
     EXPECT_EQ(f.reasonForBeingInvalidEntry, ReasonForAccelerometerDataInvalid::kWrongTimeSpan);
-    EXPECT_EQ(std::get<int64_t>(find(f.allSignals(), 211)->value()), 2);
+    EXPECT_EQ(reason(f), 2);
     EXPECT_NE(f.instantGyroMagnitude, AccelFeature::kUnavailable);
   }
   EXPECT_TRUE(extractAtEnd(moving(200, 1.81 / 199), 2).validEntry);

@@ -4,12 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <future>
 
-#include "models/ModelDownloader.h"
 #include "orvane/platform/HttpTransport.h"
 
 namespace orvane {
@@ -77,12 +75,12 @@ TEST(CurlTransportTest, PostsBodyAndHeadersAndReturnsTheAnswer) {
                            res.set_content("{\"ok\":true}", "application/json");
                          });
   auto transport = makeCurlHttpTransport();
-  HttpRequest request;
-  request.url = loopback.url("/v3/queue/tech");
-  request.headers = {{"Content-Type", "application/json"}};
   const std::string body = "{\"records\":[1,2,3]}";
-  request.body.assign(body.begin(), body.end());
-  Outcome outcome = send(*transport, request);
+  Outcome outcome = send(*transport, HttpRequest{loopback.url("/v3/queue/tech"),
+                                                 "POST",
+                                                 {{"Content-Type", "application/json"}},
+                                                 Bytes(body.begin(), body.end()),
+                                                 60});
   ASSERT_TRUE(outcome.response) << outcome.error->description;
   EXPECT_FALSE(outcome.error);
   EXPECT_EQ(outcome.response->statusCode, 202);
@@ -100,34 +98,20 @@ TEST(CurlTransportTest, FailuresCarryPortableDomainsAndCodes) {
     res.status = 200;
   });
   auto transport = makeCurlHttpTransport();
-
-  HttpRequest slow;
-  slow.url = loopback.url("/slow");
-  slow.timeoutSeconds = 0.3;
-  Outcome timedOut = send(*transport, slow);
-  ASSERT_TRUE(timedOut.error);
-  EXPECT_EQ(timedOut.error->domain, kUrlErrorDomain);
-  EXPECT_EQ(timedOut.error->code, -1001);
-
-  // A port nobody listens on: the connection is refused (POSIX 61, as mobile platforms number it).
-  HttpRequest refused;
-  refused.url = "http://127.0.0.1:" + std::to_string(unusedPort()) + "/";
-  refused.timeoutSeconds = 5;
-  Outcome refusedOutcome = send(*transport, refused);
-  ASSERT_TRUE(refusedOutcome.error);
-  EXPECT_EQ(refusedOutcome.error->domain, kPosixErrorDomain);
-  EXPECT_EQ(refusedOutcome.error->code, 61);
-
-  HttpRequest unknownHost;
-  unknownHost.url = "http://host.invalid/";
-  unknownHost.timeoutSeconds = 5;
-  Outcome notFound = send(*transport, unknownHost);
-  ASSERT_TRUE(notFound.error);
-  EXPECT_EQ(notFound.error->code, -1003);
-
-  HttpRequest malformed;
-  malformed.url = "nothing://at all";
-  EXPECT_TRUE(send(*transport, malformed).error);
+  auto failure = [&](std::string url, double timeout) {
+    Outcome outcome = send(*transport, HttpRequest{std::move(url), "POST", {}, {}, timeout});
+    EXPECT_FALSE(outcome.response);
+    return outcome.error.value_or(PlatformError{"none", 0, ""});
+  };
+  const PlatformError timedOut = failure(loopback.url("/slow"), 0.3);
+  EXPECT_EQ(timedOut.domain, kUrlErrorDomain);
+  EXPECT_EQ(timedOut.code, -1001);
+  // A port nobody listens on: refused (POSIX 61, as mobile platforms number it).
+  const PlatformError refused = failure("http://127.0.0.1:" + std::to_string(unusedPort()), 5);
+  EXPECT_EQ(refused.domain, kPosixErrorDomain);
+  EXPECT_EQ(refused.code, 61);
+  EXPECT_EQ(failure("http://host.invalid/", 5).code, -1003);
+  EXPECT_NE(failure("nothing://at all", 5).domain, "none");
 }
 
 TEST(CurlTransportTest, DownloadsIntoATemporaryFileThatIsRemovedAfterTheCompletion) {
@@ -170,37 +154,6 @@ TEST(CurlTransportTest, DownloadsIntoATemporaryFileThatIsRemovedAfterTheCompleti
   auto [missing, missingPath] = download("/missing");
   ASSERT_TRUE(missing.response);
   EXPECT_EQ(missing.response->statusCode, 404);
-}
-
-}  // namespace
-}  // namespace orvane
-
-namespace orvane {
-namespace {
-
-TEST(ModelDownloadOverHttpTest, DownloadsAndCompilesFromALoopbackServer) {
-  const char* root = std::getenv("ORVANE_FIXTURES");
-  std::ifstream in(std::string(root ? root : "tests/fixtures") + "/coreml/gbc_binary.mlmodel",
-                   std::ios::binary);
-  const std::string model((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  ASSERT_FALSE(model.empty());
-  LoopbackServer loopback;
-  loopback.server().Get("/models/home.mlmodel",
-                        [&](const httplib::Request&, httplib::Response& res) {
-                          res.set_content(model, "application/octet-stream");
-                        });
-  loopback.server().Get("/models/gone",
-                        [](const httplib::Request&, httplib::Response& res) { res.status = 410; });
-  auto downloader = std::make_shared<ModelDownloader>(
-      makeCurlHttpTransport(), makePortableModelRuntime(), ::testing::TempDir() + "orvane-dl");
-
-  auto result = downloader->downloadAndCompileModel(loopback.url("/models/home.mlmodel"));
-  ASSERT_TRUE(result.ok()) << result.error().description;
-  EXPECT_TRUE(makePortableModelRuntime()->loadCompiledModel(result->compiledModelPath).ok());
-
-  auto gone = downloader->downloadAndCompileModel(loopback.url("/models/gone"));
-  ASSERT_FALSE(gone.ok());
-  EXPECT_EQ(gone.error().description, "Unexpected status code: 410");
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -101,8 +100,7 @@ TEST(LinuxDeviceServiceTest, ReadsTheMachineAndLetsTheHostOverride) {
 
 TEST(CalendarZoneTest, AbbreviationsFollowDaylightSaving) {
   const char* saved = std::getenv("TZ");
-  const std::optional<std::string> previous =
-      saved ? std::optional<std::string>(saved) : std::nullopt;
+  const std::string previous = saved ? saved : "";
   setenv("TZ", "Europe/Berlin", 1);
   tzset();
   const auto calendar = makeSystemCalendar();
@@ -110,11 +108,7 @@ TEST(CalendarZoneTest, AbbreviationsFollowDaylightSaving) {
   EXPECT_EQ(calendar->timeZoneAbbreviation(1719792000), "CEST");  // July
   EXPECT_EQ(calendar->secondsFromGMT(1719792000), 7200);
   EXPECT_FALSE(calendar->timeZoneAbbreviation(std::nan("")));
-  if (previous) {
-    setenv("TZ", previous->c_str(), 1);
-  } else {
-    unsetenv("TZ");
-  }
+  saved ? setenv("TZ", previous.c_str(), 1) : unsetenv("TZ");
   tzset();
 
   EXPECT_EQ(makeFixedOffsetCalendar("", 0)->timeZoneAbbreviation(0), "GMT");

@@ -3,10 +3,8 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -19,8 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// Records events from any thread; waits time out generously so a broken queue fails the test
-// instead of hanging it.
+// Records events from any thread; waits time out so a broken queue fails instead of hanging.
 class Events {
  public:
   void add(int value = 0) {
@@ -43,21 +40,8 @@ class Events {
   std::vector<int> values_;
 };
 
-struct QueueFactory {
-  const char* label;
-  std::shared_ptr<SerialQueue> (*make)(const std::string&);
-};
-void PrintTo(const QueueFactory& factory, std::ostream* out) { *out << factory.label; }
-
-class SerialQueueContract : public ::testing::TestWithParam<QueueFactory> {
- protected:
-  std::shared_ptr<SerialQueue> make(const std::string& name = "contract") {
-    return GetParam().make(name);
-  }
-};
-
-TEST_P(SerialQueueContract, RunsOneTaskAtATimeInSubmissionOrderPerProducer) {
-  auto queue = make();
+TEST(ThreadSerialQueue, RunsOneTaskAtATimeInSubmissionOrderPerProducer) {
+  auto queue = makeThreadSerialQueue("contract");
   constexpr int kProducers = 4, kPerProducer = 300;
   std::vector<int> seen;  // touched only on the queue
   std::atomic<int> inside{0}, overlaps{0};
@@ -84,9 +68,9 @@ TEST_P(SerialQueueContract, RunsOneTaskAtATimeInSubmissionOrderPerProducer) {
   }
 }
 
-TEST_P(SerialQueueContract, SyncRunsOnTheQueueAfterEarlierWorkAndReportsFailure) {
-  auto queue = make("a");
-  auto other = make("b");
+TEST(ThreadSerialQueue, SyncRunsOnTheQueueAfterEarlierWorkAndReportsFailure) {
+  auto queue = makeThreadSerialQueue("a");
+  auto other = makeThreadSerialQueue("b");
   std::vector<int> order;
   for (int i = 0; i < 50; ++i) queue->async([&, i] { order.push_back(i); });
   bool here = false, there = true;
@@ -113,11 +97,17 @@ TEST_P(SerialQueueContract, SyncRunsOnTheQueueAfterEarlierWorkAndReportsFailure)
   EXPECT_EQ(events.values(), (std::vector<int>{1, 2, 3}));
 }
 
-TEST_P(SerialQueueContract, DelayedWorkRunsByDueTimeAndNeverEarly) {
-  auto queue = make();
+TEST(ThreadSerialQueue, DelayedWorkRunsByDueTimeNeverEarlyAndNotWhenCancelled) {
+  auto queue = makeThreadSerialQueue("delayed");
   Events events;
   const auto start = Clock::now();
-  std::vector<Clock::duration> ranAfter(3);
+  std::vector<Clock::duration> ranAfter(4);
+  auto token = std::make_shared<int>(0);
+  std::weak_ptr<int> watch = token;
+  auto cancelled = queue->asyncAfter(0.01, [&, token] { events.add(9); });
+  token.reset();
+  cancelled->cancel();
+  EXPECT_TRUE(watch.expired()) << "a cancelled task should drop what it captured";
   for (auto [id, delay] : {std::pair{0, 0.05}, {1, 0.01}, {2, 0.03}}) {
     queue->asyncAfter(delay, [&, id = id] {
       ranAfter[id] = Clock::now() - start;
@@ -128,26 +118,11 @@ TEST_P(SerialQueueContract, DelayedWorkRunsByDueTimeAndNeverEarly) {
   EXPECT_EQ(events.values(), (std::vector<int>{1, 2, 0}));
   EXPECT_GE(ranAfter[0], 50ms);
   EXPECT_GE(ranAfter[1], 10ms);
+  cancelled->cancel();  // twice, and after the fact: harmless
 }
 
-TEST_P(SerialQueueContract, CancelledDelayedWorkNeverRunsAndIsReleased) {
-  auto queue = make();
-  Events events;
-  auto token = std::make_shared<int>(0);
-  std::weak_ptr<int> watch = token;
-  auto handle = queue->asyncAfter(0.01, [&, token] { events.add(1); });
-  token.reset();
-  handle->cancel();
-  EXPECT_TRUE(watch.expired()) << "a cancelled task should drop what it captured";
-  // Due-time order means the sentinel runs only after the cancelled task would have.
-  queue->asyncAfter(0.03, [&] { events.add(2); });
-  ASSERT_TRUE(events.waitFor(1));
-  EXPECT_EQ(events.values(), (std::vector<int>{2}));
-  handle->cancel();  // twice, and after the fact: harmless
-}
-
-TEST_P(SerialQueueContract, RepeatingTimerRunsUntilItCancelsItself) {
-  auto queue = make();
+TEST(ThreadSerialQueue, RepeatingTimerRunsUntilItCancelsItself) {
+  auto queue = makeThreadSerialQueue("timer");
   Events events;
   std::shared_ptr<Cancellable> handle;
   const auto start = Clock::now();
@@ -167,22 +142,21 @@ TEST_P(SerialQueueContract, RepeatingTimerRunsUntilItCancelsItself) {
   EXPECT_GE(firstRun, 10ms);
 }
 
-TEST_P(SerialQueueContract, ThrowingTaskIsReportedAndTheQueueCarriesOn) {
-  auto queue = make("throwing");
+TEST(ThreadSerialQueue, ThrowingTaskIsReportedAndTheQueueCarriesOn) {
+  auto queue = makeThreadSerialQueue("throwing");
   ::testing::internal::CaptureStderr();
   queue->async([] { throw std::runtime_error("boom"); });
   queue->async([] { throw 42; });
   int after = 0;
   queue->sync([&] { after = 1; });
-  const std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(after, 1);
-  EXPECT_EQ(err,
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "[Orvane] Uncaught exception in queue throwing: boom\n"
             "[Orvane] Uncaught exception in queue throwing: unknown exception\n");
 }
 
-TEST_P(SerialQueueContract, DestructionFinishesQueuedWorkAndDropsDelayedWork) {
-  auto queue = make("doomed");
+TEST(ThreadSerialQueue, DestructionFinishesQueuedWorkAndDropsDelayedWork) {
+  auto queue = makeThreadSerialQueue("doomed");
   Events started, done;
   auto capture = std::make_shared<int>(0);
   std::weak_ptr<int> captureWatch = capture;
@@ -201,27 +175,20 @@ TEST_P(SerialQueueContract, DestructionFinishesQueuedWorkAndDropsDelayedWork) {
   EXPECT_LT(Clock::now() - start, 5s) << "destruction waited for delayed work";
   EXPECT_EQ(done.values(), (std::vector<int>{1, 2}));
   EXPECT_TRUE(captureWatch.expired());
-}
 
-TEST_P(SerialQueueContract, LastReferenceReleasedOnItsOwnThread) {
-  auto queue = make("self-owned");
-  Events gate, done;
-  // Once the test lets go, the task's closure holds the only reference, so the queue is
-  // destroyed on its own thread.
-  queue->async([&gate, &done, self = queue] {
+  // When a task's closure holds the last reference, the queue is destroyed on its own thread.
+  auto selfOwned = makeThreadSerialQueue("self-owned");
+  Events gate, finished;
+  selfOwned->async([&gate, &finished, self = selfOwned] {
     gate.waitFor(1);
-    done.add(1);
+    finished.add(1);
   });
-  queue->async([&done] { done.add(2); });
-  queue.reset();
+  selfOwned->async([&finished] { finished.add(2); });
+  selfOwned.reset();
   gate.add();
-  ASSERT_TRUE(done.waitFor(2));
-  EXPECT_EQ(done.values(), (std::vector<int>{1, 2}));
+  ASSERT_TRUE(finished.waitFor(2));
+  EXPECT_EQ(finished.values(), (std::vector<int>{1, 2}));
 }
-
-INSTANTIATE_TEST_SUITE_P(Queues, SerialQueueContract,
-                         ::testing::Values(QueueFactory{"Thread", &makeThreadSerialQueue}),
-                         [](const auto& info) { return std::string(info.param.label); });
 
 TEST(ThreadExecutors, MainQueueIsTheHostsOrOneOwnQueueAndThreadsAreNamed) {
   auto own = makeThreadExecutors();
@@ -236,17 +203,13 @@ TEST(ThreadExecutors, MainQueueIsTheHostsOrOneOwnQueueAndThreadsAreNamed) {
   EXPECT_STREQ(name, "orvane.uploader");  // the kernel keeps 15 characters
 }
 
-class ManualExecutorsTest : public ::testing::Test {
- protected:
-  std::shared_ptr<testing::FakeClock> clock = std::make_shared<testing::FakeClock>();
-  std::shared_ptr<testing::ManualExecutors> executors =
-      std::make_shared<testing::ManualExecutors>(clock);
-  std::shared_ptr<SerialQueue> main = executors->mainQueue();
-  std::vector<std::string> log;
-};
-
-TEST_F(ManualExecutorsTest, RunsWorkInOrderOnlyWhenDrainedOrDue) {
+// The test double every other suite runs on: order, due times and timers on the fake clock.
+TEST(ManualExecutorsTest, RunsWorkInOrderOnlyWhenDrainedOrDueAndTimersPerInterval) {
+  auto clock = std::make_shared<testing::FakeClock>();
+  auto executors = std::make_shared<testing::ManualExecutors>(clock);
+  auto main = executors->mainQueue();
   auto a = executors->makeSerialQueue("a");
+  std::vector<std::string> log;
   const double start = clock->now();
   double ranAt = 0;
   main->asyncAfter(5, [&] { ranAt = clock->now(); });
@@ -264,15 +227,13 @@ TEST_F(ManualExecutorsTest, RunsWorkInOrderOnlyWhenDrainedOrDue) {
   executors->advance(0.2);
   EXPECT_DOUBLE_EQ(ranAt, start + 5);
   EXPECT_EQ(executors->pendingCount(), 0u);
-}
 
-TEST_F(ManualExecutorsTest, RepeatingTimersFireOncePerIntervalAcrossAdvances) {
   int fast = 0, slow = 0;
   auto fastTimer = main->scheduleRepeating(0.2, [&] { ++fast; });
   main->scheduleRepeating(0.7, [&] { ++slow; });
   executors->advance(2.0);
   EXPECT_EQ(fast, 10);
-  for (int i = 0; i < 10; ++i) executors->advance(0.1);
+  for (int i = 0; i < 10; ++i) executors->advance(0.1);  // no drift across small steps
   EXPECT_EQ(fast, 15);
   EXPECT_EQ(slow, 4);
   fastTimer->cancel();

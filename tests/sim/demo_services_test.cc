@@ -1,8 +1,5 @@
-// The services the demo installs in the SDK's platform and the clockwork that plays its script:
-// the HTTP watcher records every exchange and still hands the SDK its answer, the posture
-// device replays the posture of the moment on the sampling queue's timer, the scheduler runs
-// moments in time order, whoever adds them; and the pieces around them: finding and starting
-// the service, the scripted user.
+// The services the demo installs in the SDK's platform, the clockwork that plays its script,
+// finding and starting the service, and the scripted user.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -16,6 +13,7 @@
 #include "Scheduler.h"
 #include "ScriptedUser.h"
 #include "testutil/FakePlatform.h"
+#include "testutil/Fixtures.h"
 #include "testutil/RecordingHttpTransport.h"
 
 namespace orvane::sim::demo {
@@ -41,22 +39,17 @@ TEST(DemoHttpWatcher, RecordsEachExchangeAndPassesTheAnswerOn) {
   auto recorder = std::make_shared<Recorder>(nullptr);
   RecordingHttpTransport watcher(inner, recorder);
 
-  auto upload = [](const std::string& body) {
-    HttpRequest request;
-    request.url = "http://127.0.0.1:1/v3/queue/tech";
-    request.body = bytes(body);
-    return request;
-  };
   std::vector<int> statuses;
-  auto completion = [&](std::optional<HttpResponse> response, std::optional<PlatformError>) {
-    statuses.push_back(response ? response->statusCode : -1);
+  auto send = [&](const std::string& path, const std::string& body) {
+    watcher.send(HttpRequest{"http://127.0.0.1:1" + path, "POST", {}, bytes(body), 60},
+                 [&](std::optional<HttpResponse> response, std::optional<PlatformError>) {
+                   statuses.push_back(response ? response->statusCode : -1);
+                 });
   };
-  watcher.send(upload(R"({"events": [{"ctx_8": "a"}, {"ctx_8": "b"}]})"), completion);
-  watcher.send(upload(R"({"events": [{"ctx_8": "c"}]})"), completion);
-  watcher.send(upload("not json"), completion);
-  HttpRequest report;
-  report.url = "http://127.0.0.1:1/v2/error-reporting";
-  watcher.send(report, completion);
+  send("/v3/queue/tech", R"({"events": [{"ctx_8": "a"}, {"ctx_8": "b"}]})");
+  send("/v3/queue/tech", R"({"events": [{"ctx_8": "c"}]})");
+  send("/v3/queue/tech", "not json");
+  send("/v2/error-reporting", "");
 
   EXPECT_EQ(statuses, (std::vector<int>{200, 200, -1, 200}));
   const RunRecord r = recorder->snapshot();
@@ -83,7 +76,7 @@ TEST(DemoPostureDevice, ReplaysThePostureOfTheMomentUntilStopped) {
   std::vector<double> magnitudes;
   std::string error;
   auto device = PostureMotionService::load(
-      fake.clock, std::string(std::getenv("ORVANE_FIXTURES")) + "/motion",
+      fake.clock, orvane::testing::fixturePath("motion"),
       [&](double magnitude) { magnitudes.push_back(magnitude); }, &error);
   ASSERT_TRUE(device) << error;
   EXPECT_FALSE(PostureMotionService::load(fake.clock, "/no/such/folder", nullptr, &error));
@@ -178,15 +171,14 @@ TEST(DemoUser, RepeatableAndKeenerWhileThePhoneLiesStill) {
     for (Posture posture : {Posture::kTableFaceUp, Posture::kWalkingInHand}) {
       const EventOutcome answer = first.answer(kModelFlow, posture);
       EXPECT_EQ(second.answer(kModelFlow, posture), answer);
-      yes[posture] += answer == EventOutcome::kPositiveConverted;
       EXPECT_TRUE(answer == EventOutcome::kPositiveConverted ||
                   answer == EventOutcome::kNegativeDismissed);
+      yes[posture] += answer == EventOutcome::kPositiveConverted;
     }
   }
-  EXPECT_NEAR(yes[Posture::kTableFaceUp] / 600.0,
-              ScriptedUser::receptiveness(Posture::kTableFaceUp), 0.07);
-  EXPECT_NEAR(yes[Posture::kWalkingInHand] / 600.0,
-              ScriptedUser::receptiveness(Posture::kWalkingInHand), 0.07);
+  for (Posture posture : {Posture::kTableFaceUp, Posture::kWalkingInHand}) {
+    EXPECT_NEAR(yes[posture] / 600.0, ScriptedUser::receptiveness(posture), 0.07);
+  }
   // Answers come after the SDK's premature-log threshold of 0.2 s.
   for (int i = 0; i < 100; ++i) EXPECT_GT(first.reactionTime(), 0.2);
 }

@@ -6,85 +6,33 @@
 
 namespace orvane::testing {
 
-double FakeClock::now() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return now_;
-}
-double FakeClock::uptime() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return uptime_;
-}
-void FakeClock::set(double now) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  uptime_ += now - now_;
-  now_ = now;
-}
-void FakeClock::advance(double seconds) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  now_ += seconds;
-  uptime_ += seconds;
-}
-
 double FakeRandomSource::next() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  if (!script_.empty()) {
-    last_ = script_.front();
-    script_.pop_front();
-  }
-  return last_;
+  return withLock([&] {
+    if (!script_.empty()) {
+      last_ = script_.front();
+      script_.pop_front();
+    }
+    return last_;
+  });
 }
-float FakeRandomSource::uniformFloat() { return static_cast<float>(next()); }
-double FakeRandomSource::uniformDouble() { return next(); }
 int64_t FakeRandomSource::uniformInt(int64_t lower, int64_t upper) {
   if (upper <= lower) return lower;
   const double span = static_cast<double>(upper - lower);
   return std::min(upper, lower + static_cast<int64_t>(next() * (span + 1)));
 }
 bool FakeRandomSource::secureBytes(std::span<uint8_t> out) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  switch (mode_) {
-    case SecureMode::kFail:
-      return false;
-    case SecureMode::kAllOnes:
-      std::fill(out.begin(), out.end(), 0xFF);
-      return true;
-    case SecureMode::kCounter:
-      for (auto& b : out) b = counter_++;
-      return true;
-  }
-  return false;
-}
-void FakeRandomSource::scriptUniform(std::vector<double> values) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  script_.assign(values.begin(), values.end());
-}
-void FakeRandomSource::setSecureMode(SecureMode mode) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  mode_ = mode;
+  return withLock([&] {
+    if (mode_ == SecureMode::kFail) return false;
+    for (auto& b : out) b = mode_ == SecureMode::kAllOnes ? 0xFF : counter_++;
+    return true;
+  });
 }
 
-void CapturingLog::write(LogLevel level, std::string_view line) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  lines_.push_back({level, std::string(line)});
-}
-std::vector<CapturedLine> CapturingLog::lines() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return lines_;
-}
-size_t CapturingLog::count(std::string_view text) const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return static_cast<size_t>(
-      std::count_if(lines_.begin(), lines_.end(), [&](const auto& l) { return l.text == text; }));
-}
-size_t CapturingLog::countContaining(std::string_view fragment) const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), [&](const auto& l) {
-    return l.text.find(fragment) != std::string::npos;
-  }));
-}
-void CapturingLog::clear() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  lines_.clear();
+size_t CapturingLog::countIf(const std::function<bool(const std::string&)>& match) const {
+  return withLock([&] {
+    return static_cast<size_t>(
+        std::count_if(lines_.begin(), lines_.end(), [&](const auto& l) { return match(l.text); }));
+  });
 }
 
 namespace {
@@ -135,8 +83,6 @@ class ManualQueue : public SerialQueue {
 
 }  // namespace
 
-ManualExecutors::ManualExecutors(std::shared_ptr<FakeClock> clock) : clock_(std::move(clock)) {}
-
 std::shared_ptr<SerialQueue> ManualExecutors::mainQueue() {
   std::lock_guard<std::mutex> guard(mutex_);
   if (!main_) main_ = std::make_shared<ManualQueue>(weak_from_this(), "main");
@@ -148,13 +94,6 @@ std::shared_ptr<SerialQueue> ManualExecutors::makeSerialQueue(const std::string&
   std::lock_guard<std::mutex> guard(mutex_);
   queues_.push_back(queue);
   return queue;
-}
-
-std::vector<std::string> ManualExecutors::queueNames() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  std::vector<std::string> names;
-  for (const auto& q : queues_) names.push_back(q->name());
-  return names;
 }
 
 std::shared_ptr<Cancellable> ManualExecutors::enqueue(SerialQueue* queue, double delay,
@@ -225,28 +164,6 @@ size_t ManualExecutors::pendingCount() const {
                                            [](const Entry& e) { return !*e.cancelled; }));
 }
 
-void RecordingErrorReporter::reportError(std::string_view message,
-                                         const std::optional<PlatformError>& error,
-                                         bool usingDefaultConfiguration,
-                                         const std::optional<PlistDictionary>& additionalData) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  reports_.push_back({std::string(message), error, usingDefaultConfiguration, additionalData});
-}
-std::vector<RecordedReport> RecordingErrorReporter::reports() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return reports_;
-}
-size_t RecordingErrorReporter::count(std::string_view message) const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return static_cast<size_t>(std::count_if(reports_.begin(), reports_.end(),
-                                           [&](const auto& r) { return r.message == message; }));
-}
-
-void RecordingErrorReporter::clear() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  reports_.clear();
-}
-
 namespace {
 class UnavailableProvider : public KeyValueStoreProvider {
  public:
@@ -298,8 +215,6 @@ FakePlatform::FakePlatform()
   platform.bundle.buildVersion = "1";
 }
 
-void FakePlatform::advance(double seconds) { executors->advance(seconds); }
-
 void FakePlatform::feedMotion(size_t count, double xStep, size_t xPeriod, double y) {
   for (size_t i = 0; i < count; ++i) {
     DeviceMotion sample;
@@ -308,15 +223,6 @@ void FakePlatform::feedMotion(size_t count, double xStep, size_t xPeriod, double
     motion->push(sample);
     advance(0.01);
   }
-}
-
-std::optional<int64_t> intSignal(const SignalList& signals, uint16_t id) {
-  for (const Signal& s : signals) {
-    if (s.id().rawValue() == id) {
-      if (const auto* v = std::get_if<int64_t>(&s.value())) return *v;
-    }
-  }
-  return std::nullopt;
 }
 
 }  // namespace orvane::testing

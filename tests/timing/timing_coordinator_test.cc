@@ -46,18 +46,12 @@ std::string windowId(const CooldownResult& r) {
 
 class TimingCoordinatorTest : public ::testing::Test {
  protected:
-  TimingCoordinatorTest()
-      : store_(makeInMemoryKeyValueStoreProvider()->openSuite("com.orvane.ads")),
-        defaults_(std::make_shared<UserDefaultsProvider>(store_)),
-        dates_(std::make_shared<StubDateProvider>(Date{kT0})),
-        random_(std::make_shared<FakeRandomSource>()),
-        c_(make()) {}
-
-  std::unique_ptr<TimingCoordinator> make(std::shared_ptr<UserDefaultsProvider> defaults) {
-    return std::make_unique<TimingCoordinator>(std::move(defaults), dates_, random_,
-                                               [this]() -> ErrorReporter& { return reporter_; });
+  std::unique_ptr<TimingCoordinator> make(std::shared_ptr<UserDefaultsProvider> defaults,
+                                          RecordingErrorReporter& reporter) {
+    return std::make_unique<TimingCoordinator>(
+        std::move(defaults), dates_, random_, [&reporter]() -> ErrorReporter& { return reporter; });
   }
-  std::unique_ptr<TimingCoordinator> make() { return make(defaults_); }
+  std::unique_ptr<TimingCoordinator> make() { return make(defaults_, reporter_); }
   void at(double seconds) { dates_->setStubDate(Date{seconds}); }
   void apply(const Flows& flows) { c_->applyLatestConfiguration(payload(flows)); }
   CooldownResult ask(const std::string& flow = "f") { return c_->performCooldownCalculation(flow); }
@@ -68,12 +62,13 @@ class TimingCoordinatorTest : public ::testing::Test {
   }
   void shown(const std::string& flow = "f") { c_->markCurrentWindowExecuted(flow); }
 
-  std::shared_ptr<KeyValueStore> store_;
-  std::shared_ptr<UserDefaultsProvider> defaults_;
-  std::shared_ptr<StubDateProvider> dates_;
-  std::shared_ptr<FakeRandomSource> random_;
+  std::shared_ptr<KeyValueStore> store_ =
+      makeInMemoryKeyValueStoreProvider()->openSuite("com.orvane.ads");
+  std::shared_ptr<UserDefaultsProvider> defaults_ = std::make_shared<UserDefaultsProvider>(store_);
+  std::shared_ptr<StubDateProvider> dates_ = std::make_shared<StubDateProvider>(Date{kT0});
+  std::shared_ptr<FakeRandomSource> random_ = std::make_shared<FakeRandomSource>();
   RecordingErrorReporter reporter_;
-  std::unique_ptr<TimingCoordinator> c_;
+  std::unique_ptr<TimingCoordinator> c_ = make();
 };
 
 TEST_F(TimingCoordinatorTest, WorkedExampleOfOnceADayAtLeastEveryThreeDays) {
@@ -85,12 +80,8 @@ TEST_F(TimingCoordinatorTest, WorkedExampleOfOnceADayAtLeastEveryThreeDays) {
   EXPECT_EQ(window.earliestResetDate, Date{kT0 + 86400});
   EXPECT_EQ(window.latestResetDate, Date{kT0 + 259200});
   EXPECT_EQ(window.actByDate, Date{kT0 + 64800});  // 3 days x 0.5^2
-  EXPECT_EQ(
-      first.signals,
-      (SignalList{SignalBool(SignalEnum::id(652), true), SignalFloat(SignalEnum::id(654), 2.0f),
-                  SignalBool(SignalEnum::id(655), false), SignalInt(SignalEnum::id(653), 1),
-                  SignalString(SignalEnum::id(657), window.timingWindowId),
-                  SignalInt(SignalEnum::id(656), 64800)}));
+  EXPECT_EQ(testing::signalSummary(first.signals),
+            "b652=true f654=2 b655=false i653=1 s657=\"" + window.timingWindowId + "\" i656=64800");
 
   at(kT0 + 1 * kHour);
   EXPECT_EQ(ask().decision, kFollow);
@@ -115,7 +106,7 @@ TEST_F(TimingCoordinatorTest, AtMostOncePerTimeSpanWithOrWithoutAStore) {
   for (auto defaults : {defaults_, std::shared_ptr<UserDefaultsProvider>(),
                         std::make_shared<UserDefaultsProvider>(nullptr)}) {
     at(kT0);
-    c_ = make(defaults);
+    c_ = make(defaults, reporter_);
     apply({{"f", rules(std::nullopt, ServerTiming{"hours", 1})}});
     const std::string unused = windowId(ask());
     at(kT0 + 2 * kHour);  // past the window's end without a showing
@@ -177,9 +168,7 @@ TEST_F(TimingCoordinatorTest, ChangedOrRemovedRulesResetTheWindowUnchangedOnesKe
   EXPECT_EQ(number(ask("changed")), 1);
   const CooldownResult gone = ask("gone");
   EXPECT_EQ(gone.decision, kFollow);
-  EXPECT_EQ(gone.signals,
-            (SignalList{SignalBool(SignalEnum::id(652), false), SignalInt(SignalEnum::id(653), -1),
-                        SignalFloat(SignalEnum::id(654), -1.0f)}));
+  EXPECT_EQ(testing::signalSummary(gone.signals), "b652=false i653=-1 f654=-1");
 
   // An update without model information takes every flow's rules away.
   c_->applyLatestConfiguration(std::nullopt);
@@ -217,13 +206,12 @@ TEST_F(TimingCoordinatorTest, UnreadableStoredRecordsAreReportedAndStartEmpty) {
   for (const auto& [key, value] : corrupt) {
     RecordingErrorReporter fresh;
     store_->set(key, value);
-    TimingCoordinator coordinator(defaults_, dates_, random_,
-                                  [&fresh]() -> ErrorReporter& { return fresh; });
+    auto coordinator = make(defaults_, fresh);
     ASSERT_EQ(fresh.reports().size(), 1u) << describe(value);
     EXPECT_EQ(fresh.reports()[0].message, key == states
                                               ? "Failed to load current per flow timing state"
                                               : "Failed to load general timing configuration");
-    EXPECT_EQ(coordinator.performCooldownCalculation("f").decision, kFollow);
+    EXPECT_EQ(coordinator->performCooldownCalculation("f").decision, kFollow);
     store_->remove(key);
   }
 }

@@ -2,18 +2,14 @@
 
 #include <cmath>
 #include <regex>
-#include <set>
-#include <thread>
 
 #include "orvane/Decimal.h"
 #include "orvane/PlistValue.h"
 #include "testutil/FakePlatform.h"
-#include "util/AtomicInt.h"
 #include "util/DataConvertible.h"
 #include "util/PersistedCodableState.h"
 #include "util/UUID.h"
 #include "util/UserDefaultsProvider.h"
-#include "util/WrappingLock.h"
 
 namespace orvane {
 namespace {
@@ -107,23 +103,6 @@ TEST(UUIDTest, IsUpperCaseVersion4AndFallsBackWhenSecureBytesFail) {
   const std::string fallback = makeUUIDString(random);
   EXPECT_TRUE(std::regex_match(fallback, shape)) << fallback;
   EXPECT_NE(secure, fallback);
-}
-
-TEST(LocksTest, WrappingLockAndAtomicIntSerialiseConcurrentUpdates) {
-  WrappingLock<std::vector<int>> list;
-  AtomicInt counter;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 2000; ++i) {
-        list.withLock([&](std::vector<int>& v) { v.push_back(t); });
-        counter.increment();
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(list.withLock([](std::vector<int>& v) { return v.size(); }), 8000u);
-  EXPECT_EQ(counter.value(), 8000);
 }
 
 struct Sample {
