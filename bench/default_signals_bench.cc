@@ -1,5 +1,6 @@
 // The default signals of one request (everything but motion), on the Linux platform with its
-// SQLite defaults suite, for an installation with a year of launch history.
+// SQLite defaults suite, for an installation with a year of launch history. Target: under
+// 100 µs (median).
 #include <benchmark/benchmark.h>
 
 #include <filesystem>

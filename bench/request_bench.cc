@@ -4,7 +4,8 @@
 //   creation log encoded and handed over; the call's duration, on the caller's thread;
 // - fetchContext whose window is already there: from the call until its callback runs on the
 //   main queue.
-// Each reports the median and 99th percentile over every iteration.
+// Each reports the median and 99th percentile over every iteration. Targets: instantContext
+// median under 0.5 ms and 99th percentile under 2 ms; fetchContext median under 1 ms.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 // The durable upload queue on the Linux platform (SQLite defaults suite): adding one record to
 // a queue that already holds 99, store and synchronisation included, and building the body of
-// a 100-record upload from the stored queue.
+// a 100-record upload from the stored queue. Targets: adding under 5 ms (median), the body
+// under 10 ms.
 #include <benchmark/benchmark.h>
 
 #include <filesystem>
