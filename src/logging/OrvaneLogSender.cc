@@ -299,12 +299,14 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
   auto answered = std::make_shared<std::atomic<bool>>(false);
   std::future<bool> success = done->get_future();
   std::weak_ptr<Shared> weak = shared_;
-  http->send(std::move(request), [this, weak, done, answered](std::optional<HttpResponse> response,
-                                                              std::optional<PlatformError>) {
-    // Once the guard has given up, a late completion must not touch a sender that may be gone.
-    if (answered->exchange(true) || !weak.lock()) return;
-    done->set_value(completeUpload(response));
-  });
+  http->send(std::move(request),
+             [this, weak, done, answered](const std::optional<HttpResponse>& response,
+                                          const std::optional<PlatformError>&) {
+               // Once the guard has given up, a late completion must not touch a sender that may be
+               // gone.
+               if (answered->exchange(true) || !weak.lock()) return;
+               done->set_value(completeUpload(response));
+             });
   bool accepted = false;
   if (success.wait_for(std::chrono::duration<double>(kCompletionGuardSeconds)) ==
       std::future_status::ready) {

@@ -57,7 +57,7 @@ class NotificationSettingsService {
 class HostNotificationSettingsService : public NotificationSettingsService {
  public:
   explicit HostNotificationSettingsService(std::optional<NotificationSettings> settings = {})
-      : settings_(std::move(settings)) {}
+      : settings_(settings) {}
   void getNotificationSettings(NotificationSettingsCompletion completion) override;
   void setSettings(std::optional<NotificationSettings> settings);
 

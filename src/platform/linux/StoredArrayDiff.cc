@@ -1,14 +1,14 @@
 #include "platform/linux/StoredArrayDiff.h"
 
-#include <cstring>
+#include <bit>
 
 namespace orvane {
 namespace {
 
-template <typename Number>
-bool sameBits(Number a, Number b) {
-  return std::memcmp(&a, &b, sizeof a) == 0;
+bool sameBits(double a, double b) {
+  return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
 }
+bool sameBits(float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); }
 
 }  // namespace
 
