@@ -205,19 +205,5 @@ TEST(ContextManagerTest, PublicModelViewFollowsTheStoreAndTheSwitch) {
   EXPECT_EQ(manager.modelInformation("paywall")->randomUpsellChance, 0.2);
 }
 
-TEST(ContextManagerTest, GlobalCustomSignalsReplaceInPlaceAndRemoveById) {
-  FakePlatform fake;
-  ContextManager manager(fake.platform);
-  manager.storeGlobalCustomSignal(CustomSignalInt("a", 1));
-  manager.storeGlobalCustomSignal(CustomSignalBool("b", true));
-  manager.storeGlobalCustomSignal(CustomSignalInt("a", 2));
-  EXPECT_EQ(manager.globalCustomSignals(),
-            (CustomSignalList{CustomSignalInt("a", 2), CustomSignalBool("b", true)}));
-  manager.removeGlobalCustomSignals("a");
-  manager.storeGlobalCustomSignal(CustomSignalString("a", "again"));
-  EXPECT_EQ(manager.globalCustomSignals(),
-            (CustomSignalList{CustomSignalBool("b", true), CustomSignalString("a", "again")}));
-}
-
 }  // namespace
 }  // namespace orvane

@@ -120,14 +120,10 @@ TEST(ServerPayloadTest, MissingRequiredKeyAtEachLevelFailsTheWholePayload) {
   const std::string missing = ": missing required key";
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"/updateData/version", "updateData.version" + missing},
-      {"/updateData/modelInfoPerFlow", "updateData.modelInfoPerFlow" + missing},
       {flow + "/isControl", flowPath + "isControl" + missing},
       {flow + "/timingConfiguration/atLeastEvery/unit",
        flowPath + "timingConfiguration.atLeastEvery.unit" + missing},
-      {flow + "/timingConfiguration/atMostOncePer/value",
-       flowPath + "timingConfiguration.atMostOncePer.value" + missing},
       {assignment + "/assignment", assignmentPath + "assignment" + missing},
-      {assignment + "/isDefault", assignmentPath + "isDefault" + missing},
   };
   for (const auto& [pointer, error] : cases) expectFailure(pointer, std::nullopt, error);
   expectFailure("/updateData/version", json(nullptr), "updateData.version: null for required key");
@@ -144,8 +140,6 @@ TEST(ServerPayloadTest, WrongTypesAndOutOfRangeNumbersFail) {
       {"/updateData/version", "3", "updateData.version: expected integer, found string"},
       {"/updateData/version", 1.5, "updateData.version: expected integer, found fractional number"},
       {"/updateData/version", 9223372036854775808ull, "updateData.version: integer out of range"},
-      {"/updateData/modelInfoPerFlow", json::array(),
-       "updateData.modelInfoPerFlow: expected object, found array"},
       {flow + "/isControl", 1,
        "updateData.modelInfoPerFlow.home_screen.isControl: expected boolean, found number"},
       {flow + "/hourlyUpsellThresholds", json::parse("[[0.1], [0.2, true]]"),

@@ -112,10 +112,13 @@ TEST_F(StaticApiTest, StaticSettersReachTheSharedManager) {
   ContextManager::setGlobalCustomSignal("f", 0.5);
   ContextManager::setGlobalCustomSignal("s", "text");
   ContextManager::setGlobalCustomSignal("d", *Decimal::parse("1.25"));
+  ContextManager::setGlobalCustomSignal("f", 2);  // replaced in place
   ContextManager::setGlobalCustomSignal("n", std::optional<std::string>());
+  ContextManager::setGlobalCustomSignal("n", "again");  // removed ids come back at the end
   EXPECT_EQ(shared.globalCustomSignals(),
-            (CustomSignalList{CustomSignalFloat("f", 0.5f), CustomSignalString("s", "text"),
-                              CustomSignalDecimal("d", *Decimal::parse("1.25"))}));
+            (CustomSignalList{CustomSignalInt("f", 2), CustomSignalString("s", "text"),
+                              CustomSignalDecimal("d", *Decimal::parse("1.25")),
+                              CustomSignalString("n", "again")}));
 
   ContextManager::setControlMode(true);
   EXPECT_FALSE(shared.coreMLModelManager().decisionsEnabled());

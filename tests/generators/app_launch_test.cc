@@ -33,15 +33,6 @@ class AppLaunchHistoryTest : public ::testing::Test {
   }
 };
 
-TEST_F(AppLaunchHistoryTest, LaunchesAreCountedAcrossDays) {
-  EXPECT_EQ(generator.incrementAndGetNumberOfAppLaunches(), 1);
-  EXPECT_EQ(generator.incrementAndGetNumberOfAppLaunches(), 2);
-  dates->setStubDate(Date{1.7e9 + 2 * 86400});
-  EXPECT_EQ(generator.incrementAndGetNumberOfAppLaunches(), 3);
-  EXPECT_EQ(defaults->dictionary("app_launches")->size(), 2u);
-  EXPECT_EQ(todaysEntries("app_launches"), 1u);
-}
-
 TEST_F(AppLaunchHistoryTest, WronglyTypedHistoryCountsAsEmpty) {
   store->set("app_launches", "garbage");
   store->set("app_seconds", PlistDictionary{{generator.currentDateFormatted(), "not a list"}});

@@ -7,7 +7,6 @@
 #include "generators/LocaleTiers.h"
 #include "generators/StaticSignalsGenerator.h"
 #include "generators/TimeSignalsGenerator.h"
-#include "orvane/Currency.h"
 #include "testutil/FakePlatform.h"
 
 namespace orvane {
@@ -185,17 +184,6 @@ TEST(LocaleTiersTest, RegionsFallIntoTheirTiersDecidedOnce) {
   device.update([](DeviceFacts& f) { f.locale.regionCode = "DE"; });
   EXPECT_EQ(tiers.currentTier(device), CountryTier::kUnknown);
   EXPECT_EQ(LocaleTiers().currentTier(device), CountryTier::kTier1);
-}
-
-TEST(CurrencyTest, RawValuesAreExactLowerCaseCodes) {
-  for (const auto& [text, currency] : {std::pair{"usd", Currency::kUsd},
-                                       {"aed", Currency::kAed},
-                                       {"zwl", Currency::kZwl},
-                                       {"try", Currency::kTry}}) {
-    EXPECT_EQ(currencyFromRawValue(text), currency);
-    EXPECT_EQ(currencyRawValue(currency), text);
-  }
-  for (const char* bad : {"USD", "usdx", ""}) EXPECT_FALSE(currencyFromRawValue(bad)) << bad;
 }
 
 }  // namespace

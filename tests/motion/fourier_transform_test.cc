@@ -1,10 +1,9 @@
-// The magnitude spectrum against the textbook sum, and the edge cases of its features.
+// The magnitude spectrum against the textbook sum, and its features on degenerate series.
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
-#include <numbers>
 #include <random>
 #include <vector>
 
@@ -16,14 +15,6 @@ namespace orvane::accel_features {
 namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-std::vector<double> sine(size_t n, double hz, double amplitude = 1, double offset = 0) {
-  std::vector<double> x(n);
-  for (size_t i = 0; i < n; ++i) {
-    x[i] = offset + amplitude * std::sin(2 * std::numbers::pi * hz * static_cast<double>(i) / 100);
-  }
-  return x;
-}
 
 TEST(motionSpectrum, MatchesTheDirectTransformAtEveryLengthShape) {
   std::mt19937_64 random(7);
@@ -41,12 +32,11 @@ TEST(motionSpectrum, MatchesTheDirectTransformAtEveryLengthShape) {
   }
 }
 
-TEST(motionSpectrum, DegenerateSeriesAndOverflowingBins) {
+TEST(motionSpectrum, DegenerateSeriesAndTheirFeatures) {
   EXPECT_TRUE(computeFFT(std::vector<double>{}).empty());
   EXPECT_TRUE(computeFFT(std::vector<double>{1, kNaN, 2, 3}).empty());
   EXPECT_TRUE(computeFFT(std::vector<double>{1, std::numeric_limits<double>::infinity()}).empty());
   EXPECT_EQ(computeFFT(std::vector<double>{-2.5}), std::vector<double>{2.5});
-  EXPECT_EQ(computeFFT(std::vector<double>{1, 3}), std::vector<double>{4});
 
   // |X_k| = 2e154·|cos(πk/12)|: the square overflows for the low bins only, which read 0.
   std::vector<double> x(12, 0.0);
@@ -56,32 +46,7 @@ TEST(motionSpectrum, DegenerateSeriesAndOverflowingBins) {
   EXPECT_EQ(spectrum[0], 0);
   EXPECT_EQ(spectrum[3], 0);
   EXPECT_NEAR(spectrum[4], 1e154, 1e140);
-}
 
-TEST(motionSpectrum, SineAndConstantPutTheirEnergyInTheirBin) {
-  const auto spectrum = computeFFT(sine(500, 10));
-  EXPECT_EQ(spectrum.size(), 250u);
-  EXPECT_EQ(findDominantFrequency(spectrum), 10.0);  // bin 50 of 250
-  EXPECT_NEAR(spectrum[50], 250, 1e-9);
-
-  // A constant series puts its energy in bin zero.
-  const auto constant = computeFFT(std::vector<double>(300, 0.7));
-  EXPECT_EQ(findDominantFrequency(constant), 0);
-  EXPECT_EQ(calculateSpectralRolloff(constant), 0);
-  // Other bins are zero up to rounding of the transform.
-  EXPECT_NEAR(calculateSpectralCentroid(constant), 0, 1e-12);
-  EXPECT_NEAR(calculateSpectralEntropy(constant), 0, 1e-12);
-  EXPECT_NEAR(calculateBandEnergies(constant).high, 0, 1e-20);
-  EXPECT_NEAR(calculateBandEnergies(constant).low, 210.0 * 210.0, 1e-9);
-}
-
-TEST(motionSpectrum, TiesGoToTheLowestBinAndRollOffToTheFirstBinReaching85Percent) {
-  const std::vector<double> spectrum = {1, 3, 0, 3, 1, 0, 2, 0};  // energies 1 9 0 9 1 0 4 0
-  EXPECT_EQ(findDominantFrequency(spectrum), 1 * 100.0 / 16);
-  EXPECT_EQ(calculateSpectralRolloff(spectrum), 6);  // running 20 < 20.4 ≤ 24
-}
-
-TEST(motionSpectrum, UnavailableValues) {
   const std::vector<double> empty, silent(10, 0.0);
   for (const auto* spectrum : {&empty, &silent}) {
     EXPECT_EQ(calculateSpectralEntropy(*spectrum), -98.0);

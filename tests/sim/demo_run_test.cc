@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -69,6 +70,15 @@ TEST(DemoRun, TenSecondsReachTheServiceApplyTheUpdateAndWriteTheReport) {
   EXPECT_NE(demo.output.find("models applied    demo-update-1 at"), std::string::npos)
       << demo.output;
   EXPECT_NE(demo.output.find("report: " + report.string()), std::string::npos) << demo.output;
+  // The summary's account of uploaded records agrees with what the service stored as accepted.
+  const size_t records = demo.output.find("records           ");
+  ASSERT_NE(records, std::string::npos) << demo.output;
+  const size_t colon = demo.output.find(": ", records);
+  const int64_t uploaded = std::stoll(demo.output.substr(colon + 2));
+  EXPECT_EQ(uploaded, queryNumber(database,
+                                  "SELECT COUNT(DISTINCT log_id) FROM events JOIN uploads USING "
+                                  "(request_number) WHERE answered BETWEEN 200 AND 202"))
+      << demo.output;
 
   // The service stored outcomes and the contexts logged for golden signals, accepted uploads,
   // and later uploads name the applied update.
@@ -86,6 +96,10 @@ TEST(DemoRun, TenSecondsReachTheServiceApplyTheUpdateAndWriteTheReport) {
     EXPECT_NE(html.find(section), std::string::npos) << section;
   }
   EXPECT_NE(html.find("</html>"), std::string::npos);
+  EXPECT_EQ(std::count(html.begin(), html.end(), '<'), std::count(html.begin(), html.end(), '>'));
+  for (const char* broken : {"=\"nan", "=\"-nan", "=\"inf", "width=\"-", "height=\"-"}) {
+    EXPECT_EQ(html.find(broken), std::string::npos) << broken;
+  }
   fs::remove_all(dir);
 }
 
