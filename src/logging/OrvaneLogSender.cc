@@ -302,8 +302,7 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
   http->send(std::move(request),
              [this, weak, done, answered](const std::optional<HttpResponse>& response,
                                           const std::optional<PlatformError>&) {
-               // Once the guard has given up, a late completion must not touch a sender that may be
-               // gone.
+               // After the guard gave up, a late completion must not touch a gone sender.
                if (answered->exchange(true) || !weak.lock()) return;
                done->set_value(completeUpload(response));
              });

@@ -53,8 +53,9 @@ bool PlistValue::operator==(const PlistValue& other) const {
   if (type() != other.type()) return false;
   if (sharesContentsWith(other)) return true;
   if (const PlistArray* array = asArray()) return *array == *other.asArray();
-  if (const PlistDictionary* dictionary = asDictionary())
+  if (const PlistDictionary* dictionary = asDictionary()) {
     return *dictionary == *other.asDictionary();
+  }
   return storage_ == other.storage_;
 }
 
