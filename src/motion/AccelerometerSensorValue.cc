@@ -36,6 +36,10 @@ float rawSampleComponent(double value) {
     const double highHalfway = (here + std::nextafter(narrowed, HUGE_VALF)) / 2;
     if (value - lowHalfway > kMoved && highHalfway - value > kMoved) return narrowed;
   }
+  return rawSampleComponentThroughText(value);
+}
+
+float rawSampleComponentThroughText(double value) {
   // A finite double has at most 309 integer digits; with sign, point and twelve decimals the
   // text fits comfortably.
   char buffer[352];

@@ -41,5 +41,7 @@ struct AccelerometerSensorValue {
 // back in single precision. Rounding to twelve decimals first can change the float's last bit
 // compared with a plain narrowing, and the record keeps the values its readers expect.
 float rawSampleComponent(double value);
+// The same through the text itself, every time: what rawSampleComponent must always agree with.
+float rawSampleComponentThroughText(double value);
 
 }  // namespace orvane

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -47,18 +46,6 @@ TEST(motionSample, RawRecordHoldsTheTimeAsTextAndRoundedFloatTriples) {
   }
 }
 
-// The record's definition: twelve decimals of text, read back in single precision.
-float throughText(double value) {
-  char buffer[352];
-  auto printed = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 12);
-  float parsed = 0;
-  auto read = std::from_chars(buffer, printed.ptr, parsed, std::chars_format::fixed);
-  if (read.ec == std::errc::result_out_of_range) {
-    return std::copysign(std::numeric_limits<float>::infinity(), static_cast<float>(value));
-  }
-  return parsed;
-}
-
 TEST(motionSample, RawComponentsAgreeWithTheTextRoundTripEverywhere) {
   std::mt19937_64 random(3);
   std::uniform_real_distribution<double> mantissa(-1, 1);
@@ -76,7 +63,7 @@ TEST(motionSample, RawComponentsAgreeWithTheTextRoundTripEverywhere) {
     }
   }
   for (const double v : values) {
-    const float expected = throughText(v);
+    const float expected = rawSampleComponentThroughText(v);
     const float actual = rawSampleComponent(v);
     ASSERT_TRUE(std::memcmp(&expected, &actual, sizeof(float)) == 0)
         << std::hexfloat << v << ": " << actual << " instead of " << expected;
