@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <memory>
 
-#include "orvane/ContextManager.h"
+#include "api/Engine.h"
 
 namespace {
 
@@ -15,7 +15,7 @@ void BM_ManagerCreationToReady(benchmark::State& state) {
   setenv("ORVANE_DATA_DIR", dir.c_str(), 1);
   orvane::Platform platform = orvane::Platform::defaultPlatform();
   for (auto _ : state) {
-    auto manager = std::make_unique<orvane::ContextManager>(platform);
+    auto manager = std::make_unique<orvane::Engine>(platform);
     benchmark::DoNotOptimize(manager->installationUUID());
     state.PauseTiming();  // tearing down is not part of start-up
     manager.reset();

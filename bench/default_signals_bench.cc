@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <memory>
 
+#include "api/Engine.h"
 #include "generators/AppLaunchSignalsGenerator.h"
-#include "orvane/ContextManager.h"
 #include "orvane/platform/Clock.h"
 
 namespace {
@@ -24,7 +24,7 @@ class SteppedClock : public orvane::Clock {
 };
 
 // A year of use: three launches, three sessions and two triggers a day.
-void recordYearOfUse(orvane::ContextManager& manager, SteppedClock& clock) {
+void recordYearOfUse(orvane::Engine& manager, SteppedClock& clock) {
   orvane::AppLaunchSignalsGenerator& history = manager.appLaunchSignalsGenerator();
   for (int day = 0; day < 365; ++day) {
     for (int launch = 0; launch < 3; ++launch) {
@@ -44,7 +44,7 @@ void BM_AllDefaultSignalsWithYearOfHistory(benchmark::State& state) {
   orvane::Platform platform = orvane::Platform::defaultPlatform();
   auto clock = std::make_shared<SteppedClock>();
   platform.clock = clock;
-  orvane::ContextManager manager(platform);
+  orvane::Engine manager(platform);
   recordYearOfUse(manager, *clock);
   size_t count = 0;
   for (auto _ : state) {

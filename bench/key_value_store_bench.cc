@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "platform/linux/SqliteKeyValueStore.h"
 
 namespace orvane {

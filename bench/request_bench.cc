@@ -17,9 +17,9 @@
 #include <thread>
 #include <vector>
 
+#include "api/Engine.h"
 #include "logging/OrvaneLogSender.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 #include "orvane/platform/ApplicationService.h"
 #include "orvane/platform/MotionService.h"
 #include "orvane/platform/Platform.h"
@@ -39,14 +39,14 @@ std::optional<DeviceMotion> gentleMotion(uint64_t i) {
   return motion;
 }
 
-std::unique_ptr<ContextManager> readyManager() {
+std::unique_ptr<Engine> readyManager() {
   const std::string dir = std::filesystem::temp_directory_path() / "orvane-bench-requests";
   std::filesystem::remove_all(dir);
   setenv("ORVANE_DATA_DIR", dir.c_str(), 1);
   Platform platform = Platform::defaultPlatform();
   platform.http = nullptr;  // nothing leaves the machine
   platform.motion = makeReplayMotionService(platform.clock, 100, gentleMotion);
-  auto manager = std::make_unique<ContextManager>(platform, ContextManagerIsSupported::kSupported);
+  auto manager = std::make_unique<Engine>(platform, ContextManagerIsSupported::kSupported);
   manager->setupWith("KEY-0123456789abcdef", {}, std::nullopt, Configuration{});
   // The host reports its app active, as on launch: the sensor samples from then on.
   if (auto host = std::dynamic_pointer_cast<HostApplicationService>(platform.application)) {
@@ -66,7 +66,7 @@ void reportPercentiles(benchmark::State& state, std::vector<double> micros) {
 
 // Lets the creation log reach the store before the next request, as between real requests,
 // so a backlog of writes does not compete with the requests measured.
-void waitUntilLogsStored(ContextManager& manager) {
+void waitUntilLogsStored(Engine& manager) {
   manager.platform().executors->mainQueue()->sync([] {});
   std::promise<void> stored;
   manager.orvaneLogSender().onQueue([&stored] { stored.set_value(); });
@@ -86,7 +86,7 @@ double microsSince(Clock::time_point start) {
 }
 
 void BM_InstantContextWithBufferedMotion(benchmark::State& state) {
-  static std::unique_ptr<ContextManager> manager = readyManager();
+  static std::unique_ptr<Engine> manager = readyManager();
   std::vector<double> micros;
   bool hadMotion = true;
   for (auto _ : state) {
@@ -108,7 +108,7 @@ BENCHMARK(BM_InstantContextWithBufferedMotion)
     ->UseManualTime();
 
 void BM_FetchContextWindowPresent(benchmark::State& state) {
-  static std::unique_ptr<ContextManager> manager = readyManager();
+  static std::unique_ptr<Engine> manager = readyManager();
   std::vector<double> micros;
   for (auto _ : state) {
     std::promise<double> answered;

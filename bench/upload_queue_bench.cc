@@ -8,9 +8,10 @@
 #include <future>
 #include <memory>
 
+#include "api/Engine.h"
+#include "logging/LogDictionaries.h"
 #include "logging/LogEncoder.h"
 #include "logging/OrvaneLogSender.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "orvane/platform/Platform.h"
 #include "util/UserDefaultsProvider.h"
@@ -20,7 +21,7 @@ namespace {
 using namespace orvane;
 
 // A log about the size of a real one: ~420 signals of every kind.
-Log realisticLog(ContextManager& manager, int serial) {
+Log realisticLog(Engine& manager, int serial) {
   SignalList signals;
   for (const SignalEnum id : SignalEnum::allCases()) {
     if (signals.size() == 420) break;
@@ -36,7 +37,7 @@ Log realisticLog(ContextManager& manager, int serial) {
   signals.push_back(SignalString(SignalEnum::id(8), "log-" + std::to_string(serial)));
   const CustomSignalList custom{CustomSignalString("plan", "pro")};
   auto encoded = manager.logEncoder().encodeLog(signals, custom, {});
-  return Log(signals, custom, {}, {}, encoded ? *encoded : Bytes{}, {});
+  return Log(signals, custom, {}, {}, encoded ? *encoded : Bytes{});
 }
 
 void waitForQueue(OrvaneLogSender& sender) {
@@ -50,17 +51,17 @@ struct QueueFixture {
     const std::string dir = std::filesystem::temp_directory_path() / "orvane-bench-upload";
     std::filesystem::remove_all(dir);
     setenv("ORVANE_DATA_DIR", dir.c_str(), 1);
-    manager = std::make_unique<ContextManager>(Platform::defaultPlatform());
+    manager = std::make_unique<Engine>(Platform::defaultPlatform());
     for (int i = 0; i < 100; ++i) logs.push_back(realisticLog(*manager, i));
   }
   void fillQueue(size_t records) {
     PlistArray stored;
-    for (size_t i = 0; i < records; ++i) stored.push_back(logs[i].rawDictionaryWithStaticColumns());
+    for (size_t i = 0; i < records; ++i) stored.push_back(rawDictionaryWithStaticColumns(logs[i]));
     manager->userDefaultsProvider()->set(OrvaneLogSender::kMainQueueKey, std::move(stored));
     // The refill lands on disk before the clock runs again.
     manager->userDefaultsProvider()->synchronize();
   }
-  std::unique_ptr<ContextManager> manager;
+  std::unique_ptr<Engine> manager;
   std::vector<Log> logs;
 };
 

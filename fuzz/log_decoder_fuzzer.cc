@@ -8,6 +8,7 @@
 #include "logging/Compression.h"
 #include "logging/LogDecoder.h"
 #include "orvane/platform/Crypto.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "util/Base64.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

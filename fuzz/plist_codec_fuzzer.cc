@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/PlistCodec.h"
+#include "platform/linux/PlistCodec.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto value = orvane::decodePlistValue(std::span<const uint8_t>(data, size));

@@ -1,7 +1,7 @@
 // File: FeatureValue.cc
-#include "coreml/FeatureValue.h"
+#include "orvane/coreml/FeatureValue.h"
 
-#include "coreml/ModelDescription.h"
+#include "orvane/coreml/ModelDescription.h"
 
 namespace orvane::coreml {
 

@@ -13,11 +13,11 @@
 #include <unordered_map>
 #include <vector>
 
-#include "coreml/FeatureValue.h"
 #include "coreml/Model.h"
-#include "coreml/ModelDescription.h"
-#include "coreml/Result.h"
 #include "coreml/proto/coreml_model.pb.h"
+#include "orvane/coreml/FeatureValue.h"
+#include "orvane/coreml/ModelDescription.h"
+#include "orvane/coreml/Result.h"
 
 namespace orvane::coreml::detail {
 

@@ -4,9 +4,11 @@
 
 #include <string>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-struct ABTestInformation {
+struct ORVANE_API ABTestInformation {
   std::string testName;
   std::string cohortName;
   bool operator==(const ABTestInformation&) const = default;

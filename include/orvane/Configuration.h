@@ -5,11 +5,12 @@
 #include <optional>
 
 #include "orvane/ABTestInformation.h"
+#include "orvane/Export.h"
 #include "orvane/Signal.h"
 
 namespace orvane {
 
-struct Configuration {
+struct ORVANE_API Configuration {
   bool enableTouchBehaviourMonitoring = true;         // reported as signal 801
   bool enableSessionDurationMonitoring = true;        // reported as signal 802
   bool enableScreenshotMonitoring = true;             // reported as signal 803

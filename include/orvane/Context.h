@@ -12,13 +12,14 @@
 #include <string_view>
 
 #include "orvane/CustomSignal.h"
+#include "orvane/Export.h"
 #include "orvane/PlistValue.h"
 #include "orvane/Revenue.h"
 #include "orvane/Signal.h"
 
 namespace orvane {
 
-class ContextManager;
+class Engine;
 class Log;
 class SignalsManager;
 struct CustomModelInfo;
@@ -37,9 +38,9 @@ enum class EventOutcome : int {
 };
 
 // None outside -3...4.
-std::optional<EventOutcome> eventOutcomeFromRawValue(int rawValue);
+ORVANE_API std::optional<EventOutcome> eventOutcomeFromRawValue(int rawValue);
 // "EventOutcome.positive" and the like.
-std::string_view description(EventOutcome outcome);
+ORVANE_API std::string_view description(EventOutcome outcome);
 
 // The kind of a log record (signal 23).
 enum class EventType : int {
@@ -70,7 +71,7 @@ enum class MethodUsed : int {
   kGoldenSignals = 16,
 };
 
-class Context : public std::enable_shared_from_this<Context> {
+class ORVANE_API Context : public std::enable_shared_from_this<Context> {
  public:
   // Outcome numbers only the SDK itself logs.
   static constexpr int kTrackedEventOutcome = -100;
@@ -121,32 +122,34 @@ class Context : public std::enable_shared_from_this<Context> {
                                                 const std::optional<StoreKit1Product>& product,
                                                 EventOutcome outcome) noexcept;
 
-  // ---- For the SDK's own paths -----------------------------------------------------------
-  // Sends a record with any outcome number and event type.
-  void logWithArbitraryOutcome(int outcome, EventType eventType) noexcept;
+  // ---- What the SDK recorded ------------------------------------------------------------
   // A copy of the context's current signals.
   SignalList signals() const;
-  // Adds signals after creation; a repeated id is reported, as at creation.
-  void appendSignals(const SignalList& signals);
   CustomSignalList outcomeMetadata() const;
   // Seconds from creation to the decision.
   double secondsBetweenCreatedAndShouldUpsellChecked() const noexcept { return secondsToDecision_; }
   // -3 unsupported device, -1 no, 1 yes (signal 11).
   int modelResult() const noexcept { return modelResult_; }
+
+ private:
+  friend struct ContextAccess;  // the SDK's own paths (src/api/ContextAccess.h)
+
+  // Sends a record with any outcome number and event type.
+  void logWithArbitraryOutcome(int outcome, EventType eventType) noexcept;
+  // Adds signals after creation; a repeated id is reported, as at creation.
+  void appendSignals(const SignalList& signals);
   const CustomModelInfo& modelInfo() const { return *modelInfo_; }
   // Marks the context as handed out again (signal 27).
   void markReturnedAgain();
-
   // Creates a context and runs its decision: model information from the store, identity
   // signals, timing, the model or control rule, the creation log for the methods that have
   // one. Registers it as the flow's most recent context.
-  static std::shared_ptr<Context> create(ContextManager& manager, SignalList requestSignals,
+  static std::shared_ptr<Context> create(Engine& manager, SignalList requestSignals,
                                          std::string flowName, CustomSignalList customSignals,
                                          MethodUsed methodUsed,
                                          const ExtraModelExecutionInformation& extra);
 
- private:
-  Context(ContextManager& manager, SignalList requestSignals, std::string flowName,
+  Context(Engine& manager, SignalList requestSignals, std::string flowName,
           CustomSignalList customSignals);
   void decide(MethodUsed methodUsed, const ExtraModelExecutionInformation& extra);
   void registerAsRecent();
@@ -162,7 +165,7 @@ class Context : public std::enable_shared_from_this<Context> {
   std::shared_ptr<Log> createLog(int outcome, EventType eventType, bool onlyIfNotLogged,
                                  std::string& failure);
 
-  ContextManager& owner_;
+  Engine& owner_;
   const std::string flowName_;
   const CustomSignalList customSignals_;
   const std::string contextUUID_;

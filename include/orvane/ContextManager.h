@@ -7,9 +7,7 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -17,32 +15,14 @@
 #include "orvane/Context.h"
 #include "orvane/ContextModelInformation.h"
 #include "orvane/CustomSignal.h"
+#include "orvane/Diagnostics.h"
+#include "orvane/Export.h"
 #include "orvane/platform/Platform.h"
 
 namespace orvane {
 
+class Engine;
 class Log;
-class OrvaneLogSender;
-class OrvaneErrorReporting;
-class CoreMLModelManager;
-class Context;
-class FlowTimingSignalsGenerator;
-class GeoIPSignalGenerator;
-class InternetSignalsGenerator;
-class OutputSignalsGenerator;
-class PushSettingsSignalGenerator;
-class ModelExecutor;
-class TimingCoordinator;
-class PeriodicContextEvaluator;
-class AccelerometerSensor;
-class ActivityRecognitionManager;
-class AppLaunchSignalsGenerator;
-class AppLaunchReasonSignalsGenerator;
-class StaticSignalsGenerator;
-class UserDefaultsProvider;
-class DateProvider;
-class LogEncoder;
-class RemoteConfiguration;
 
 // Where finished logs go. The default hands them to the upload queue.
 using LogSender = std::function<void(std::shared_ptr<Log>)>;
@@ -60,7 +40,7 @@ enum class HostPlatform : int {
 
 enum class ContextManagerIsSupported : int { kSupported = 0, kUnsupported = 1 };
 
-class ContextManager {
+class ORVANE_API ContextManager {
  public:
   // ---- Setup -------------------------------------------------------------------------------
   // Call as early after app start as possible. Each returns true.
@@ -156,21 +136,29 @@ class ContextManager {
   // "http://127.0.0.1:8080". Defaults to $ORVANE_SERVICE_URL, else the production service.
   static void setServiceBaseURL(const std::string& baseURL) noexcept;
 
+  // ---- Diagnostics and upload control ----------------------------------------------------
+  // The installation, the models in use and the upload queues; see Diagnostics.h.
+  static Diagnostics diagnostics() noexcept;
+  // Uploads what waits now, without waiting out the back-off after a failure, and waits at
+  // most `timeoutSeconds` for it. True when no outcome record is left waiting. Never call it
+  // from a callback of the SDK's own queues; from the main queue it blocks the main queue.
+  static bool flush(double timeoutSeconds) noexcept;
+
   // ---- The process-wide manager -----------------------------------------------------------
   static ContextManager& shared() noexcept;
   // Chooses the platform `shared()` is created with. False (and nothing changes) once the
   // shared manager exists.
   static bool installDefaultPlatform(Platform platform) noexcept;
 
-  // A manager of its own, for tests and embedding. `imposedSupport` overrides the hardware
-  // check.
+  // A manager of its own, for embedding: it owns its platform's workers and stops them when it
+  // is destroyed. `imposedSupport` overrides the hardware check.
   explicit ContextManager(Platform platform,
                           std::optional<ContextManagerIsSupported> imposedSupport = std::nullopt);
   ~ContextManager();
   ContextManager(const ContextManager&) = delete;
   ContextManager& operator=(const ContextManager&) = delete;
 
-  // ---- Instance operations (the static API forwards to these) ----------------------------
+  // ---- Instance operations: the static API's forms for this manager ----------------------
   bool setupWith(const std::string& licenseKey, LogSender logSender,
                  const std::optional<LaunchOptions>& launchOptions,
                  const Configuration& configuration) noexcept;
@@ -179,159 +167,37 @@ class ContextManager {
   std::string appliedModelGenerationId() noexcept;
   std::optional<ContextModelInformation> modelInformation(const std::string& flowName) noexcept;
   void setServiceBaseURLValue(const std::string& baseURL) noexcept;
-  std::string serviceBaseURL() const;
   void storeGlobalCustomSignal(const CustomSignal& signal) noexcept;
   void removeGlobalCustomSignals(const std::string& id) noexcept;
-  CustomSignalList globalCustomSignals() const;
-  // Hands a finished log to the current log sender.
-  void sendLog(std::shared_ptr<Log> log) noexcept;
 
   void requestFetchContext(const std::string& flowName, int64_t duration,
-                           const CustomSignalList& customSignals, ContextCallback callback,
-                           MethodUsed method) noexcept;
+                           const CustomSignalList& customSignals,
+                           ContextCallback callback) noexcept;
   std::shared_ptr<Context> requestInstantContext(const std::string& flowName, int64_t duration,
-                                                 const CustomSignalList& customSignals,
-                                                 MethodUsed method) noexcept;
+                                                 const CustomSignalList& customSignals) noexcept;
   void requestOptimize(const std::string& flowName, std::optional<int64_t> maxDelay,
                        const CustomSignalList& customSignals, ContextCallback callback) noexcept;
   void requestCalibrate(const std::string& flowName, int64_t maxDelay,
                         const CustomSignalList& customSignals, ContextCallback callback) noexcept;
+  std::shared_ptr<Context> recentContextForFlow(const std::string& flowName) noexcept;
   void cancelContextCallbackFor(const std::string& flowName) noexcept;
   void registerContextObserverFor(const std::string& flowName,
                                   ContextCallback callbackOnFirstGoodMoment) noexcept;
   void unregisterContextObserverFor(const std::string& flowName) noexcept;
-
   void recordTrackedEvent(const std::string& name, const CustomSignalList& customSignals,
-                          MethodUsed method, EventType eventType) noexcept;
+                          EventType eventType) noexcept;
   PlistDictionary collectGoldenSignals(const std::optional<std::string>& trigger,
                                        const std::optional<std::string>& bidID) noexcept;
-  // The signals every request carries after its head and motion signals.
-  SignalList allDefaultSignals();
 
-  // The lifecycle notifications' handlers (they run on the main queue).
-  void handleDidBecomeActiveNotification() noexcept;
-  void handleWillResignActiveNotification() noexcept;
+  Diagnostics currentDiagnostics() noexcept;
+  bool flushUploads(double timeoutSeconds) noexcept;
 
-  // ---- State ---------------------------------------------------------------------------------
-  const Platform& platform() const { return platform_; }
-  Configuration configuration() const;
-  std::optional<std::string> licenseKey() const;
-  // The first 16 UTF-16 code units of the app key; none before setup or for a short key.
-  std::optional<std::string> logEncryptionKey() const;
-  // A handle that expires when this manager is destroyed; logs hold it.
-  std::weak_ptr<ContextManager> weakHandle() const { return selfHandle_; }
-  HostPlatform currentPlatform() const;
-  void setCurrentPlatform(HostPlatform platform);
-  Date initializationDate() const { return initializationDate_; }
-  const std::string& bundleIdentifier() const { return bundleIdentifier_; }
-  ContextManagerIsSupported isSupported() const { return isSupported_; }
-  // Stable per installation while the defaults suite is available.
-  std::string installationUUID();
-  std::string currentSessionId() const;
-  Date currentSessionStarted() const;
-  bool isActive() const;
-  bool isFirstStart() const;
-  int64_t numberOfAppLaunches() const;
-  int64_t numberOfInitialSessionsToAlwaysSendData() const { return 10; }
-
-  // ---- Components -------------------------------------------------------------------------
-  const std::shared_ptr<UserDefaultsProvider>& userDefaultsProvider() const { return defaults_; }
-  const std::shared_ptr<DateProvider>& dateProvider() const { return dateProvider_; }
-  AppLaunchSignalsGenerator& appLaunchSignalsGenerator() { return *appLaunchSignals_; }
-  AppLaunchReasonSignalsGenerator& appLaunchReasonSignalsGenerator() { return *launchReason_; }
-  OrvaneLogSender& orvaneLogSender();
-  LogEncoder& logEncoder();
-  OrvaneErrorReporting& orvaneErrorReporting();
-  CoreMLModelManager& coreMLModelManager();
-  RemoteConfiguration& remoteConfiguration();
-  PeriodicContextEvaluator& periodicContextEvaluator();
-  AccelerometerSensor& accelerometerSensor();
-  // Reads its models from "Orvane.bundle" in the platform's SDK resource directory.
-  ActivityRecognitionManager& activityRecognitionManager();
-  TimingCoordinator& timingCoordinator();
-  ModelExecutor& modelExecutor();
-  GeoIPSignalGenerator& geoIPSignalGenerator();
-  FlowTimingSignalsGenerator& flowTimingSignalsGenerator() { return *flowTimingSignals_; }
-  StaticSignalsGenerator& staticSignalsGenerator();
-  // Made with the manager: its monitors report asynchronously, and a path must be known by
-  // the first request.
-  InternetSignalsGenerator& internetSignalsGenerator() { return *internetSignals_; }
-  OutputSignalsGenerator& outputSignalsGenerator();
-  PushSettingsSignalGenerator& pushSettingsSignalGenerator();
-
-  // ---- Recent contexts -----------------------------------------------------------------------
-  // The flow's most recently created context, marked as handed out again; none if there is
-  // none.
-  std::shared_ptr<Context> recentContextForFlow(const std::string& flowName);
-  // Runs `fn` with the recent-contexts map under its lock. Never call out to host code in it.
-  using RecentContexts = std::map<std::string, std::shared_ptr<Context>>;
-  template <typename Fn>
-  auto withRecentContexts(Fn&& fn) {
-    std::lock_guard<std::mutex> guard(recentContextsMutex_);
-    return std::forward<Fn>(fn)(recentContexts_);
-  }
+  // The services this manager runs on; a bridge drives the host-driven ones through them.
+  const Platform& platform() const noexcept;
 
  private:
-  template <typename T>
-  struct Lazy {
-    std::once_flag once;
-    std::unique_ptr<T> value;
-  };
-
-  void runInitialBootup();
-  void becomeActiveHandling();
-  void triggerBothUploadQueues();
-
-  Platform platform_;
-  // Owns nothing (no-op deleter); only its expiry matters.
-  std::shared_ptr<ContextManager> selfHandle_;
-  std::shared_ptr<UserDefaultsProvider> defaults_;
-  std::shared_ptr<DateProvider> dateProvider_;
-  const Date initializationDate_;
-  const std::string bundleIdentifier_;
-  std::unique_ptr<AppLaunchSignalsGenerator> appLaunchSignals_;
-  std::unique_ptr<AppLaunchReasonSignalsGenerator> launchReason_;
-  std::unique_ptr<FlowTimingSignalsGenerator> flowTimingSignals_;
-  std::unique_ptr<InternetSignalsGenerator> internetSignals_;
-  ContextManagerIsSupported isSupported_;
-  int observerToken_ = 0;
-
-  // Small state shared between the main queue and callers on other threads. Never held
-  // while calling into a component or the host.
-  mutable std::mutex stateMutex_;
-  Configuration configuration_;
-  std::optional<std::string> licenseKey_;
-  std::optional<std::string> logEncryptionKey_;
-  std::string serviceBaseURL_;
-  HostPlatform currentPlatform_ = HostPlatform::kNative;
-  LogSender currentLogSender_;
-  std::optional<std::string> installationUUID_;
-  std::string currentSessionId_;
-  Date currentSessionStarted_;
-  bool isActive_ = false;
-  bool isFirstStart_ = true;
-  int64_t numberOfAppLaunches_ = 0;
-
-  mutable std::mutex globalSignalsMutex_;
-  CustomSignalList globalCustomSignals_;
-
-  Lazy<OrvaneLogSender> logSender_;
-  Lazy<LogEncoder> logEncoder_;
-  Lazy<OrvaneErrorReporting> errorReporting_;
-  Lazy<CoreMLModelManager> modelManager_;
-  Lazy<RemoteConfiguration> remoteConfiguration_;
-  Lazy<PeriodicContextEvaluator> periodicEvaluator_;
-  Lazy<AccelerometerSensor> accelerometerSensor_;
-  Lazy<ActivityRecognitionManager> activityRecognition_;
-  Lazy<TimingCoordinator> timingCoordinator_;
-  Lazy<ModelExecutor> modelExecutor_;
-  Lazy<GeoIPSignalGenerator> geoIPSignals_;
-  Lazy<StaticSignalsGenerator> staticSignals_;
-  Lazy<OutputSignalsGenerator> outputSignals_;
-  Lazy<PushSettingsSignalGenerator> pushSettings_;
-
-  std::mutex recentContextsMutex_;
-  RecentContexts recentContexts_;
+  friend struct ContextManagerAccess;  // the SDK's own tools and tests (src/api/Engine.h)
+  std::unique_ptr<Engine> engine_;
 };
 
 }  // namespace orvane

@@ -6,9 +6,11 @@
 #include <optional>
 #include <string>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-struct ContextModelInformation {
+struct ORVANE_API ContextModelInformation {
   // A control flow decides by chance alone; otherwise a model judges the moment.
   bool isControl = true;
   // The model version, or the control assignment's version; may be empty for a control.

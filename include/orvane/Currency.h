@@ -7,6 +7,8 @@
 #include <optional>
 #include <string_view>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
 // clang-format off
@@ -25,8 +27,8 @@ enum class Currency : uint8_t {
 // clang-format on
 
 // "usd" for Currency::kUsd.
-std::string_view currencyRawValue(Currency currency);
+ORVANE_API std::string_view currencyRawValue(Currency currency);
 // Exact, lower-case match only: "usd" is kUsd, "USD" is none.
-std::optional<Currency> currencyFromRawValue(std::string_view rawValue);
+ORVANE_API std::optional<Currency> currencyFromRawValue(std::string_view rawValue);
 
 }  // namespace orvane

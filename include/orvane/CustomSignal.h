@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "orvane/Decimal.h"
+#include "orvane/Export.h"
 
 namespace orvane {
 
 using CustomSignalValue = std::variant<bool, int64_t, float, Decimal, std::string>;
 
-class CustomSignal {
+class ORVANE_API CustomSignal {
  public:
   const std::string& id() const { return id_; }
   const CustomSignalValue& value() const { return value_; }
@@ -33,19 +34,19 @@ class CustomSignal {
   CustomSignalValue value_;
 };
 
-struct CustomSignalBool : CustomSignal {
+struct ORVANE_API CustomSignalBool : CustomSignal {
   CustomSignalBool(std::string id, bool value) : CustomSignal(std::move(id), value) {}
 };
-struct CustomSignalInt : CustomSignal {
+struct ORVANE_API CustomSignalInt : CustomSignal {
   CustomSignalInt(std::string id, int64_t value) : CustomSignal(std::move(id), value) {}
 };
-struct CustomSignalFloat : CustomSignal {
+struct ORVANE_API CustomSignalFloat : CustomSignal {
   CustomSignalFloat(std::string id, float value) : CustomSignal(std::move(id), value) {}
 };
-struct CustomSignalDecimal : CustomSignal {
+struct ORVANE_API CustomSignalDecimal : CustomSignal {
   CustomSignalDecimal(std::string id, Decimal value) : CustomSignal(std::move(id), value) {}
 };
-struct CustomSignalString : CustomSignal {
+struct ORVANE_API CustomSignalString : CustomSignal {
   CustomSignalString(std::string id, std::string value)
       : CustomSignal(std::move(id), std::move(value)) {}
 };
@@ -54,6 +55,6 @@ using CustomSignalList = std::vector<CustomSignal>;
 
 // Same length and, read as maps from id to value, the same ids with equal values; order
 // does not matter. Lists that repeat an id compare as different unless both repeat it alike.
-bool containSameElements(const CustomSignalList& a, const CustomSignalList& b);
+ORVANE_API bool containSameElements(const CustomSignalList& a, const CustomSignalList& b);
 
 }  // namespace orvane

@@ -10,9 +10,11 @@
 #include <string>
 #include <string_view>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-class Decimal {
+class ORVANE_API Decimal {
  public:
   using Mantissa = unsigned __int128;
   static constexpr int kMaxDigits = 38;

@@ -12,36 +12,30 @@
 #include <string>
 
 #include "orvane/CustomSignal.h"
+#include "orvane/Export.h"
 #include "orvane/PlistValue.h"
 #include "orvane/Signal.h"
 
 namespace orvane {
 
-class ContextManager;
-
-class BaseLog {
+class ORVANE_API BaseLog {
  public:
   virtual ~BaseLog() = default;
 };
 
-class Log : public BaseLog {
+class ORVANE_API Log : public BaseLog {
  public:
+  // A record made outside the SDK (a host testing its own log sender): send() ignores it.
   Log(SignalList signals, CustomSignalList customSignals, CustomSignalList globalSignals,
-      CustomSignalList outcomeMetadata, Bytes encodedData, std::weak_ptr<ContextManager> owner);
+      CustomSignalList outcomeMetadata, Bytes encodedData);
 
   // Queues the record for upload: a creation record (outcome -101) waits in the queue of
   // unlogged contexts; any other record goes to the main queue and clears its context from
   // the unlogged queue. Does nothing once the manager is gone.
   virtual void send() noexcept;
-  // One flat map; for custom, global and outcome entries the first value of a key wins and
-  // each collision is logged. Used by diagnostics.
-  virtual PlistDictionary rawDictionary() const noexcept;
   // "ctx_1" (the SDK version, "0.0.0" when absent), "ctx_400" the number of pieces and
   // "ctx_401"... the base64 of the encoded form in 96-character pieces "<i>_<piece>".
   virtual PlistDictionary dictionary() const noexcept;
-  // The form the upload queues store: built-in columns, plus "ctx_custom_signals" (f_/g_
-  // entries) and "ctx_outcome_metadata" (o_ entries), last value of a key wins.
-  virtual PlistDictionary rawDictionaryWithStaticColumns() const noexcept;
   // Exactly dictionary().
   virtual PlistDictionary dictionaryWithStaticColumns() const noexcept;
   // "c_sdk_param_<i>" = "<i>_<piece>" over 97-character pieces of the base64 form.
@@ -58,13 +52,18 @@ class Log : public BaseLog {
   const CustomSignalList& outcomeMetadata() const { return outcomeMetadata_; }
   const Bytes& encodedData() const { return encodedData_; }
 
+ protected:
+  // The SDK's own records: `owner` is the manager whose upload queues send() uses.
+  Log(SignalList signals, CustomSignalList customSignals, CustomSignalList globalSignals,
+      CustomSignalList outcomeMetadata, Bytes encodedData, std::weak_ptr<void> owner);
+
  private:
   const SignalList signals_;
   const CustomSignalList customSignals_;
   const CustomSignalList globalSignals_;
   const CustomSignalList outcomeMetadata_;
   const Bytes encodedData_;
-  const std::weak_ptr<ContextManager> owner_;
+  const std::weak_ptr<void> owner_;
 };
 
 }  // namespace orvane

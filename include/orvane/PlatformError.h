@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <string>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-struct PlatformError {
+struct ORVANE_API PlatformError {
   std::string domain;  // e.g. "NSURLErrorDomain", "NSPOSIXErrorDomain", "DecodingError"
   int64_t code = 0;
   std::string description;

@@ -13,11 +13,12 @@
 #include <vector>
 
 #include "orvane/Decimal.h"
+#include "orvane/Export.h"
 
 namespace orvane {
 
 // A point in time, seconds since 1970-01-01T00:00:00Z.
-struct Date {
+struct ORVANE_API Date {
   double secondsSince1970 = 0;
   bool operator==(const Date&) const = default;
   auto operator<=>(const Date&) const = default;
@@ -32,7 +33,7 @@ using PlistDictionary = std::map<std::string, PlistValue>;
 // Immutable once made. Arrays and dictionaries are held by shared pointer, so copying a value
 // shares its contents rather than duplicating them: the upload queues copy a hundred large
 // records every time one record is added.
-class PlistValue {
+class ORVANE_API PlistValue {
  public:
   enum class Type {
     kBool,
@@ -108,6 +109,6 @@ class PlistValue {
 };
 
 // A readable rendering for logs and test failure messages.
-std::string describe(const PlistValue& value);
+ORVANE_API std::string describe(const PlistValue& value);
 
 }  // namespace orvane

@@ -14,6 +14,7 @@
 #include "orvane/Currency.h"
 #include "orvane/CustomSignal.h"
 #include "orvane/Decimal.h"
+#include "orvane/Export.h"
 #include "orvane/PlistValue.h"
 
 namespace orvane {
@@ -22,7 +23,7 @@ namespace orvane {
 
 enum class SubscriptionPeriodUnit : int { kDay = 0, kWeek = 1, kMonth = 2, kYear = 3 };
 
-struct SubscriptionPeriod {
+struct ORVANE_API SubscriptionPeriod {
   SubscriptionPeriodUnit unit = SubscriptionPeriodUnit::kMonth;
   int64_t numberOfUnits = 1;  // the newer interface calls it `value`
 };
@@ -30,14 +31,14 @@ struct SubscriptionPeriod {
 enum class DiscountPaymentMode : int { kPayAsYouGo = 0, kPayUpFront = 1, kFreeTrial = 2 };
 
 // An introductory price of the older interface.
-struct StoreKit1ProductDiscount {
+struct ORVANE_API StoreKit1ProductDiscount {
   Decimal price;
   SubscriptionPeriod subscriptionPeriod;
   DiscountPaymentMode paymentMode = DiscountPaymentMode::kPayAsYouGo;
 };
 
 // A product of the older interface.
-struct StoreKit1Product {
+struct ORVANE_API StoreKit1Product {
   Decimal price;
   // Currency code of the price locale; none when the locale has none.
   std::optional<std::string> priceLocaleCurrencyCode;
@@ -56,24 +57,24 @@ enum class StoreKit1TransactionState : int {
 };
 
 // A payment transaction of the older interface.
-struct StoreKit1Transaction {
+struct ORVANE_API StoreKit1Transaction {
   StoreKit1TransactionState transactionState = StoreKit1TransactionState::kPurchasing;
   std::optional<Date> transactionDate;
 };
 
 // An introductory offer of the newer interface. Its payment mode is not reported.
-struct StoreKit2SubscriptionOffer {
+struct ORVANE_API StoreKit2SubscriptionOffer {
   Decimal price;
   SubscriptionPeriod period;
 };
 
-struct StoreKit2SubscriptionInfo {
+struct ORVANE_API StoreKit2SubscriptionInfo {
   SubscriptionPeriod subscriptionPeriod;
   std::optional<StoreKit2SubscriptionOffer> introductoryOffer;
 };
 
 // A product of the newer interface.
-struct StoreKit2Product {
+struct ORVANE_API StoreKit2Product {
   Decimal price;
   // Currency code of the price format style; read on system version 16 and later.
   std::string priceFormatCurrencyCode;
@@ -100,9 +101,9 @@ enum class RevenueSource {
 };
 
 // "ad_impression" and the like: the text a revenue event sends.
-std::string_view revenueSourceText(RevenueSource source);
+ORVANE_API std::string_view revenueSourceText(RevenueSource source);
 
-class RevenueEvent {
+class ORVANE_API RevenueEvent {
  public:
   RevenueEvent(RevenueSource source, Decimal revenue, Currency currency)
       : source_(source), revenue_(revenue), currency_(currency) {}
@@ -130,6 +131,6 @@ enum class PushOutcome : int {
 };
 
 // None outside 0...2.
-std::optional<PushOutcome> pushOutcomeFromRawValue(int rawValue);
+ORVANE_API std::optional<PushOutcome> pushOutcomeFromRawValue(int rawValue);
 
 }  // namespace orvane

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "orvane/Decimal.h"
+#include "orvane/Export.h"
 #include "orvane/SignalEnum.h"
 
 namespace orvane {
@@ -17,7 +18,7 @@ enum class SignalKind { kBool, kInt, kFloat, kDecimal, kString };
 
 using SignalValue = std::variant<bool, int64_t, float, Decimal, std::string>;
 
-class Signal {
+class ORVANE_API Signal {
  public:
   SignalEnum id() const { return id_; }
   const SignalValue& value() const { return value_; }
@@ -36,25 +37,25 @@ class Signal {
   SignalValue value_;
 };
 
-struct SignalBool : Signal {
+struct ORVANE_API SignalBool : Signal {
   SignalBool(SignalEnum id, bool value) : Signal(id, value) {}
 };
-struct SignalInt : Signal {
+struct ORVANE_API SignalInt : Signal {
   SignalInt(SignalEnum id, int64_t value) : Signal(id, value) {}
 };
-struct SignalFloat : Signal {
+struct ORVANE_API SignalFloat : Signal {
   SignalFloat(SignalEnum id, float value) : Signal(id, value) {}
 };
-struct SignalDecimal : Signal {
+struct ORVANE_API SignalDecimal : Signal {
   SignalDecimal(SignalEnum id, Decimal value) : Signal(id, value) {}
 };
-struct SignalString : Signal {
+struct ORVANE_API SignalString : Signal {
   SignalString(SignalEnum id, std::string value) : Signal(id, std::move(value)) {}
 };
 
 using SignalList = std::vector<Signal>;
 
 // The shortest decimal text that reads back to the same float.
-std::string shortestFloatText(float value);
+ORVANE_API std::string shortestFloatText(float value);
 
 }  // namespace orvane

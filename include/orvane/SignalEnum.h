@@ -11,11 +11,13 @@
 #include <optional>
 #include <string>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
 namespace signal_catalogue {
 
-struct IdRange {
+struct ORVANE_API IdRange {
   uint16_t first;
   uint16_t last;
 };
@@ -49,7 +51,7 @@ inline void idIsNotInTheCatalogue() {}
 
 }  // namespace signal_catalogue
 
-class SignalEnum {
+class ORVANE_API SignalEnum {
  public:
   // A catalogue id known at compile time: SignalEnum::id(191). An id outside the catalogue
   // does not compile.

@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "api/Engine.h"
+#include "logging/LogDictionaries.h"
 #include "logging/LogEncoder.h"
 #include "models/CoreMLModelManager.h"
 #include "models/ModelExecutor.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "revenue/StoreKitRevenueTracker.h"
 #include "signals/SignalsManager.h"
@@ -113,7 +114,7 @@ std::string_view description(EventOutcome outcome) {
 
 // ---- Creation -----------------------------------------------------------------------------
 
-Context::Context(ContextManager& manager, SignalList requestSignals, std::string flowName,
+Context::Context(Engine& manager, SignalList requestSignals, std::string flowName,
                  CustomSignalList customSignals)
     : owner_(manager),
       flowName_(std::move(flowName)),
@@ -125,7 +126,7 @@ Context::Context(ContextManager& manager, SignalList requestSignals, std::string
 
 Context::~Context() = default;
 
-std::shared_ptr<Context> Context::create(ContextManager& manager, SignalList requestSignals,
+std::shared_ptr<Context> Context::create(Engine& manager, SignalList requestSignals,
                                          std::string flowName, CustomSignalList customSignals,
                                          MethodUsed methodUsed,
                                          const ExtraModelExecutionInformation& extra) {
@@ -209,17 +210,16 @@ void Context::markReturnedAgain() {
 
 void Context::registerAsRecent() {
   const std::optional<bool> mine = signal21();
-  const bool differentMaxDelay =
-      owner_.withRecentContexts([&](ContextManager::RecentContexts& recent) {
-        bool differs = false;
-        if (auto it = recent.find(flowName_); it != recent.end() && it->second) {
-          it->second->markReturnedAgain();
-          const std::optional<bool> previous = it->second->signal21();
-          differs = previous ? *previous != mine.value_or(false) : mine.value_or(false);
-        }
-        recent[flowName_] = shared_from_this();
-        return differs;
-      });
+  const bool differentMaxDelay = owner_.withRecentContexts([&](Engine::RecentContexts& recent) {
+    bool differs = false;
+    if (auto it = recent.find(flowName_); it != recent.end() && it->second) {
+      it->second->markReturnedAgain();
+      const std::optional<bool> previous = it->second->signal21();
+      differs = previous ? *previous != mine.value_or(false) : mine.value_or(false);
+    }
+    recent[flowName_] = shared_from_this();
+    return differs;
+  });
   if (differentMaxDelay) {
     owner_.platform().log->error(
         "[Orvane] Detected that context for flowname \"" + flowName_ +
@@ -321,8 +321,8 @@ std::shared_ptr<Log> Context::createLog(int outcome, EventType eventType, bool o
     failure = encoded.error().description;
     return nullptr;
   }
-  return std::make_shared<Log>(std::move(signals), customSignals_, globals, std::move(metadata),
-                               std::move(encoded).value(), owner_.weakHandle());
+  return makeEngineLog(std::move(signals), customSignals_, globals, std::move(metadata),
+                       std::move(encoded).value(), owner_.weakHandle());
 }
 
 void Context::appendOutcomeMetadata(const CustomSignalList& metadata) noexcept {

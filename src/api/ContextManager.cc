@@ -1,58 +1,18 @@
+// The public face of the SDK: the static API acts on the process-wide manager, and every
+// instance form forwards to the manager's engine. A request the host makes counts as the
+// host using the SDK (launch history); the engine's own requests do not.
 #include "orvane/ContextManager.h"
 
-#include <cmath>
-#include <cstdlib>
-#include <exception>
+#include <mutex>
 
 #include "api/Absorbing.h"
-#include "api/PeriodicContextEvaluator.h"
-#include "config/RemoteConfiguration.h"
-#include "generators/AppLaunchReasonSignalsGenerator.h"
+#include "api/Engine.h"
 #include "generators/AppLaunchSignalsGenerator.h"
-#include "generators/GeoIPSignalGenerator.h"
-#include "generators/InternetSignalsGenerator.h"
-#include "generators/OutputSignalsGenerator.h"
-#include "generators/PushSettingsSignalGenerator.h"
-#include "generators/StaticSignalsGenerator.h"
-#include "logging/AES.h"
-#include "logging/LogEncoder.h"
-#include "logging/OrvaneErrorReporting.h"
-#include "logging/OrvaneLogSender.h"
-#include "models/CoreMLModelManager.h"
-#include "models/ModelExecutor.h"
-#include "motion/AccelerometerSensor.h"
-#include "motion/ActivityRecognitionManager.h"
-#include "orvane/Context.h"
-#include "orvane/Log.h"
-#include "timing/FlowTimingSignalsGenerator.h"
-#include "timing/TimingCoordinator.h"
-#include "util/DateProvider.h"
-#include "util/UUID.h"
+#include "orvane/Version.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
 namespace {
-
-constexpr const char* kSdkVersion = "5.13.0";
-constexpr const char* kDefaultsSuite = "com.orvane.ads";
-constexpr const char* kInstallationUUIDKey = "orvane_installation_uuid";
-constexpr const char* kDefaultServiceBaseURL = "https://api.orvanepellam.com";
-
-std::string initialServiceBaseURL() {
-  const char* fromEnvironment = std::getenv("ORVANE_SERVICE_URL");
-  return fromEnvironment && *fromEnvironment ? fromEnvironment : kDefaultServiceBaseURL;
-}
-constexpr const char* kLateSetupMessage =
-    "[Orvane] ContextManager.applicationDidFinishLaunchingWithOptions was not called right after "
-    "app start. This can lead to lost events or your custom models not being used. Please make "
-    "sure to call ContextManager.applicationDidFinishLaunchingWithOptions() as early after app "
-    "start as possible.";
-
-template <typename T, typename Make>
-T& lazily(std::once_flag& once, std::unique_ptr<T>& value, Make&& make) {
-  std::call_once(once, [&] { value = make(); });
-  return *value;
-}
 
 std::mutex& installedPlatformMutex() {
   static std::mutex mutex;
@@ -69,58 +29,15 @@ bool& sharedCreated() {
 
 }  // namespace
 
+const char* sdkVersionString() { return ORVANE_VERSION_STRING; }
+
 // ---- Creation -----------------------------------------------------------------------------
 
 ContextManager::ContextManager(Platform platform,
                                std::optional<ContextManagerIsSupported> imposedSupport)
-    : platform_(std::move(platform)),
-      selfHandle_(this, [](ContextManager*) {}),
-      defaults_(std::make_shared<UserDefaultsProvider>(
-          platform_.keyValueStores ? platform_.keyValueStores->openSuite(kDefaultsSuite)
-                                   : nullptr)),
-      dateProvider_(std::make_shared<DefaultDateProvider>(platform_.clock)),
-      initializationDate_(dateProvider_->currentDate()),
-      bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
-      appLaunchSignals_(std::make_unique<AppLaunchSignalsGenerator>(dateProvider_, defaults_,
-                                                                    platform_.calendar)),
-      launchReason_(std::make_unique<AppLaunchReasonSignalsGenerator>()),
-      flowTimingSignals_(std::make_unique<FlowTimingSignalsGenerator>(dateProvider_, defaults_)),
-      internetSignals_(
-          std::make_unique<InternetSignalsGenerator>(platform_.network, *platform_.executors)),
-      serviceBaseURL_(initialServiceBaseURL()),
-      currentLogSender_([](const std::shared_ptr<Log>& log) {
-        if (log) log->send();
-      }),
-      currentSessionId_(makeUUIDString(*platform_.random)),
-      currentSessionStarted_(initializationDate_) {
-  if (imposedSupport) {
-    isSupported_ = *imposedSupport;
-  } else {
-    const bool hasHardware = platform_.motion && platform_.motion->isAccelerometerAvailable() &&
-                             platform_.motion->isGyroAvailable();
-    isSupported_ = hasHardware ? ContextManagerIsSupported::kSupported
-                               : ContextManagerIsSupported::kUnsupported;
-  }
-  runInitialBootup();
-  setCurrentPlatform(HostPlatform::kNative);
-}
+    : engine_(std::make_unique<Engine>(std::move(platform), imposedSupport)) {}
 
-ContextManager::~ContextManager() {
-  selfHandle_.reset();
-  if (observerToken_ != 0 && platform_.application) {
-    platform_.application->removeObserver(observerToken_);
-  }
-}
-
-void ContextManager::runInitialBootup() {
-  if (platform_.application) {
-    observerToken_ =
-        platform_.application->addObserver({[this] { handleDidBecomeActiveNotification(); },
-                                            [this] { handleWillResignActiveNotification(); }});
-  }
-  // The manager is usually created while the app is already starting in the foreground.
-  becomeActiveHandling();
-}
+ContextManager::~ContextManager() = default;
 
 ContextManager& ContextManager::shared() noexcept {
   // Never destroyed: exit-time destructors must not race the SDK's worker threads.
@@ -134,7 +51,7 @@ ContextManager& ContextManager::shared() noexcept {
     // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): without memory there is no SDK
     auto* manager = new ContextManager(chosen ? std::move(*chosen) : Platform::defaultPlatform());
     // Like the platform's defaults store at app termination: what was written reaches disk.
-    std::atexit([] { shared().userDefaultsProvider()->synchronize(); });
+    std::atexit([] { shared().engine_->userDefaultsProvider()->synchronize(); });
     return manager;
   }();
   return *instance;
@@ -147,428 +64,109 @@ bool ContextManager::installDefaultPlatform(Platform platform) noexcept {
   return true;
 }
 
-// ---- Components ---------------------------------------------------------------------------
-
-OrvaneLogSender& ContextManager::orvaneLogSender() {
-  return lazily(logSender_.once, logSender_.value,
-                [this] { return std::make_unique<OrvaneLogSender>(*this); });
-}
-
-OrvaneErrorReporting& ContextManager::orvaneErrorReporting() {
-  return lazily(errorReporting_.once, errorReporting_.value,
-                [this] { return std::make_unique<OrvaneErrorReporting>(*this); });
-}
-
-LogEncoder& ContextManager::logEncoder() {
-  return lazily(logEncoder_.once, logEncoder_.value, [this] {
-    return std::make_unique<LogEncoder>(platform_.crypto, platform_.random, platform_.log,
-                                        [this] { return logEncryptionKey(); });
-  });
-}
-
-RemoteConfiguration& ContextManager::remoteConfiguration() {
-  return lazily(remoteConfiguration_.once, remoteConfiguration_.value, [this] {
-    return std::make_unique<RemoteConfiguration>(
-        defaults_, [this]() -> ErrorReporter& { return orvaneErrorReporting(); },
-        platform_.executors->makeSerialQueue("com.orvane.RemoteConfiguration"));
-  });
-}
-
-CoreMLModelManager& ContextManager::coreMLModelManager() {
-  return lazily(modelManager_.once, modelManager_.value, [this] {
-    CoreMLModelManager::Dependencies deps;
-    deps.defaults = defaults_;
-    deps.fileSystem = platform_.fileSystem;
-    deps.modelRuntime = platform_.modelRuntime;
-    deps.http = platform_.http;
-    deps.crypto = platform_.crypto;
-    deps.dateProvider = dateProvider_;
-    deps.log = platform_.log;
-    deps.updatingQueue = platform_.executors->makeSerialQueue("com.orvane.CoreMLModelManager");
-    deps.errorReporter = [this]() -> ErrorReporter& { return orvaneErrorReporting(); };
-    deps.remoteConfiguration = [this]() -> RemoteConfiguration& { return remoteConfiguration(); };
-    deps.bundleIdentifier = bundleIdentifier_;
-    deps.sdkVersion = kSdkVersion;
-    if (!platform_.bundle.sdkResourceDirectory.empty()) {
-      deps.bundledModelsFolder = platform_.bundle.sdkResourceDirectory + "/Orvane.bundle";
-    }
-    return std::make_unique<CoreMLModelManager>(std::move(deps));
-  });
-}
-
-TimingCoordinator& ContextManager::timingCoordinator() {
-  return lazily(timingCoordinator_.once, timingCoordinator_.value, [this] {
-    return std::make_unique<TimingCoordinator>(
-        defaults_, dateProvider_, platform_.random,
-        [this]() -> ErrorReporter& { return orvaneErrorReporting(); });
-  });
-}
-
-ModelExecutor& ContextManager::modelExecutor() {
-  return lazily(modelExecutor_.once, modelExecutor_.value, [this] {
-    return std::make_unique<ModelExecutor>(ModelExecutor::Dependencies{
-        platform_.random, platform_.calendar, dateProvider_, platform_.log,
-        [this]() -> ErrorReporter& { return orvaneErrorReporting(); }});
-  });
-}
-
-GeoIPSignalGenerator& ContextManager::geoIPSignalGenerator() {
-  return lazily(geoIPSignals_.once, geoIPSignals_.value, [this] {
-    return std::make_unique<GeoIPSignalGenerator>(
-        defaults_, dateProvider_, [this]() -> ErrorReporter& { return orvaneErrorReporting(); });
-  });
-}
-
-StaticSignalsGenerator& ContextManager::staticSignalsGenerator() {
-  return lazily(staticSignals_.once, staticSignals_.value, [this] {
-    StaticSignalsGenerator::Dependencies deps;
-    deps.device = platform_.device;
-    deps.calendar = platform_.calendar;
-    deps.dateProvider = dateProvider_;
-    deps.bundle = platform_.bundle;
-    deps.bundleIdentifier = bundleIdentifier_;
-    deps.sdkVersion = kSdkVersion;
-    deps.isSupported = isSupported_;
-    deps.currentPlatform = [this] { return currentPlatform(); };
-    return std::make_unique<StaticSignalsGenerator>(std::move(deps));
-  });
-}
-
-OutputSignalsGenerator& ContextManager::outputSignalsGenerator() {
-  return lazily(outputSignals_.once, outputSignals_.value, [this] {
-    OutputSignalsGenerator::Dependencies deps;
-    deps.device = platform_.device;
-    deps.application = platform_.application;
-    deps.mainQueue = platform_.executors->mainQueue();
-    deps.sessionSeconds = [this]() -> std::optional<double> {
-      if (!configuration().enableSessionDurationMonitoring) return std::nullopt;
-      return dateProvider_->currentDate().secondsSince1970 -
-             currentSessionStarted().secondsSince1970;
-    };
-    return std::make_unique<OutputSignalsGenerator>(std::move(deps));
-  });
-}
-
-PushSettingsSignalGenerator& ContextManager::pushSettingsSignalGenerator() {
-  return lazily(pushSettings_.once, pushSettings_.value, [this] {
-    return std::make_unique<PushSettingsSignalGenerator>(platform_.notifications);
-  });
-}
-
-std::shared_ptr<Context> ContextManager::recentContextForFlow(const std::string& flowName) {
-  auto context = withRecentContexts([&](RecentContexts& recent) -> std::shared_ptr<Context> {
-    auto it = recent.find(flowName);
-    if (it == recent.end() || !it->second) return nullptr;
-    it->second->markReturnedAgain();
-    return it->second;
-  });
-  return context;
-}
-
-PeriodicContextEvaluator& ContextManager::periodicContextEvaluator() {
-  return lazily(periodicEvaluator_.once, periodicEvaluator_.value,
-                [this] { return std::make_unique<PeriodicContextEvaluator>(*this); });
-}
-
-AccelerometerSensor& ContextManager::accelerometerSensor() {
-  return lazily(accelerometerSensor_.once, accelerometerSensor_.value, [this] {
-    AccelerometerSensor::Environment environment;
-    environment.motion = platform_.motion;
-    environment.executors = platform_.executors;
-    environment.clock = platform_.clock;
-    environment.dateProvider = dateProvider_;
-    environment.log = platform_.log;
-    // Called only while the sensor exists; its queued work checks that before calling.
-    environment.errorReporting = [this]() -> ErrorReporter& { return orvaneErrorReporting(); };
-    environment.additionalAccelDataDuration = [this] {
-      return remoteConfiguration().getConfiguration().additionalAccelDataDurationSeconds;
-    };
-    return std::make_unique<AccelerometerSensor>(std::move(environment),
-                                                 configuration().enableInstantContext);
-  });
-}
-
-ActivityRecognitionManager& ContextManager::activityRecognitionManager() {
-  return lazily(activityRecognition_.once, activityRecognition_.value, [this] {
-    ActivityRecognitionManager::Dependencies deps;
-    deps.configuration = [this] { return remoteConfiguration().getConfiguration(); };
-    deps.errorReporter = [this]() -> ErrorReporter& { return orvaneErrorReporting(); };
-    deps.modelRuntime = platform_.modelRuntime;
-    deps.fileSystem = platform_.fileSystem;
-    deps.resourceDirectory = platform_.bundle.sdkResourceDirectory;
-    return std::make_unique<ActivityRecognitionManager>(std::move(deps));
-  });
-}
-
-// ---- Setup --------------------------------------------------------------------------------
+// ---- Instance forms -----------------------------------------------------------------------
 
 bool ContextManager::setupWith(const std::string& licenseKey, LogSender logSender,
                                const std::optional<LaunchOptions>& launchOptions,
                                const Configuration& configuration) noexcept {
-  absorbing(platform_, "setup", [&] {
-    const double sinceStart =
-        dateProvider_->currentDate().secondsSince1970 - initializationDate_.secondsSince1970;
-    const HostPlatform host = currentPlatform();
-    const bool slowStartingHost = host == HostPlatform::kManagedRuntime ||
-                                  host == HostPlatform::kScriptBridge ||
-                                  host == HostPlatform::kCompiledBridge;
-    if (sinceStart >= (slowStartingHost ? 30.0 : 5.0)) platform_.log->error(kLateSetupMessage);
-
-    {
-      std::lock_guard<std::mutex> guard(stateMutex_);
-      configuration_ = configuration;
-      licenseKey_ = licenseKey;
-      logEncryptionKey_ = deriveLogEncryptionKey(licenseKey);
-      if (logSender) currentLogSender_ = std::move(logSender);
-    }
-    launchReason_->setLaunchReason(LaunchReasonHelper::determineLaunchReason(launchOptions));
-    accelerometerSensor().setAlwaysRunInForeground(configuration.enableInstantContext);
-    triggerBothUploadQueues();
-  });
-  return true;
+  return engine_->setupWith(licenseKey, std::move(logSender), launchOptions, configuration);
 }
-
-void ContextManager::triggerBothUploadQueues() {
-  orvaneLogSender().triggerUpload(UploadQueueKind::kUnloggedContexts, false);
-  orvaneLogSender().triggerUpload(UploadQueueKind::kMain, true);
-}
-
 void ContextManager::replaceLogSender(LogSender sender) noexcept {
-  absorbing(platform_, "setLogSender", [&] {
-    std::lock_guard<std::mutex> guard(stateMutex_);
-    currentLogSender_ = std::move(sender);
-  });
+  engine_->replaceLogSender(std::move(sender));
 }
-
-void ContextManager::sendLog(std::shared_ptr<Log> log) noexcept {
-  absorbing(platform_, "sendLog", [&] {
-    // The sender is host code: it always runs on the main queue, and the one current when it
-    // runs is used.
-    auto deliver = [this, log = std::move(log)] {
-      absorbing(platform_, "sendLog", [&] {
-        LogSender sender;
-        {
-          std::lock_guard<std::mutex> guard(stateMutex_);
-          sender = currentLogSender_;
-        }
-        if (sender) sender(log);
-      });
-    };
-    auto main = platform_.executors ? platform_.executors->mainQueue() : nullptr;
-    if (!main || main->isCurrent()) {
-      deliver();
-    } else {
-      std::weak_ptr<ContextManager> alive = selfHandle_;
-      main->async([alive, deliver = std::move(deliver)] {
-        if (alive.lock()) deliver();
-      });
-    }
-  });
-}
-
 void ContextManager::setDecisionsSwitch(bool enabled) noexcept {
-  absorbing(platform_, "setDecisionsEnabled",
-            [&] { coreMLModelManager().setDecisionsEnabled(enabled); });
+  engine_->setDecisionsSwitch(enabled);
 }
-
 std::string ContextManager::appliedModelGenerationId() noexcept {
-  std::string id = "calibration";
-  absorbing(platform_, "currentAppliedCustomModelVersion",
-            [&] { id = coreMLModelManager().getCurrentAppliedGenerationId(); });
-  return id;
+  return engine_->appliedModelGenerationId();
 }
-
 std::optional<ContextModelInformation> ContextManager::modelInformation(
     const std::string& flowName) noexcept {
-  std::optional<ContextModelInformation> view;
-  absorbing(platform_, "getCustomModel", [&] {
-    const CustomModelInfo info = coreMLModelManager().getModelInfoForFlow(flowName);
-    if (!info.executionInformation) return;
-    view = ContextModelInformation{info.isControl,
-                                   info.modelVersion,
-                                   info.supportedDuration,
-                                   info.useInstantContext,
-                                   info.executionInformation->randomUpsellChance(),
-                                   std::nullopt};
-    if (const auto* model =
-            dynamic_cast<const CoreMLModelExecutionInformation*>(info.executionInformation.get())) {
-      view->upsellThreshold = model->modelThresholds().upsellThreshold;
-    }
-  });
-  return view;
-}
-
-// ---- Lifecycle ----------------------------------------------------------------------------
-
-void ContextManager::becomeActiveHandling() {
-  {
-    std::lock_guard<std::mutex> guard(stateMutex_);
-    if (isActive_) return;
-    isActive_ = true;
-    currentSessionStarted_ = dateProvider_->currentDate();
-    currentSessionId_ = makeUUIDString(*platform_.random);
-  }
-  launchReason_->appDidBecomeActive();
-  pushSettingsSignalGenerator().refreshPushSettings();
-  {
-    AccelerometerSensor& sensor = accelerometerSensor();
-    std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
-    sensor.setAppInForeground(true);
-    sensor.maybeStartAccelerometer();
-  }
-  const int64_t launches = appLaunchSignals_->incrementAndGetNumberOfAppLaunches();
-  appLaunchSignals_->updateLastAppWillResignDate();
-  {
-    std::lock_guard<std::mutex> guard(stateMutex_);
-    numberOfAppLaunches_ = launches;
-  }
-  orvaneLogSender().triggerUpload(UploadQueueKind::kMain, false);
-  periodicContextEvaluator().appDidBecomeActive();
-}
-
-void ContextManager::handleDidBecomeActiveNotification() noexcept {
-  absorbing(platform_, "didBecomeActive", [&] {
-    becomeActiveHandling();
-    bool firstStart = false;
-    {
-      std::lock_guard<std::mutex> guard(stateMutex_);
-      firstStart = isFirstStart_;
-      isFirstStart_ = false;
-    }
-    if (firstStart) triggerBothUploadQueues();
-  });
-}
-
-void ContextManager::handleWillResignActiveNotification() noexcept {
-  absorbing(platform_, "willResignActive", [&] {
-    {
-      std::lock_guard<std::mutex> guard(stateMutex_);
-      if (!isActive_) return;
-      isActive_ = false;
-    }
-    appLaunchSignals_->updateLastAppWillResignDate();
-    const Date now = dateProvider_->currentDate();
-    launchReason_->setLastResignDate(now);
-    periodicContextEvaluator().appWillResign();
-    {
-      AccelerometerSensor& sensor = accelerometerSensor();
-      std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
-      sensor.setAppInForeground(false);
-      sensor.maybeStopAccelerometer();
-    }
-    double sessionSeconds = 0;
-    {
-      std::lock_guard<std::mutex> guard(stateMutex_);
-      // A new id at once: background work must not be attributed to the finished session.
-      currentSessionId_ = makeUUIDString(*platform_.random);
-      sessionSeconds = now.secondsSince1970 - currentSessionStarted_.secondsSince1970;
-    }
-    appLaunchSignals_->storeNewSessionDuration(static_cast<int64_t>(std::llround(sessionSeconds)));
-  });
-}
-
-// ---- Identity and state -------------------------------------------------------------------
-
-std::string ContextManager::installationUUID() {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  if (installationUUID_) return *installationUUID_;
-  if (defaults_->isAvailable()) {
-    if (auto stored = defaults_->string(kInstallationUUIDKey)) {
-      installationUUID_ = *stored;
-    } else {
-      installationUUID_ = makeUUIDString(*platform_.random);
-      defaults_->set(kInstallationUUIDKey, *installationUUID_);
-      defaults_->synchronize();  // the identity must survive a crash right after it is made
-    }
-  } else {
-    platform_.log->error("[Orvane] Failed to get Installation UUID");
-    installationUUID_ = makeUUIDString(*platform_.random);
-  }
-  return *installationUUID_;
-}
-
-Configuration ContextManager::configuration() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return configuration_;
-}
-std::optional<std::string> ContextManager::licenseKey() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return licenseKey_;
+  return engine_->modelInformation(flowName);
 }
 void ContextManager::setServiceBaseURLValue(const std::string& baseURL) noexcept {
-  absorbing(platform_, "setServiceBaseURL", [&] {
-    std::string trimmed = baseURL;
-    while (!trimmed.empty() && trimmed.back() == '/') trimmed.pop_back();
-    std::lock_guard<std::mutex> guard(stateMutex_);
-    serviceBaseURL_ = trimmed;
-  });
+  engine_->setServiceBaseURLValue(baseURL);
 }
-std::string ContextManager::serviceBaseURL() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return serviceBaseURL_;
-}
-void ContextManager::setServiceBaseURL(const std::string& baseURL) noexcept {
-  shared().setServiceBaseURLValue(baseURL);
-}
-
-std::optional<std::string> ContextManager::logEncryptionKey() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return logEncryptionKey_;
-}
-HostPlatform ContextManager::currentPlatform() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return currentPlatform_;
-}
-void ContextManager::setCurrentPlatform(HostPlatform platform) {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  currentPlatform_ = platform;
-}
-std::string ContextManager::currentSessionId() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return currentSessionId_;
-}
-Date ContextManager::currentSessionStarted() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return currentSessionStarted_;
-}
-bool ContextManager::isActive() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return isActive_;
-}
-bool ContextManager::isFirstStart() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return isFirstStart_;
-}
-int64_t ContextManager::numberOfAppLaunches() const {
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  return numberOfAppLaunches_;
-}
-
-// ---- Global custom signals ----------------------------------------------------------------
-
 void ContextManager::storeGlobalCustomSignal(const CustomSignal& signal) noexcept {
-  absorbing(platform_, "setGlobalCustomSignal", [&] {
-    std::lock_guard<std::mutex> guard(globalSignalsMutex_);
-    for (auto& existing : globalCustomSignals_) {
-      if (existing.id() == signal.id()) {
-        existing = signal;
-        return;
-      }
-    }
-    globalCustomSignals_.push_back(signal);
-  });
+  engine_->storeGlobalCustomSignal(signal);
 }
-
 void ContextManager::removeGlobalCustomSignals(const std::string& id) noexcept {
-  absorbing(platform_, "setGlobalCustomSignal", [&] {
-    std::lock_guard<std::mutex> guard(globalSignalsMutex_);
-    std::erase_if(globalCustomSignals_, [&](const CustomSignal& s) { return s.id() == id; });
-  });
+  engine_->removeGlobalCustomSignals(id);
 }
 
-CustomSignalList ContextManager::globalCustomSignals() const {
-  std::lock_guard<std::mutex> guard(globalSignalsMutex_);
-  return globalCustomSignals_;
+void ContextManager::requestFetchContext(const std::string& flowName, int64_t duration,
+                                         const CustomSignalList& customSignals,
+                                         ContextCallback callback) noexcept {
+  absorbing(engine_->platform(), "fetchContext",
+            [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
+  engine_->requestFetchContext(flowName, duration, customSignals, std::move(callback),
+                               MethodUsed::kFetchContext);
+}
+std::shared_ptr<Context> ContextManager::requestInstantContext(
+    const std::string& flowName, int64_t duration, const CustomSignalList& customSignals) noexcept {
+  absorbing(engine_->platform(), "instantContext",
+            [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
+  return engine_->requestInstantContext(flowName, duration, customSignals,
+                                        MethodUsed::kInstantContext);
+}
+void ContextManager::requestOptimize(const std::string& flowName, std::optional<int64_t> maxDelay,
+                                     const CustomSignalList& customSignals,
+                                     ContextCallback callback) noexcept {
+  absorbing(engine_->platform(), "optimize",
+            [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
+  engine_->requestOptimize(flowName, maxDelay, customSignals, std::move(callback));
+}
+void ContextManager::requestCalibrate(const std::string& flowName, int64_t maxDelay,
+                                      const CustomSignalList& customSignals,
+                                      ContextCallback callback) noexcept {
+  absorbing(engine_->platform(), "calibrate",
+            [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
+  engine_->requestCalibrate(flowName, maxDelay, customSignals, std::move(callback));
+}
+std::shared_ptr<Context> ContextManager::recentContextForFlow(
+    const std::string& flowName) noexcept {
+  std::shared_ptr<Context> context;
+  absorbing(engine_->platform(), "recentContext",
+            [&] { context = engine_->recentContextForFlow(flowName); });
+  return context;
+}
+void ContextManager::cancelContextCallbackFor(const std::string& flowName) noexcept {
+  engine_->cancelContextCallbackFor(flowName);
+}
+void ContextManager::registerContextObserverFor(
+    const std::string& flowName, ContextCallback callbackOnFirstGoodMoment) noexcept {
+  engine_->registerContextObserverFor(flowName, std::move(callbackOnFirstGoodMoment));
+}
+void ContextManager::unregisterContextObserverFor(const std::string& flowName) noexcept {
+  engine_->unregisterContextObserverFor(flowName);
+}
+void ContextManager::recordTrackedEvent(const std::string& name,
+                                        const CustomSignalList& customSignals,
+                                        EventType eventType) noexcept {
+  MethodUsed method = MethodUsed::kTrackEvent;
+  if (eventType == EventType::kPageView) method = MethodUsed::kTrackPageView;
+  if (eventType == EventType::kUserAction) method = MethodUsed::kTrackUserAction;
+  engine_->recordTrackedEvent(name, customSignals, method, eventType);
+}
+PlistDictionary ContextManager::collectGoldenSignals(
+    const std::optional<std::string>& trigger, const std::optional<std::string>& bidID) noexcept {
+  absorbing(engine_->platform(), "goldenSignals",
+            [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
+  return engine_->collectGoldenSignals(trigger, bidID);
+}
+
+const Platform& ContextManager::platform() const noexcept { return engine_->platform(); }
+
+Diagnostics ContextManager::currentDiagnostics() noexcept {
+  Diagnostics diagnostics;
+  absorbing(engine_->platform(), "diagnostics", [&] { diagnostics = engine_->diagnostics(); });
+  return diagnostics;
+}
+
+bool ContextManager::flushUploads(double timeoutSeconds) noexcept {
+  bool emptied = false;
+  absorbing(engine_->platform(), "flush", [&] { emptied = engine_->flush(timeoutSeconds); });
+  return emptied;
 }
 
 // ---- Static API ---------------------------------------------------------------------------
@@ -596,7 +194,7 @@ bool ContextManager::applicationDidFinishLaunchingWithOptions(
 void ContextManager::setLogSender(LogSender closure) noexcept {
   shared().replaceLogSender(std::move(closure));
 }
-std::string ContextManager::sdkVersion() noexcept { return kSdkVersion; }
+std::string ContextManager::sdkVersion() noexcept { return sdkVersionString(); }
 void ContextManager::setDecisionsEnabled(bool enabled) noexcept {
   shared().setDecisionsSwitch(enabled);
 }
@@ -609,6 +207,62 @@ std::string ContextManager::currentAppliedCustomModelVersion() noexcept {
 std::optional<ContextModelInformation> ContextManager::getCustomModel(
     const std::string& flowName) noexcept {
   return shared().modelInformation(flowName);
+}
+Diagnostics ContextManager::diagnostics() noexcept { return shared().currentDiagnostics(); }
+bool ContextManager::flush(double timeoutSeconds) noexcept {
+  return shared().flushUploads(timeoutSeconds);
+}
+void ContextManager::setServiceBaseURL(const std::string& baseURL) noexcept {
+  shared().setServiceBaseURLValue(baseURL);
+}
+
+void ContextManager::fetchContext(const std::string& flowName, int64_t duration,
+                                  const CustomSignalList& customSignals,
+                                  ContextCallback callback) noexcept {
+  shared().requestFetchContext(flowName, duration, customSignals, std::move(callback));
+}
+std::shared_ptr<Context> ContextManager::instantContext(
+    const std::string& flowName, int64_t duration, const CustomSignalList& customSignals) noexcept {
+  return shared().requestInstantContext(flowName, duration, customSignals);
+}
+void ContextManager::optimize(const std::string& flowName, std::optional<int64_t> maxDelay,
+                              const CustomSignalList& customSignals,
+                              ContextCallback callback) noexcept {
+  shared().requestOptimize(flowName, maxDelay, customSignals, std::move(callback));
+}
+void ContextManager::calibrate(const std::string& flowName, int64_t maxDelay,
+                               const CustomSignalList& customSignals,
+                               ContextCallback callback) noexcept {
+  shared().requestCalibrate(flowName, maxDelay, customSignals, std::move(callback));
+}
+std::shared_ptr<Context> ContextManager::recentContext(const std::string& flowName) noexcept {
+  return shared().recentContextForFlow(flowName);
+}
+void ContextManager::cancelContextCallback(const std::string& flowName) noexcept {
+  shared().cancelContextCallbackFor(flowName);
+}
+void ContextManager::registerContextObserver(const std::string& flowName,
+                                             ContextCallback callbackOnFirstGoodMoment) noexcept {
+  shared().registerContextObserverFor(flowName, std::move(callbackOnFirstGoodMoment));
+}
+void ContextManager::unregisterContextObserver(const std::string& flowName) noexcept {
+  shared().unregisterContextObserverFor(flowName);
+}
+void ContextManager::trackEvent(const std::string& name,
+                                const CustomSignalList& customSignals) noexcept {
+  shared().recordTrackedEvent(name, customSignals, EventType::kTrackedEvent);
+}
+void ContextManager::trackPageView(const std::string& name,
+                                   const CustomSignalList& customSignals) noexcept {
+  shared().recordTrackedEvent(name, customSignals, EventType::kPageView);
+}
+void ContextManager::trackUserAction(const std::string& name,
+                                     const CustomSignalList& customSignals) noexcept {
+  shared().recordTrackedEvent(name, customSignals, EventType::kUserAction);
+}
+PlistDictionary ContextManager::goldenSignals(const std::optional<std::string>& trigger,
+                                              const std::optional<std::string>& bidID) noexcept {
+  return shared().collectGoldenSignals(trigger, bidID);
 }
 
 void ContextManager::setGlobalCustomSignal(const std::string& id, bool value) noexcept {

@@ -4,6 +4,8 @@
 #include <cstdio>
 
 #include "api/Absorbing.h"
+#include "api/ContextAccess.h"
+#include "api/Engine.h"
 #include "config/RemoteConfiguration.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
@@ -17,7 +19,6 @@
 #include "models/ModelExecutionInformation.h"
 #include "motion/AccelerometerSensor.h"
 #include "motion/PendingFetchContextCall.h"
-#include "orvane/ContextManager.h"
 #include "util/DateProvider.h"
 
 namespace orvane {
@@ -52,7 +53,7 @@ void applyFlowNameRule(const std::string& flowName, SystemLog& log) {
 }
 
 // Whether this request also records the raw motion samples.
-bool sampleAdditionalRecord(ContextManager& manager) {
+bool sampleAdditionalRecord(Engine& manager) {
   const float rate = manager.remoteConfiguration().getConfiguration().additionalAccelDataSampleRate;
   if (rate <= 0) return false;
   if (rate >= 1) return true;
@@ -60,7 +61,7 @@ bool sampleAdditionalRecord(ContextManager& manager) {
   return static_cast<double>(draw) * 0x1p-24 <= static_cast<double>(rate);
 }
 
-void onMain(ContextManager& manager, Task task) {
+void onMain(Engine& manager, Task task) {
   auto main = manager.platform().executors->mainQueue();
   if (main->isCurrent()) {
     task();
@@ -71,7 +72,7 @@ void onMain(ContextManager& manager, Task task) {
 
 }  // namespace
 
-SignalList ContextManager::allDefaultSignals() {
+SignalList Engine::allDefaultSignals() {
   appLaunchSignals_->updateLastAppWillResignDate();
   SignalList signals;
   signals.reserve(160);
@@ -95,9 +96,9 @@ SignalList ContextManager::allDefaultSignals() {
 
 // ---- The forms ----------------------------------------------------------------------------
 
-void ContextManager::requestFetchContext(const std::string& flowName, int64_t duration,
-                                         const CustomSignalList& customSignals,
-                                         ContextCallback callback, MethodUsed method) noexcept {
+void Engine::requestFetchContext(const std::string& flowName, int64_t duration,
+                                 const CustomSignalList& customSignals, ContextCallback callback,
+                                 MethodUsed method) noexcept {
   absorbing(platform_, "fetchContext", [&] {
     applyFlowNameRule(flowName, *platform_.log);
     AccelerometerSensor& sensor = accelerometerSensor();
@@ -116,7 +117,7 @@ void ContextManager::requestFetchContext(const std::string& flowName, int64_t du
         sensor.removeOpenRequest();
         sensor.maybeStopAccelerometer();
       }
-      auto context = Context::create(*this, *signals, flowName, customSignals, method, {});
+      auto context = ContextAccess::create(*this, *signals, flowName, customSignals, method, {});
       if (callback) callback(context);
     };
     SignalList motion = sensor.allSignals(duration, logAdditional);
@@ -139,9 +140,10 @@ void ContextManager::requestFetchContext(const std::string& flowName, int64_t du
   });
 }
 
-std::shared_ptr<Context> ContextManager::requestInstantContext(
-    const std::string& flowName, int64_t duration, const CustomSignalList& customSignals,
-    MethodUsed method) noexcept {
+std::shared_ptr<Context> Engine::requestInstantContext(const std::string& flowName,
+                                                       int64_t duration,
+                                                       const CustomSignalList& customSignals,
+                                                       MethodUsed method) noexcept {
   std::shared_ptr<Context> context;
   absorbing(platform_, "instantContext", [&] {
     applyFlowNameRule(flowName, *platform_.log);
@@ -154,14 +156,14 @@ std::shared_ptr<Context> ContextManager::requestInstantContext(
       const bool logAdditional = method != MethodUsed::kFurther10 && sampleAdditionalRecord(*this);
       appendAll(signals, accelerometerSensor().allSignals(duration, logAdditional));
     }
-    context = Context::create(*this, std::move(signals), flowName, customSignals, method, {});
+    context = ContextAccess::create(*this, std::move(signals), flowName, customSignals, method, {});
   });
   return context;
 }
 
-void ContextManager::requestOptimize(const std::string& flowName, std::optional<int64_t> maxDelay,
-                                     const CustomSignalList& customSignals,
-                                     ContextCallback callback) noexcept {
+void Engine::requestOptimize(const std::string& flowName, std::optional<int64_t> maxDelay,
+                             const CustomSignalList& customSignals,
+                             ContextCallback callback) noexcept {
   absorbing(platform_, "optimize", [&] {
     const CustomModelInfo info = coreMLModelManager().getModelInfoForFlow(flowName);
     const bool hasModel =
@@ -182,7 +184,8 @@ void ContextManager::requestOptimize(const std::string& flowName, std::optional<
     // The flow's own model decides: a "no" is logged at once, before the host sees it.
     ContextCallback answer = [callback](std::shared_ptr<Context> context) {
       if (context && !context->shouldUpsell()) {
-        context->logWithArbitraryOutcome(Context::kAutomaticNegativeOutcome, EventType::kOutcome);
+        ContextAccess::logWithArbitraryOutcome(*context, Context::kAutomaticNegativeOutcome,
+                                               EventType::kOutcome);
       }
       if (callback) callback(context);
     };
@@ -208,12 +211,12 @@ void ContextManager::requestOptimize(const std::string& flowName, std::optional<
   });
 }
 
-void ContextManager::requestCalibrate(const std::string& flowName, int64_t maxDelay,
-                                      const CustomSignalList& customSignals,
-                                      ContextCallback callback) noexcept {
+void Engine::requestCalibrate(const std::string& flowName, int64_t maxDelay,
+                              const CustomSignalList& customSignals,
+                              ContextCallback callback) noexcept {
   absorbing(platform_, "calibrate", [&] {
     ContextCallback answer = [this, callback](std::shared_ptr<Context> context) {
-      if (context && context->modelInfo().executionInformation) {
+      if (context && ContextAccess::modelInfo(*context).executionInformation) {
         platform_.log->error(
             "[Orvane] You're using the `calibrate` method for a flow for which you already have a "
             "custom model for. To act on the recommendations of your custom model, update your "
@@ -232,7 +235,7 @@ void ContextManager::requestCalibrate(const std::string& flowName, int64_t maxDe
   });
 }
 
-void ContextManager::cancelContextCallbackFor(const std::string& flowName) noexcept {
+void Engine::cancelContextCallbackFor(const std::string& flowName) noexcept {
   absorbing(platform_, "cancelContextCallback", [&] {
     AccelerometerSensor& sensor = accelerometerSensor();
     const int64_t dropped = sensor.cancelCallbackForFlow(flowName);
@@ -240,53 +243,6 @@ void ContextManager::cancelContextCallbackFor(const std::string& flowName) noexc
     for (int64_t i = 0; i < dropped; ++i) sensor.removeOpenRequest();
     if (dropped > 0) sensor.maybeStopAccelerometer();
   });
-}
-
-// ---- Static forms -------------------------------------------------------------------------
-
-void ContextManager::fetchContext(const std::string& flowName, int64_t duration,
-                                  const CustomSignalList& customSignals,
-                                  ContextCallback callback) noexcept {
-  ContextManager& manager = shared();
-  manager.appLaunchSignals_->didUserTriggerOrvane();
-  manager.requestFetchContext(flowName, duration, customSignals, std::move(callback),
-                              MethodUsed::kFetchContext);
-}
-
-std::shared_ptr<Context> ContextManager::instantContext(
-    const std::string& flowName, int64_t duration, const CustomSignalList& customSignals) noexcept {
-  ContextManager& manager = shared();
-  manager.appLaunchSignals_->didUserTriggerOrvane();
-  return manager.requestInstantContext(flowName, duration, customSignals,
-                                       MethodUsed::kInstantContext);
-}
-
-void ContextManager::optimize(const std::string& flowName, std::optional<int64_t> maxDelay,
-                              const CustomSignalList& customSignals,
-                              ContextCallback callback) noexcept {
-  ContextManager& manager = shared();
-  manager.appLaunchSignals_->didUserTriggerOrvane();
-  manager.requestOptimize(flowName, maxDelay, customSignals, std::move(callback));
-}
-
-void ContextManager::calibrate(const std::string& flowName, int64_t maxDelay,
-                               const CustomSignalList& customSignals,
-                               ContextCallback callback) noexcept {
-  ContextManager& manager = shared();
-  manager.appLaunchSignals_->didUserTriggerOrvane();
-  manager.requestCalibrate(flowName, maxDelay, customSignals, std::move(callback));
-}
-
-std::shared_ptr<Context> ContextManager::recentContext(const std::string& flowName) noexcept {
-  std::shared_ptr<Context> context;
-  ContextManager& manager = shared();
-  absorbing(manager.platform_, "recentContext",
-            [&] { context = manager.recentContextForFlow(flowName); });
-  return context;
-}
-
-void ContextManager::cancelContextCallback(const std::string& flowName) noexcept {
-  shared().cancelContextCallbackFor(flowName);
 }
 
 }  // namespace orvane

@@ -4,11 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "api/Engine.h"
+#include "logging/LogDictionaries.h"
 #include "logging/LogEncoder.h"
 #include "models/CoreMLModelManager.h"
 #include "models/ModelExecutionInformation.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "signals/SignalsManager.h"
 
@@ -76,8 +77,8 @@ std::string Context::validate() const noexcept {
                                    " - please report this problem to " + kSupportAddress});
     }
     const Log record(std::move(signals), customSignals_, globals, std::move(metadata),
-                     std::move(encoded).value(), owner_.weakHandle());
-    const PlistDictionary raw = record.rawDictionary();
+                     std::move(encoded).value());
+    const PlistDictionary raw = rawDictionary(record, owner_.platform().log.get());
     const bool motionValid = validMotion.value_or(false);
 
     std::vector<std::string> lines{modeLine};

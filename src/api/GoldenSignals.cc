@@ -4,13 +4,14 @@
 #include <algorithm>
 
 #include "api/Absorbing.h"
+#include "api/ContextAccess.h"
+#include "api/Engine.h"
 #include "config/RemoteConfiguration.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "logging/NanoIDGenerator.h"
 #include "logging/OrvaneErrorReporting.h"
 #include "motion/ActivityRecognitionManager.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 
 namespace orvane {
 namespace {
@@ -29,8 +30,8 @@ std::string taggerKeySuffix(std::string version) {
 
 }  // namespace
 
-PlistDictionary ContextManager::collectGoldenSignals(
-    const std::optional<std::string>& trigger, const std::optional<std::string>& bidID) noexcept {
+PlistDictionary Engine::collectGoldenSignals(const std::optional<std::string>& trigger,
+                                             const std::optional<std::string>& bidID) noexcept {
   PlistDictionary result;
   absorbing(platform_, "goldenSignals", [&] {
     const ConfigurationData settings = remoteConfiguration().getConfiguration();
@@ -42,10 +43,12 @@ PlistDictionary ContextManager::collectGoldenSignals(
 
     const std::string goldenId =
         NanoIDGenerator::generateTavelNanoID(*platform_.random, orvaneErrorReporting());
-    if (trigger) context->appendSignals({SignalString(SignalEnum::id(750), *trigger)});
-    context->appendSignals({SignalString(SignalEnum::id(751), goldenId)});
-    if (bidID) context->appendSignals({SignalString(SignalEnum::id(752), *bidID)});
-    context->logWithArbitraryOutcome(Context::kGoldenSignalsOutcome, EventType::kCreation);
+    if (trigger)
+      ContextAccess::appendSignals(*context, {SignalString(SignalEnum::id(750), *trigger)});
+    ContextAccess::appendSignals(*context, {SignalString(SignalEnum::id(751), goldenId)});
+    if (bidID) ContextAccess::appendSignals(*context, {SignalString(SignalEnum::id(752), *bidID)});
+    ContextAccess::logWithArbitraryOutcome(*context, Context::kGoldenSignalsOutcome,
+                                           EventType::kCreation);
 
     result.insert_or_assign("ctxId", goldenId);
     if (settings.returnContextDurationAsGoldenSignal.value_or(false)) {
@@ -79,13 +82,6 @@ PlistDictionary ContextManager::collectGoldenSignals(
     }
   });
   return result;
-}
-
-PlistDictionary ContextManager::goldenSignals(const std::optional<std::string>& trigger,
-                                              const std::optional<std::string>& bidID) noexcept {
-  ContextManager& manager = shared();
-  manager.appLaunchSignals_->didUserTriggerOrvane();
-  return manager.collectGoldenSignals(trigger, bidID);
 }
 
 }  // namespace orvane

@@ -33,8 +33,8 @@ class PendingEvaluation {
  public:
   using Report = std::function<void(bool fired)>;
 
-  PendingEvaluation(std::weak_ptr<void> evaluator, Report report,
-                    ContextManager::ContextCallback observer, std::shared_ptr<SystemLog> log)
+  PendingEvaluation(std::weak_ptr<void> evaluator, Report report, Engine::ContextCallback observer,
+                    std::shared_ptr<SystemLog> log)
       : evaluator_(std::move(evaluator)),
         report_(std::move(report)),
         observer_(std::move(observer)),
@@ -57,7 +57,7 @@ class PendingEvaluation {
  private:
   std::weak_ptr<void> evaluator_;
   Report report_;
-  ContextManager::ContextCallback observer_;
+  Engine::ContextCallback observer_;
   std::shared_ptr<SystemLog> log_;
   bool answered_ = false;
 };
@@ -74,14 +74,14 @@ struct PeriodicContextEvaluator::Core : std::enable_shared_from_this<Core> {
     uint64_t step = 0;  // the request the round waits for
   };
 
-  Core(ContextManager& manager, std::shared_ptr<SerialQueue> queue)
+  Core(Engine& manager, std::shared_ptr<SerialQueue> queue)
       : owner(manager),
         ownerAlive(manager.weakHandle()),
         dispatchQueue(std::move(queue)),
         log(manager.platform().log) {}
 
-  ContextManager& owner;
-  std::weak_ptr<ContextManager> ownerAlive;
+  Engine& owner;
+  std::weak_ptr<Engine> ownerAlive;
   const std::shared_ptr<SerialQueue> dispatchQueue;
   const std::shared_ptr<SystemLog> log;
 
@@ -188,7 +188,7 @@ void PeriodicContextEvaluator::Core::stepAnswered(uint64_t step, bool fired) {
 
 // ---- The evaluator ------------------------------------------------------------------------
 
-PeriodicContextEvaluator::PeriodicContextEvaluator(ContextManager& owner)
+PeriodicContextEvaluator::PeriodicContextEvaluator(Engine& owner)
     : core_(
           std::make_shared<Core>(owner, owner.platform().executors->makeSerialQueue(kQueueName))) {}
 

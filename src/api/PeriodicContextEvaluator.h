@@ -15,7 +15,7 @@
 #include <memory>
 #include <string>
 
-#include "orvane/ContextManager.h"
+#include "api/Engine.h"
 
 namespace orvane {
 
@@ -27,9 +27,9 @@ class PeriodicContextEvaluator {
   // The shortest pause between two rounds, whatever the service configures.
   static constexpr double kMinimumIntervalSeconds = 1.0;
 
-  using Observer = ContextManager::ContextCallback;
+  using Observer = Engine::ContextCallback;
 
-  explicit PeriodicContextEvaluator(ContextManager& owner);
+  explicit PeriodicContextEvaluator(Engine& owner);
   ~PeriodicContextEvaluator();
   PeriodicContextEvaluator(const PeriodicContextEvaluator&) = delete;
   PeriodicContextEvaluator& operator=(const PeriodicContextEvaluator&) = delete;

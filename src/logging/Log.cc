@@ -1,11 +1,13 @@
 #include "orvane/Log.h"
 
+#include "logging/LogDictionaries.h"
+
 #include <algorithm>
 #include <array>
 
+#include "api/Engine.h"
 #include "logging/AnyEncodable.h"
 #include "logging/OrvaneLogSender.h"
-#include "orvane/ContextManager.h"
 #include "util/Base64.h"
 
 namespace orvane {
@@ -69,7 +71,12 @@ std::string plainText(const PlistValue& value) {
 }  // namespace
 
 Log::Log(SignalList signals, CustomSignalList customSignals, CustomSignalList globalSignals,
-         CustomSignalList outcomeMetadata, Bytes encodedData, std::weak_ptr<ContextManager> owner)
+         CustomSignalList outcomeMetadata, Bytes encodedData)
+    : Log(std::move(signals), std::move(customSignals), std::move(globalSignals),
+          std::move(outcomeMetadata), std::move(encodedData), std::weak_ptr<void>()) {}
+
+Log::Log(SignalList signals, CustomSignalList customSignals, CustomSignalList globalSignals,
+         CustomSignalList outcomeMetadata, Bytes encodedData, std::weak_ptr<void> owner)
     : signals_(std::move(signals)),
       customSignals_(std::move(customSignals)),
       globalSignals_(std::move(globalSignals)),
@@ -79,7 +86,7 @@ Log::Log(SignalList signals, CustomSignalList customSignals, CustomSignalList gl
 
 void Log::send() noexcept {
   try {
-    auto owner = owner_.lock();
+    auto owner = std::static_pointer_cast<Engine>(owner_.lock());
     if (!owner) return;
     OrvaneLogSender& sender = owner->orvaneLogSender();
     const Signal* outcome = nullptr;
@@ -101,37 +108,50 @@ void Log::send() noexcept {
   }
 }
 
-PlistDictionary Log::rawDictionaryWithStaticColumns() const noexcept {
+std::shared_ptr<Log> makeEngineLog(SignalList signals, CustomSignalList customSignals,
+                                   CustomSignalList globalSignals, CustomSignalList outcomeMetadata,
+                                   Bytes encodedData, std::weak_ptr<Engine> owner) {
+  struct EngineLog final : Log {
+    EngineLog(SignalList s, CustomSignalList c, CustomSignalList g, CustomSignalList o, Bytes e,
+              std::weak_ptr<void> owner)
+        : Log(std::move(s), std::move(c), std::move(g), std::move(o), std::move(e),
+              std::move(owner)) {}
+  };
+  return std::make_shared<EngineLog>(std::move(signals), std::move(customSignals),
+                                     std::move(globalSignals), std::move(outcomeMetadata),
+                                     std::move(encodedData), std::weak_ptr<void>(std::move(owner)));
+}
+
+PlistDictionary rawDictionaryWithStaticColumns(const Log& log) {
   PlistDictionary out;
-  putBuiltInSignals(out, signals_);
+  putBuiltInSignals(out, log.signals());
   PlistDictionary custom;
-  putLastWins(custom, "f_", customSignals_);
-  putLastWins(custom, "g_", globalSignals_);
+  putLastWins(custom, "f_", log.customSignals());
+  putLastWins(custom, "g_", log.globalSignals());
   PlistDictionary outcome;
-  putLastWins(outcome, "o_", outcomeMetadata_);
+  putLastWins(outcome, "o_", log.outcomeMetadata());
   out.insert_or_assign("ctx_custom_signals", std::move(custom));
   out.insert_or_assign("ctx_outcome_metadata", std::move(outcome));
   return out;
 }
 
-PlistDictionary Log::rawDictionary() const noexcept {
+PlistDictionary rawDictionary(const Log& log, SystemLog* collisions) {
   PlistDictionary out;
-  putBuiltInSignals(out, signals_);
-  auto owner = owner_.lock();
+  putBuiltInSignals(out, log.signals());
   auto putFirstWins = [&](const char* prefix, const CustomSignalList& signals, const char* kind) {
     for (const auto& s : signals) {
       auto [it, inserted] = out.try_emplace(prefix + s.id(), plistValue(s.value()));
-      if (!inserted && owner) {
+      if (!inserted && collisions) {
         const std::string kept = plainText(it->second);
-        owner->platform().log->error(std::string("[Orvane] ") + kind + " with id " + s.id() +
-                                     " is already set. We're proceeding with the value '" + kept +
-                                     "' for this signal.");
+        collisions->error(std::string("[Orvane] ") + kind + " with id " + s.id() +
+                          " is already set. We're proceeding with the value '" + kept +
+                          "' for this signal.");
       }
     }
   };
-  putFirstWins("f_", customSignals_, "Custom signal");
-  putFirstWins("g_", globalSignals_, "Global signal");
-  putFirstWins("o_", outcomeMetadata_, "Outcome metadata");
+  putFirstWins("f_", log.customSignals(), "Custom signal");
+  putFirstWins("g_", log.globalSignals(), "Global signal");
+  putFirstWins("o_", log.outcomeMetadata(), "Outcome metadata");
   return out;
 }
 

@@ -2,10 +2,10 @@
 
 #include <string>
 
+#include "api/Engine.h"
 #include "config/RemoteConfiguration.h"
 #include "logging/AnyEncodable.h"
 #include "models/ControlGrouper.h"
-#include "orvane/ContextManager.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
@@ -30,7 +30,7 @@ bool isValidURL(const std::string& url) {
 
 }  // namespace
 
-OrvaneErrorReporting::OrvaneErrorReporting(ContextManager& owner)
+OrvaneErrorReporting::OrvaneErrorReporting(Engine& owner)
     : owner_(owner),
       reportingOperationQueue_(
           owner.platform().executors->makeSerialQueue("com.orvane.OrvaneErrorReporting")) {}

@@ -14,13 +14,13 @@
 
 namespace orvane {
 
-class ContextManager;
+class Engine;
 
 class OrvaneErrorReporting : public ErrorReporter {
  public:
   static constexpr const char* kPath = "/v2/error-reporting";
 
-  explicit OrvaneErrorReporting(ContextManager& owner);
+  explicit OrvaneErrorReporting(Engine& owner);
 
   using ErrorReporter::reportError;
   // Returns at once; the request is built and sent on the reporting queue.
@@ -40,7 +40,7 @@ class OrvaneErrorReporting : public ErrorReporter {
   void send(const std::string& message, const std::optional<PlatformError>& error,
             const std::optional<PlistDictionary>& additionalData);
 
-  ContextManager& owner_;  // not owned; the manager outlives its components
+  Engine& owner_;  // not owned; the manager outlives its components
   std::shared_ptr<SerialQueue> reportingOperationQueue_;
 };
 

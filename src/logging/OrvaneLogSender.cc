@@ -5,14 +5,15 @@
 #include <chrono>
 #include <future>
 
+#include "api/Engine.h"
 #include "config/ServerPayload.h"
 #include "generators/AppInstallationEnvironmentHelper.h"
 #include "generators/GeoIPSignalGenerator.h"
 #include "generators/InternetSignalsGenerator.h"
 #include "logging/AnyEncodable.h"
+#include "logging/LogDictionaries.h"
 #include "logging/OrvaneErrorReporting.h"
 #include "models/CoreMLModelManager.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "orvane/platform/HttpTransport.h"
 #include "timing/TimingCoordinator.h"
@@ -91,7 +92,7 @@ struct OrvaneLogSender::Shared {
   bool alive = true;
 };
 
-OrvaneLogSender::OrvaneLogSender(ContextManager& owner)
+OrvaneLogSender::OrvaneLogSender(Engine& owner)
     : owner_(owner),
       shared_(std::make_shared<Shared>()),
       dispatchQueue_(owner.platform().executors->makeSerialQueue("com.orvane.OrvaneLogSender")) {
@@ -123,12 +124,12 @@ void OrvaneLogSender::onQueue(Task task) {
 // ---- Adding and removing ------------------------------------------------------------------
 
 void OrvaneLogSender::addToQueue(const Log& log) {
-  addRecord(kMainQueueKey, log.rawDictionaryWithStaticColumns(), "Failed to add new log to queue",
+  addRecord(kMainQueueKey, rawDictionaryWithStaticColumns(log), "Failed to add new log to queue",
             true);
 }
 
 void OrvaneLogSender::addToUnloggedQueue(const Log& log) {
-  addRecord(kUnloggedQueueKey, log.rawDictionaryWithStaticColumns(),
+  addRecord(kUnloggedQueueKey, rawDictionaryWithStaticColumns(log),
             "Failed to add logs to unlogged queue", false);
 }
 
@@ -243,7 +244,19 @@ void OrvaneLogSender::triggerUpload(UploadQueueKind queue, bool force) {
   onQueue([this, key, force] { upload(key, force); });
 }
 
-void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
+bool OrvaneLogSender::flush(double timeoutSeconds) {
+  if (dispatchQueue_->isCurrent()) return false;
+  auto done = std::make_shared<std::promise<void>>();
+  std::future<void> finished = done->get_future();
+  onQueue([this] { upload(kUnloggedQueueKey, false, true); });
+  onQueue([this] { upload(kMainQueueKey, false, true); });
+  onQueue([done] { done->set_value(); });
+  const auto wait = std::chrono::duration<double>(std::max(0.0, timeoutSeconds));
+  if (finished.wait_for(wait) != std::future_status::ready) return false;
+  return mainQueue().empty();
+}
+
+void OrvaneLogSender::upload(std::string_view key, bool forceSend, bool ignoreBackoff) {
   const auto& defaults = owner_.userDefaultsProvider();
   if (!defaults->isAvailable()) {
     owner_.orvaneErrorReporting().reportError("Failed to perform log upload");
@@ -269,7 +282,10 @@ void OrvaneLogSender::upload(std::string_view key, bool forceSend) {
   const double now = owner_.dateProvider()->currentDate().secondsSince1970;
   {
     std::lock_guard<std::mutex> guard(shared_->mutex);
-    if (shared_->currentBackoffS > now - shared_->lastSendingAttempt && !forceSend) return;
+    if (shared_->currentBackoffS > now - shared_->lastSendingAttempt && !forceSend &&
+        !ignoreBackoff) {
+      return;
+    }
     shared_->lastSendingAttempt = now;
   }
   const std::string url = owner_.serviceBaseURL() + std::string(kPath);

@@ -24,7 +24,7 @@
 
 namespace orvane {
 
-class ContextManager;
+class Engine;
 class Log;
 struct ServerPayload;
 
@@ -59,7 +59,7 @@ class OrvaneLogSender {
     bool force;
   };
 
-  explicit OrvaneLogSender(ContextManager& owner);
+  explicit OrvaneLogSender(Engine& owner);
   ~OrvaneLogSender();
   OrvaneLogSender(const OrvaneLogSender&) = delete;
   OrvaneLogSender& operator=(const OrvaneLogSender&) = delete;
@@ -79,10 +79,16 @@ class OrvaneLogSender {
   double currentBackoffSeconds() const;
   // Runs `task` on the sender's queue after everything queued before it.
   void onQueue(Task task);
+  // Uploads both queues now, whatever the app state and the back-off, and waits at most
+  // `timeoutSeconds` for the uploads to end. True when the main queue is empty then. False at
+  // once when called on the sender's own queue.
+  bool flush(double timeoutSeconds);
 
  private:
   struct Shared;
-  void upload(std::string_view key, bool forceSend);
+  // `forceSend` posts even an empty batch and ignores the back-off; `ignoreBackoff` only the
+  // latter.
+  void upload(std::string_view key, bool forceSend, bool ignoreBackoff = false);
   void addRecord(std::string_view key, PlistDictionary record, const char* failureMessage,
                  bool mayStartUpload);
   // Removes the records whose log id ("ctx_8") is in `sentIds`.
@@ -91,7 +97,7 @@ class OrvaneLogSender {
   void applyServerPayload(const ServerPayload& payload);
   bool completeUpload(const std::optional<struct HttpResponse>& response);
 
-  ContextManager& owner_;
+  Engine& owner_;
   std::shared_ptr<Shared> shared_;
   std::shared_ptr<SerialQueue> dispatchQueue_;
 };

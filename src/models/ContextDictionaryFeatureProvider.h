@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "coreml/FeatureValue.h"
 #include "models/FeaturePlan.h"
 #include "models/ModelExecutionInformation.h"
 #include "orvane/CustomSignal.h"
+#include "orvane/coreml/FeatureValue.h"
 #include "orvane/platform/SystemLog.h"
 #include "signals/SignalsManager.h"
 

@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "coreml/ModelDescription.h"
+#include "orvane/coreml/ModelDescription.h"
 
 namespace orvane {
 

@@ -26,10 +26,10 @@
 #include <string>
 
 #include "config/ConfigurationData.h"
-#include "coreml/FeatureValue.h"
 #include "logging/ErrorReporter.h"
 #include "motion/ActivityType.h"
 #include "orvane/Signal.h"
+#include "orvane/coreml/FeatureValue.h"
 #include "orvane/platform/FileSystem.h"
 #include "orvane/platform/ModelRuntime.h"
 

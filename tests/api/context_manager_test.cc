@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
+#include "api/Engine.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "logging/OrvaneLogSender.h"
 #include "models/CoreMLModelManager.h"
 #include "motion/AccelerometerSensor.h"
-#include "orvane/ContextManager.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/ManagerHelpers.h"
 #include "util/UserDefaultsProvider.h"
@@ -21,7 +21,7 @@ constexpr const char* kLateSetupLine =
     "sure to call ContextManager.applicationDidFinishLaunchingWithOptions() as early after app "
     "start as possible.";
 
-std::vector<std::pair<UploadQueueKind, bool>> triggers(ContextManager& m) {
+std::vector<std::pair<UploadQueueKind, bool>> triggers(Engine& m) {
   std::vector<std::pair<UploadQueueKind, bool>> out;
   for (const auto& t : m.orvaneLogSender().triggerHistory()) out.emplace_back(t.queue, t.force);
   return out;
@@ -42,7 +42,7 @@ TEST(ContextManagerTest, LateSetupWarnsAfterThePlatformsGracePeriod) {
   };
   for (const auto& c : cases) {
     FakePlatform fake;
-    ContextManager manager(fake.platform);
+    Engine manager(fake.platform);
     manager.setCurrentPlatform(c.platform);
     fake.clock->advance(c.delay);
     EXPECT_TRUE(manager.setupWith("key", nullptr, std::nullopt, Configuration{}));
@@ -53,7 +53,7 @@ TEST(ContextManagerTest, LateSetupWarnsAfterThePlatformsGracePeriod) {
 
 TEST(ContextManagerTest, CreationStartsASessionAndSetupTakesTheHostsChoices) {
   FakePlatform fake;
-  ContextManager manager(fake.platform);
+  Engine manager(fake.platform);
   EXPECT_TRUE(manager.isActive());
   EXPECT_TRUE(manager.isFirstStart());
   EXPECT_EQ(manager.numberOfAppLaunches(), 1);
@@ -91,14 +91,14 @@ TEST(ContextManagerTest, CreationStartsASessionAndSetupTakesTheHostsChoices) {
 TEST(ContextManagerTest, DeviceWithoutGyroscopeIsUnsupported) {
   FakePlatform fake;
   fake.platform.motion = makeUnsupportedMotionService(/*hasAccelerometer=*/true, /*hasGyro=*/false);
-  ContextManager manager(fake.platform);
+  Engine manager(fake.platform);
   EXPECT_EQ(manager.isSupported(), ContextManagerIsSupported::kUnsupported);
   EXPECT_FALSE(manager.accelerometerSensor().isSampling());
 }
 
 TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
   FakePlatform fake;
-  ContextManager manager(fake.platform);
+  Engine manager(fake.platform);
   const std::string firstSession = manager.currentSessionId();
   AccelerometerSensor& sensor = manager.accelerometerSensor();
   EXPECT_TRUE(sensor.isSampling());  // instant context keeps sampling in the foreground
@@ -148,7 +148,7 @@ TEST(ContextManagerTest, LifecycleNotificationsArriveOnTheMainQueue) {
 
 TEST(ContextManagerTest, ManagerStopsListeningWhenDestroyed) {
   FakePlatform fake;
-  { ContextManager manager(fake.platform); }
+  { Engine manager(fake.platform); }
   fake.application->becomeActive();
   fake.application->resignActive();
   fake.drain();
@@ -162,17 +162,17 @@ TEST(ContextManagerTest, InstallationIdentitySurvivesRestartsOnlyWithASuite) {
   FakePlatform fake;
   std::string first;
   {
-    ContextManager manager(fake.platform);
+    Engine manager(fake.platform);
     first = manager.installationUUID();
     EXPECT_EQ(manager.userDefaultsProvider()->string("orvane_installation_uuid"), first);
   }
-  EXPECT_EQ(ContextManager(fake.platform).installationUUID(), first);
+  EXPECT_EQ(Engine(fake.platform).installationUUID(), first);
   EXPECT_EQ(fake.log->count("[Orvane] Failed to get Installation UUID"), 0u);
 
   // Without a suite: one per process, logged, and nothing can be recorded.
   fake.platform.keyValueStores = testing::makeUnavailableKeyValueStoreProvider();
-  ContextManager a(fake.platform);
-  ContextManager b(fake.platform);
+  Engine a(fake.platform);
+  Engine b(fake.platform);
   const std::string idA = a.installationUUID();
   EXPECT_EQ(a.installationUUID(), idA);
   EXPECT_NE(b.installationUUID(), idA);
@@ -182,7 +182,7 @@ TEST(ContextManagerTest, InstallationIdentitySurvivesRestartsOnlyWithASuite) {
 
 TEST(ContextManagerTest, PublicModelViewFollowsTheStoreAndTheSwitch) {
   FakePlatform fake;
-  ContextManager manager(fake.platform);
+  Engine manager(fake.platform);
   EXPECT_EQ(manager.appliedModelGenerationId(), "calibration");
   EXPECT_FALSE(manager.modelInformation("home"));  // nothing assigned: always upsell
 

@@ -1,9 +1,9 @@
 // The request forms through a manager with a hand-driven motion device and a test main queue.
 #include <gtest/gtest.h>
 
+#include "api/Engine.h"
 #include "motion/AccelerometerSensor.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 #include "testutil/FakePlatform.h"
 
 namespace orvane {
@@ -21,7 +21,7 @@ class RequestsTest : public ::testing::Test {
   }
   // Samples at 100 Hz; each is delivered, and what it posts runs, before the next.
   void feed(size_t count) { fake.feedMotion(count, 0.02, 5, 0.01); }
-  ContextManager::ContextCallback record() {
+  Engine::ContextCallback record() {
     return [this](std::shared_ptr<Context> c) {
       onMain.push_back(fake.executors->mainQueue()->isCurrent());
       answered.push_back(std::move(c));
@@ -29,7 +29,7 @@ class RequestsTest : public ::testing::Test {
   }
 
   testing::FakePlatform fake;
-  ContextManager manager{fake.platform, ContextManagerIsSupported::kSupported};
+  Engine manager{fake.platform, ContextManagerIsSupported::kSupported};
   std::vector<std::shared_ptr<Context>> answered;
   std::vector<bool> onMain;
 };

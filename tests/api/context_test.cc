@@ -3,10 +3,11 @@
 #include <functional>
 #include <thread>
 
+#include "api/ContextAccess.h"
+#include "api/Engine.h"
 #include "models/CoreMLModelManager.h"
 #include "models/ModelExecutionInformation.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "orvane/Revenue.h"
 #include "testutil/FakePlatform.h"
@@ -42,7 +43,7 @@ class ContextTest : public ::testing::Test {
   }
   std::shared_ptr<Context> create(MethodUsed method = MethodUsed::kFetchContext,
                                   SignalList request = {}, const std::string& flow = "flow") {
-    return Context::create(manager, std::move(request), flow, {}, method, {});
+    return ContextAccess::create(manager, std::move(request), flow, {}, method, {});
   }
   std::vector<std::shared_ptr<Log>> sent() {
     fake.drain();
@@ -50,7 +51,7 @@ class ContextTest : public ::testing::Test {
   }
 
   FakePlatform fake;
-  ContextManager manager{fake.platform, ContextManagerIsSupported::kSupported};
+  Engine manager{fake.platform, ContextManagerIsSupported::kSupported};
   testing::SentLogs logs;
 };
 
@@ -100,9 +101,9 @@ TEST_F(ContextTest, DecisionCombinesTimingWithTheModelsCode) {
 }
 
 TEST_F(ContextTest, UnsupportedDeviceAlwaysSaysYesWithoutAModel) {
-  ContextManager unsupported(fake.platform, ContextManagerIsSupported::kUnsupported);
+  Engine unsupported(fake.platform, ContextManagerIsSupported::kUnsupported);
   assignControl("flow", 0);
-  auto context = Context::create(unsupported, {}, "flow", {}, MethodUsed::kFetchContext, {});
+  auto context = ContextAccess::create(unsupported, {}, "flow", {}, MethodUsed::kFetchContext, {});
   EXPECT_TRUE(context->shouldUpsell());
   EXPECT_FALSE(context->wasForcedUpsell());
   EXPECT_EQ(signalValue<int64_t>(context->signals(), 11), -3);
@@ -198,7 +199,7 @@ TEST_F(ContextTest, PrematureOutcomesAreWarnedButSent) {
                                       "created a Orvane context object"),
             1u);
   fake.clock->advance(0.1);
-  context->logWithArbitraryOutcome(-104, EventType::kOutcome);
+  ContextAccess::logWithArbitraryOutcome(*context, -104, EventType::kOutcome);
   EXPECT_EQ(fake.log->countContaining("There were only"), 1u);
 }
 
@@ -215,10 +216,10 @@ TEST_F(ContextTest, RecentContextIsMarkedAndMaxDelayChangesAreWarned) {
 }
 
 TEST_F(ContextTest, EncodingFailureIsLoggedAndNothingSent) {
-  ContextManager unset(fake.platform, ContextManagerIsSupported::kSupported);  // no key yet
+  Engine unset(fake.platform, ContextManagerIsSupported::kSupported);  // no key yet
   int received = 0;
   unset.replaceLogSender([&](std::shared_ptr<Log>) { ++received; });
-  auto context = Context::create(unset, {}, "flow", {}, MethodUsed::kTrackEvent, {});
+  auto context = ContextAccess::create(unset, {}, "flow", {}, MethodUsed::kTrackEvent, {});
   context->log(EventOutcome::kPositive);
   fake.drain();
   EXPECT_EQ(received, 0);

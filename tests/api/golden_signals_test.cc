@@ -1,11 +1,11 @@
 // Tracked events and golden signals: instant contexts that log themselves at once.
 #include <gtest/gtest.h>
 
+#include "api/Engine.h"
 #include "config/RemoteConfiguration.h"
 #include "motion/AccelerometerSensor.h"
 #include "motion/MotionTrace.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/Fixtures.h"
@@ -46,11 +46,11 @@ class TrackingTest : public ::testing::Test {
   }
 
   testing::FakePlatform fake;
-  ContextManager manager{[this] {
-                           fake.platform.bundle.sdkResourceDirectory = ORVANE_SOURCE_RESOURCES;
-                           return fake.platform;
-                         }(),
-                         ContextManagerIsSupported::kSupported};
+  Engine manager{[this] {
+                   fake.platform.bundle.sdkResourceDirectory = ORVANE_SOURCE_RESOURCES;
+                   return fake.platform;
+                 }(),
+                 ContextManagerIsSupported::kSupported};
   testing::SentLogs logs;
 };
 

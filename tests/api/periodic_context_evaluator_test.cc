@@ -6,11 +6,11 @@
 #include <future>
 #include <thread>
 
+#include "api/Engine.h"
 #include "config/RemoteConfiguration.h"
 #include "models/CoreMLModelManager.h"
 #include "motion/AccelerometerSensor.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/ManagerHelpers.h"
 #include "util/UserDefaultsProvider.h"
@@ -41,7 +41,7 @@ class ObserverTest : public ::testing::Test {
   // Samples at 100 Hz, each delivered (and what it posts run) before the next.
   void feed(size_t count) { fake.feedMotion(count, 0.02, 5, 0.01); }
   void feedWindow() { feed(350); }
-  ContextManager::ContextCallback observer(const std::string& name) {
+  Engine::ContextCallback observer(const std::string& name) {
     return [this, name](std::shared_ptr<Context> context) {
       fired.push_back(name);
       firedOnMain.push_back(fake.executors->mainQueue()->isCurrent());
@@ -50,7 +50,7 @@ class ObserverTest : public ::testing::Test {
   }
   // The flow's last context, without marking it as handed out again.
   std::shared_ptr<Context> lastContext(const std::string& flow) {
-    return manager.withRecentContexts([&](ContextManager::RecentContexts& recent) {
+    return manager.withRecentContexts([&](Engine::RecentContexts& recent) {
       auto it = recent.find(flow);
       return it == recent.end() ? nullptr : it->second;
     });
@@ -58,7 +58,7 @@ class ObserverTest : public ::testing::Test {
   size_t waiting() { return manager.accelerometerSensor().waitingCallCount(); }
 
   testing::FakePlatform fake;
-  ContextManager manager{fake.platform, ContextManagerIsSupported::kSupported};
+  Engine manager{fake.platform, ContextManagerIsSupported::kSupported};
   int logsSent = 0;
   std::vector<std::string> fired;
   std::vector<bool> firedOnMain;
@@ -171,7 +171,7 @@ TEST(ObserverThreadsTest, ARoundOnRealQueuesReachesTheObserverOnTheMainQueue) {
   testing::FakePlatform fake;
   fake.platform.executors = makeThreadExecutors();
   fake.platform.motion = makeUnsupportedMotionService();  // requests are answered at once
-  ContextManager manager(fake.platform, ContextManagerIsSupported::kSupported);
+  Engine manager(fake.platform, ContextManagerIsSupported::kSupported);
   ServerConfiguration fast;
   fast.automaticEntryPointPollingIntervalSeconds = 0;  // raised to the one-second floor
   manager.remoteConfiguration().applyConfigurationUpdate(fast);

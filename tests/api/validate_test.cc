@@ -3,9 +3,10 @@
 
 #include <sstream>
 
+#include "api/ContextAccess.h"
+#include "api/Engine.h"
 #include "models/ModelExecutionInformation.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/ManagerHelpers.h"
@@ -23,7 +24,7 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 class ValidateTest : public ::testing::Test {
  protected:
-  void setUp(ContextManager& m) {
+  void setUp(Engine& m) {
     m.setupWith(
         "KEY-0123456789abcdef", [this](std::shared_ptr<Log>) { ++logsSent; }, std::nullopt,
         Configuration{});
@@ -32,12 +33,12 @@ class ValidateTest : public ::testing::Test {
   }
 
   testing::FakePlatform fake;
-  ContextManager manager{fake.platform, ContextManagerIsSupported::kSupported};
+  Engine manager{fake.platform, ContextManagerIsSupported::kSupported};
   int logsSent = 0;
 };
 
 TEST_F(ValidateTest, UnsupportedDeviceGetsTwoLinesOnly) {
-  ContextManager unsupported(fake.platform, ContextManagerIsSupported::kUnsupported);
+  Engine unsupported(fake.platform, ContextManagerIsSupported::kUnsupported);
   setUp(unsupported);
   auto context = unsupported.requestInstantContext("paywall", 3, {}, MethodUsed::kTrackEvent);
   ASSERT_TRUE(context);
@@ -82,8 +83,8 @@ TEST_F(ValidateTest, ReportsValidMotionAndTheAssignedModel) {
       request.push_back(SignalInt(*SignalEnum::fromRawValue(id), 1));
     }
   }
-  auto context = Context::create(manager, request, "paywall", {CustomSignalInt("plan", 2)},
-                                 MethodUsed::kTrackEvent, {});
+  auto context = ContextAccess::create(manager, request, "paywall", {CustomSignalInt("plan", 2)},
+                                       MethodUsed::kTrackEvent, {});
 
   const auto lines = linesOf(context->validate());
   ASSERT_EQ(lines.size(), 8u) << context->validate();
@@ -99,7 +100,7 @@ TEST_F(ValidateTest, ReportsValidMotionAndTheAssignedModel) {
 
 TEST_F(ValidateTest, AnEncodingFailureAsksForAReport) {
   // Before setup there is no key to encrypt the record with.
-  auto context = Context::create(manager, {}, "paywall", {}, MethodUsed::kTrackEvent, {});
+  auto context = ContextAccess::create(manager, {}, "paywall", {}, MethodUsed::kTrackEvent, {});
   const auto lines = linesOf(context->validate());
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[1].rfind("❌ Failed to validate the context: ", 0), 0u);

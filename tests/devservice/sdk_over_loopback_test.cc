@@ -7,11 +7,13 @@
 #include <chrono>
 #include <thread>
 
+#include "api/ContextAccess.h"
+#include "api/Engine.h"
 #include "devservice/ServiceProcess.h"
 #include "logging/OrvaneLogSender.h"
 #include "models/ModelExecutionInformation.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/Fixtures.h"
 #include "util/UserDefaultsProvider.h"
@@ -35,13 +37,13 @@ TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
   testing::FakePlatform fake;
   fake.platform.http = makeCurlHttpTransport();
   fake.random->scriptUniform({0.5});
-  ContextManager manager(fake.platform, ContextManagerIsSupported::kSupported);
+  Engine manager(fake.platform, ContextManagerIsSupported::kSupported);
   manager.setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
   manager.setServiceBaseURLValue(base);
   fake.application->becomeActive();
   fake.drain();  // launch: the forced post meets the first 500
 
-  auto context = Context::create(manager, {}, "upsell", {}, MethodUsed::kFetchContext, {});
+  auto context = ContextAccess::create(manager, {}, "upsell", {}, MethodUsed::kFetchContext, {});
   fake.advance(1);
   context->log(EventOutcome::kPositive);
   fake.drain();  // the record starts an upload inside the back-off: nothing is sent
@@ -76,10 +78,10 @@ TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
   EXPECT_TRUE(sender.mainQueue().empty());
   EXPECT_EQ(manager.userDefaultsProvider()->integer("ota_last_applied_version"), 2);
 
-  auto decided = Context::create(manager, {SignalInt(SignalEnum::id(191), 5)}, "upsell", {},
-                                 MethodUsed::kFetchContext, {});
+  auto decided = ContextAccess::create(manager, {SignalInt(SignalEnum::id(191), 5)}, "upsell", {},
+                                       MethodUsed::kFetchContext, {});
   EXPECT_EQ(testing::signalValue<std::string>(decided->signals(), 18), "upsell-demo-2024.06.1");
-  EXPECT_FALSE(decided->modelInfo().isControl);
+  EXPECT_FALSE(ContextAccess::modelInfo(*decided).isControl);
 
   // An answer that is not a payload: reported to the service, the records still removed.
   dir.write("payload.json", "\xff not json");

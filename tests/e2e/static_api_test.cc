@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "api/Engine.h"
 #include "models/CoreMLModelManager.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
@@ -103,8 +104,8 @@ TEST_F(StaticApiTest, RequestFormsObserversGoldenSignalsAndValidation) {
 
 TEST_F(StaticApiTest, StaticSettersReachTheSharedManager) {
   EXPECT_FALSE(ContextManager::installDefaultPlatform(fake().platform));  // too late now
-  ContextManager& shared = ContextManager::shared();
-  EXPECT_EQ(&shared, &ContextManager::shared());
+  EXPECT_EQ(&ContextManager::shared(), &ContextManager::shared());
+  Engine& shared = ContextManagerAccess::engine(ContextManager::shared());
   EXPECT_EQ(shared.licenseKey(), "KEY-0123456789abcdef");
   EXPECT_EQ(ContextManager::sdkVersion(), "5.13.0");
 

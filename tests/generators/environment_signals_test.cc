@@ -3,10 +3,11 @@
 #include <filesystem>
 #include <fstream>
 
+#include "api/Engine.h"
 #include "generators/InternetSignalsGenerator.h"
 #include "generators/OutputSignalsGenerator.h"
 #include "generators/PushSettingsSignalGenerator.h"
-#include "orvane/ContextManager.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "testutil/FakePlatform.h"
 
 namespace orvane {
@@ -174,7 +175,7 @@ TEST(PushSettingsTest, SettingsAreThoseOfTheLastActivation) {
   settings.providesAppNotificationSettings = true;
   settings.timeSensitiveSetting = NotificationSetting::kDisabled;
   fake.notifications->setSettings(settings);
-  ContextManager manager(fake.platform);
+  Engine manager(fake.platform);
   fake.application->becomeActive();  // the launch activation
   fake.drain();
   auto reactivate = [&] {

@@ -2,10 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "api/Engine.h"
 #include "config/RemoteConfiguration.h"
 #include "logging/OrvaneErrorReporting.h"
 #include "models/ControlGrouper.h"
-#include "orvane/ContextManager.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/RecordingHttpTransport.h"
 #include "util/UserDefaultsProvider.h"
@@ -17,7 +17,7 @@ class ErrorReportingTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fake.platform.http = http;
-    manager = std::make_unique<ContextManager>(fake.platform);
+    manager = std::make_unique<Engine>(fake.platform);
     manager->setServiceBaseURLValue("http://127.0.0.1:9/");
     manager->setupWith("APP-KEY-0123456789", nullptr, std::nullopt, Configuration{});
   }
@@ -37,7 +37,7 @@ class ErrorReportingTest : public ::testing::Test {
   testing::FakePlatform fake;
   std::shared_ptr<testing::RecordingHttpTransport> http =
       std::make_shared<testing::RecordingHttpTransport>();
-  std::unique_ptr<ContextManager> manager;
+  std::unique_ptr<Engine> manager;
 };
 
 TEST_F(ErrorReportingTest, SendsOneJsonRequestPerReport) {

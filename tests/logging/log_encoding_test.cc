@@ -10,6 +10,7 @@
 #include "logging/Compression.h"
 #include "logging/LogDecoder.h"
 #include "logging/LogEncoder.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "testutil/FakePlatform.h"
 #include "util/Base64.h"
 

@@ -2,9 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "api/Engine.h"
+#include "logging/LogDictionaries.h"
 #include "logging/LogEncoder.h"
 #include "logging/OrvaneLogSender.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "testutil/FakePlatform.h"
 #include "util/Base64.h"
@@ -15,13 +16,13 @@ namespace {
 class LogRecordTest : public ::testing::Test {
  protected:
   testing::FakePlatform fake;
-  std::unique_ptr<ContextManager> manager = std::make_unique<ContextManager>(fake.platform);
+  std::unique_ptr<Engine> manager = std::make_unique<Engine>(fake.platform);
 
   std::shared_ptr<Log> makeLog(SignalList signals, CustomSignalList custom = {},
                                CustomSignalList global = {}, CustomSignalList outcome = {},
                                Bytes encoded = {}) {
-    return std::make_shared<Log>(std::move(signals), std::move(custom), std::move(global),
-                                 std::move(outcome), std::move(encoded), manager->weakHandle());
+    return makeEngineLog(std::move(signals), std::move(custom), std::move(global),
+                         std::move(outcome), std::move(encoded), manager->weakHandle());
   }
 };
 
@@ -86,27 +87,27 @@ TEST_F(LogRecordTest, FlatFormsResolveRepeatedIdsDifferently) {
   auto log = makeLog({SignalInt(SignalEnum::id(3), 2), SignalFloat(SignalEnum::id(100), 0.5f)},
                      {CustomSignalString("x", "first"), CustomSignalString("x", "second")},
                      {CustomSignalInt("x", 9)}, {CustomSignalBool("o", true)});
-  PlistDictionary stored = log->rawDictionaryWithStaticColumns();
+  PlistDictionary stored = rawDictionaryWithStaticColumns(*log);
   EXPECT_EQ(stored.at("ctx_3"), PlistValue(int64_t{2}));
   EXPECT_EQ(stored.at("ctx_100"), PlistValue(0.5f));
   EXPECT_EQ(stored.at("ctx_custom_signals"),
             PlistValue(PlistDictionary{{"f_x", "second"}, {"g_x", int64_t{9}}}));
   EXPECT_EQ(stored.at("ctx_outcome_metadata"), PlistValue(PlistDictionary{{"o_o", true}}));
 
-  PlistDictionary flat = log->rawDictionary();
+  PlistDictionary flat = rawDictionary(*log, fake.log.get());
   EXPECT_EQ(flat.at("f_x"), PlistValue("first"));
   EXPECT_EQ(flat.at("g_x"), PlistValue(int64_t{9}));
   EXPECT_EQ(flat.at("o_o"), PlistValue(true));
   auto plain = makeLog({SignalInt(SignalEnum::id(3), 2)});
-  EXPECT_EQ(plain->rawDictionaryWithStaticColumns().at("ctx_custom_signals"),
+  EXPECT_EQ(rawDictionaryWithStaticColumns(*plain).at("ctx_custom_signals"),
             PlistValue(PlistDictionary{}));
-  EXPECT_EQ(plain->rawDictionaryWithStaticColumns().at("ctx_outcome_metadata"),
+  EXPECT_EQ(rawDictionaryWithStaticColumns(*plain).at("ctx_outcome_metadata"),
             PlistValue(PlistDictionary{}));
 
   // Each group names itself when an id repeats.
-  makeLog({}, {}, {CustomSignalInt("g", 1), CustomSignalFloat("g", 2.5f)},
-          {CustomSignalInt("m", 3), CustomSignalInt("m", 4)})
-      ->rawDictionary();
+  rawDictionary(*makeLog({}, {}, {CustomSignalInt("g", 1), CustomSignalFloat("g", 2.5f)},
+                         {CustomSignalInt("m", 3), CustomSignalInt("m", 4)}),
+                fake.log.get());
   for (const char* line :
        {"[Orvane] Custom signal with id x is already set. We're proceeding with the value "
         "'first' for this signal.",

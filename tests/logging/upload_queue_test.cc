@@ -2,10 +2,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "api/Engine.h"
 #include "generators/GeoIPSignalGenerator.h"
+#include "logging/LogDictionaries.h"
 #include "logging/OrvaneLogSender.h"
 #include "models/CoreMLModelManager.h"
-#include "orvane/ContextManager.h"
 #include "orvane/Log.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/RecordingHttpTransport.h"
@@ -41,7 +42,7 @@ class UploadQueueTest : public ::testing::Test {
       fake.platform.keyValueStores->openSuite("com.orvane.ads")
           ->set("app_launches", PlistDictionary{{"2020-09-13", launches}});
     }
-    manager = std::make_unique<ContextManager>(fake.platform);
+    manager = std::make_unique<Engine>(fake.platform);
     manager->setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
     manager->setServiceBaseURLValue("http://127.0.0.1:9");
     fake.application->becomeActive();
@@ -52,7 +53,7 @@ class UploadQueueTest : public ::testing::Test {
 
   void add(int n, std::string session = "session", int outcome = 1) {
     for (int i = 0; i < n; ++i) {
-      auto log = std::make_shared<Log>(
+      auto log = makeEngineLog(
           SignalList{SignalInt(SignalEnum::id(3), outcome),
                      SignalString(SignalEnum::id(8), "log-" + std::to_string(counter++)),
                      SignalString(SignalEnum::id(14), session),
@@ -80,7 +81,7 @@ class UploadQueueTest : public ::testing::Test {
 
   testing::FakePlatform fake;
   std::shared_ptr<InFlightTransport> http = std::make_shared<InFlightTransport>();
-  std::unique_ptr<ContextManager> manager;
+  std::unique_ptr<Engine> manager;
   size_t requestsBefore = 0;
   int counter = 0;
 };
@@ -238,12 +239,11 @@ TEST_F(UploadQueueTest, ModelUpdatesWaitWhileTheNetworkIsConstrained) {
 TEST(UploadQueueWithoutStoreTest, EveryOperationReportsAndNothingBreaks) {
   testing::FakePlatform fake;
   fake.platform.keyValueStores = testing::makeUnavailableKeyValueStoreProvider();
-  ContextManager manager(fake.platform);
+  Engine manager(fake.platform);
   fake.application->becomeActive();
   fake.drain();
-  auto log =
-      std::make_shared<Log>(SignalList{SignalInt(SignalEnum::id(3), 1)}, CustomSignalList{},
-                            CustomSignalList{}, CustomSignalList{}, Bytes{}, manager.weakHandle());
+  auto log = makeEngineLog(SignalList{SignalInt(SignalEnum::id(3), 1)}, CustomSignalList{},
+                           CustomSignalList{}, CustomSignalList{}, Bytes{}, manager.weakHandle());
   log->send();
   manager.orvaneLogSender().triggerUpload(UploadQueueKind::kMain, true);
   fake.drain();

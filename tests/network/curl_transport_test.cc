@@ -9,6 +9,7 @@
 #include <future>
 
 #include "orvane/platform/HttpTransport.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 namespace orvane {
 namespace {

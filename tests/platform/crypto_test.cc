@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "orvane/platform/Crypto.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 namespace orvane {
 namespace {

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "orvane/platform/Calendar.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "platform/linux/LinuxDeviceFacts.h"
 
 namespace orvane {

@@ -16,8 +16,9 @@
 #include <random>
 #include <thread>
 
-#include "platform/PlistCodec.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "platform/PlistSamples.h"
+#include "platform/linux/PlistCodec.h"
 #include "platform/linux/SqliteKeyValueStore.h"
 #include "platform/linux/StoredArrayDiff.h"
 

@@ -10,10 +10,10 @@
 #include <random>
 #include <thread>
 
+#include "api/Engine.h"
 #include "config/RemoteConfiguration.h"
 #include "motion/AccelerometerSensor.h"
 #include "orvane/Context.h"
-#include "orvane/ContextManager.h"
 #include "orvane/platform/Platform.h"
 
 namespace orvane {
@@ -44,10 +44,10 @@ struct Ledger {
 
 class StressHost {
  public:
-  explicit StressHost(ContextManager& manager) : manager_(manager) {}
+  explicit StressHost(Engine& manager) : manager_(manager) {}
 
   // One callback per request; it calls back into the SDK as hosts do.
-  ContextManager::ContextCallback callback(Kind kind) {
+  Engine::ContextCallback callback(Kind kind) {
     ledger.issued[kind]++;
     auto called = std::make_shared<std::atomic<bool>>(false);
     return [this, kind, called](std::shared_ptr<Context> context) {
@@ -127,7 +127,7 @@ class StressHost {
   Ledger ledger;
 
  private:
-  ContextManager& manager_;
+  Engine& manager_;
 };
 
 template <typename Predicate>
@@ -148,7 +148,7 @@ TEST(ConcurrentRequestsStressTest, EveryCallbackIsCalledOnceOnTheMainQueueOrCanc
   platform.http = nullptr;
   platform.log = std::make_shared<SilentLog>();
   platform.motion = makeReplayMotionService(platform.clock, 100, swaying);
-  auto manager = std::make_unique<ContextManager>(platform, ContextManagerIsSupported::kSupported);
+  auto manager = std::make_unique<Engine>(platform, ContextManagerIsSupported::kSupported);
   manager->setupWith("KEY-0123456789abcdef", {}, std::nullopt, Configuration{});
   // The host reports its app active, as on launch: the sensor samples from then on.
   std::dynamic_pointer_cast<HostApplicationService>(platform.application)->becomeActive();

@@ -1,4 +1,5 @@
 #include "testutil/FakePlatform.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 #include <algorithm>
 

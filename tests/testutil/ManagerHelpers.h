@@ -1,5 +1,5 @@
 // File: ManagerHelpers.h
-// For suites that drive a ContextManager: a log sender that keeps what it receives, and model
+// For suites that drive a Engine: a log sender that keeps what it receives, and model
 // assignments stored the way the model store keeps them.
 #pragma once
 
@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "orvane/ContextManager.h"
+#include "api/Engine.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane::testing {

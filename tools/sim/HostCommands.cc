@@ -7,8 +7,9 @@
 #include <mutex>
 #include <thread>
 
+#include "api/ContextAccess.h"
+#include "api/Engine.h"
 #include "logging/OrvaneLogSender.h"
-#include "models/ModelExecutionInformation.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
 #include "orvane/Log.h"
@@ -43,8 +44,9 @@ std::string outcomeLogIdOf(const Log& log) {
 }
 
 // Waits until everything posted to the main queue and then to the upload queue has run: the
-// records handed over so far are written and synchronised.
-void waitUntilQueued(ContextManager& manager) {
+// records handed over so far are written and synchronised. The kill harness trusts a printed
+// id only after this, so the tool reaches into the engine for it.
+void waitUntilQueued(Engine& manager) {
   manager.platform().executors->mainQueue()->sync([] {});
   std::promise<void> done;
   manager.orvaneLogSender().onQueue([&done] { done.set_value(); });
@@ -65,7 +67,7 @@ int runHost(const HostOptions& options) {
         handedOver.push_back(outcomeLogIdOf(*log));
       },
       Configuration{});
-  ContextManager& manager = ContextManager::shared();
+  Engine& manager = ContextManagerAccess::engine(ContextManager::shared());
   if (auto host =
           std::dynamic_pointer_cast<HostApplicationService>(manager.platform().application)) {
     host->becomeActive();
@@ -73,8 +75,8 @@ int runHost(const HostOptions& options) {
   std::cout << "installation " << manager.installationUUID() << std::endl;
 
   for (int i = 0; i < options.outcomes; ++i) {
-    auto context = Context::create(manager, {}, "flow" + std::to_string(i % 3), {},
-                                   MethodUsed::kFetchContext, {});
+    auto context = ContextAccess::create(manager, {}, "flow" + std::to_string(i % 3), {},
+                                         MethodUsed::kFetchContext, {});
     std::this_thread::sleep_for(std::chrono::milliseconds(options.intervalMs));
     context->log(i % 2 == 0 ? EventOutcome::kPositive : EventOutcome::kNegative);
     waitUntilQueued(manager);

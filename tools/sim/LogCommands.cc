@@ -9,6 +9,7 @@
 #include "logging/LogDecoder.h"
 #include "logging/LogEncoder.h"
 #include "orvane/platform/Platform.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "util/Base64.h"
 
 namespace orvane::sim {

@@ -23,11 +23,10 @@ int main(int argc, char** argv) {
 
   if (app.get_subcommands().empty()) {
     orvane::ContextManager::setup(key);
-    auto& manager = orvane::ContextManager::shared();
+    const orvane::Diagnostics diagnostics = orvane::ContextManager::diagnostics();
     std::cout << "OrvanePellam SDK " << orvane::ContextManager::sdkVersion() << "\n";
-    std::cout << "installation " << manager.installationUUID() << "\n";
-    std::cout << "session " << manager.currentSessionId() << "\n";
-    std::cout << "app launches " << manager.numberOfAppLaunches() << "\n";
+    std::cout << "installation " << diagnostics.installationID << "\n";
+    std::cout << "app launches " << diagnostics.appLaunches << "\n";
   }
   return exitCode;
 }

@@ -13,9 +13,9 @@
 #include <memory>
 #include <string>
 
-#include "coreml/FeatureValue.h"
-#include "coreml/ModelDescription.h"
-#include "coreml/Result.h"
+#include "orvane/coreml/FeatureValue.h"
+#include "orvane/coreml/ModelDescription.h"
+#include "orvane/coreml/Result.h"
 
 namespace orvane::coreml {
 

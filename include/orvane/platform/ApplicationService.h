@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "orvane/Export.h"
 #include "orvane/PlistValue.h"
 #include "orvane/platform/Executors.h"
 
@@ -31,12 +32,12 @@ inline constexpr const char* kShortcutItem = "shortcutItem";
 inline constexpr const char* kUserActivity = "userActivity";
 }  // namespace launch_option
 
-struct LifecycleObserver {
+struct ORVANE_API LifecycleObserver {
   std::function<void()> didBecomeActive;
   std::function<void()> willResignActive;
 };
 
-class ApplicationService {
+class ORVANE_API ApplicationService {
  public:
   virtual ~ApplicationService() = default;
   virtual ApplicationState applicationState() const = 0;
@@ -51,8 +52,9 @@ class ApplicationService {
 // other facts. Notifications are posted to the main queue, as the platform posts them.
 // Own it through a shared_ptr: a notification still queued when the service goes away then
 // finds it gone instead of touching freed memory.
-class HostApplicationService : public ApplicationService,
-                               public std::enable_shared_from_this<HostApplicationService> {
+class ORVANE_API HostApplicationService
+    : public ApplicationService,
+      public std::enable_shared_from_this<HostApplicationService> {
  public:
   explicit HostApplicationService(std::shared_ptr<SerialQueue> mainQueue,
                                   ApplicationState initialState = ApplicationState::kActive);

@@ -5,9 +5,11 @@
 #include <optional>
 #include <string>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-struct BundleInfo {
+struct ORVANE_API BundleInfo {
   // None when the host has no bundle identifier.
   std::optional<std::string> bundleIdentifier;
   std::string shortVersion;  // marketing version, e.g. "2.4.1"

@@ -7,10 +7,12 @@
 #include <optional>
 #include <string>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
 // Gregorian wall-clock fields of one instant. weekday runs 1..7 with 1 = Sunday.
-struct CalendarComponents {
+struct ORVANE_API CalendarComponents {
   int year = 0;
   int month = 0;  // 1..12
   int day = 0;    // 1..31
@@ -22,7 +24,7 @@ struct CalendarComponents {
   bool operator==(const CalendarComponents&) const = default;
 };
 
-class Calendar {
+class ORVANE_API Calendar {
  public:
   virtual ~Calendar() = default;
   // None when the instant cannot be represented (far outside the calendar's range).
@@ -36,10 +38,10 @@ class Calendar {
 };
 
 // The machine's local time zone (TZ, else /etc/localtime).
-std::shared_ptr<Calendar> makeSystemCalendar();
+ORVANE_API std::shared_ptr<Calendar> makeSystemCalendar();
 // A zone with a constant offset and no daylight saving; for tests and hosts that know better.
 // Its abbreviation is "GMT", "GMT+2" or "GMT-3:30" unless one is given.
-std::shared_ptr<Calendar> makeFixedOffsetCalendar(
+ORVANE_API std::shared_ptr<Calendar> makeFixedOffsetCalendar(
     std::string identifier, int64_t offsetSeconds,
     std::optional<std::string> abbreviation = std::nullopt);
 

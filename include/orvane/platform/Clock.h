@@ -4,9 +4,11 @@
 
 #include <memory>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-class Clock {
+class ORVANE_API Clock {
  public:
   virtual ~Clock() = default;
   // Seconds since 1970-01-01T00:00:00Z.
@@ -16,6 +18,6 @@ class Clock {
 };
 
 // The machine's clocks.
-std::shared_ptr<Clock> makeSystemClock();
+ORVANE_API std::shared_ptr<Clock> makeSystemClock();
 
 }  // namespace orvane

@@ -9,9 +9,11 @@
 #include <span>
 #include <vector>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-class Crypto {
+class ORVANE_API Crypto {
  public:
   virtual ~Crypto() = default;
   virtual std::array<uint8_t, 20> sha1(std::span<const uint8_t> data) const = 0;
@@ -25,8 +27,5 @@ class Crypto {
       std::span<const uint8_t> key, std::span<const uint8_t> iv,
       std::span<const uint8_t> data) const = 0;
 };
-
-// OpenSSL's EVP interface.
-std::shared_ptr<Crypto> makeOpenSslCrypto();
 
 }  // namespace orvane

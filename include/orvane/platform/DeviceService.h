@@ -11,12 +11,14 @@
 #include <optional>
 #include <string>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
 // Raw values are the mobile platforms' own, so signals and models agree across bridges.
 enum class BatteryState : int { kUnknown = 0, kUnplugged = 1, kCharging = 2, kFull = 3 };
 
-struct BatteryStatus {
+struct ORVANE_API BatteryStatus {
   std::optional<float> level;  // 0...1
   BatteryState state = BatteryState::kUnknown;
   bool operator==(const BatteryStatus&) const = default;
@@ -44,7 +46,7 @@ enum class UserInterfaceIdiom : int {
 
 enum class ThermalState : int { kNominal = 0, kFair = 1, kSerious = 2, kCritical = 3 };
 
-struct LocaleInfo {
+struct ORVANE_API LocaleInfo {
   std::string identifier;                   // "en_US", "de_CH"
   std::optional<std::string> languageCode;  // "en"
   std::optional<std::string> regionCode;    // "US", upper case
@@ -54,7 +56,7 @@ struct LocaleInfo {
 };
 
 // The main screen. Trait values are the platform's raw enumeration values.
-struct ScreenInfo {
+struct ORVANE_API ScreenInfo {
   std::optional<double> widthPoints;
   std::optional<double> heightPoints;
   std::optional<double> scale;
@@ -68,14 +70,14 @@ struct ScreenInfo {
 };
 
 // Hints of the shared audio session.
-struct AudioSessionInfo {
+struct ORVANE_API AudioSessionInfo {
   std::optional<bool> isOtherAudioPlaying;
   std::optional<bool> secondaryAudioShouldBeSilencedHint;
   std::optional<bool> allowHapticsAndSystemSoundsDuringRecording;
   bool operator==(const AudioSessionInfo&) const = default;
 };
 
-class DeviceService {
+class ORVANE_API DeviceService {
  public:
   virtual ~DeviceService() = default;
   // The hardware model identifier ("iPhone15,2"); on a simulator the host's architecture.
@@ -103,7 +105,7 @@ class DeviceService {
 };
 
 // Everything a host can state about its device.
-struct DeviceFacts {
+struct ORVANE_API DeviceFacts {
   std::optional<std::string> machineIdentifier;
   std::optional<std::string> simulatedModelIdentifier;
   std::optional<std::string> modelName;
@@ -123,7 +125,7 @@ struct DeviceFacts {
 };
 
 // A device described entirely by its host; safe to update from any thread.
-class HostDeviceService : public DeviceService {
+class ORVANE_API HostDeviceService : public DeviceService {
  public:
   explicit HostDeviceService(DeviceFacts facts = {}) : facts_(std::move(facts)) {}
 
@@ -157,17 +159,5 @@ class HostDeviceService : public DeviceService {
   mutable std::mutex mutex_;
   DeviceFacts facts_;
 };
-
-// Where the Linux device service looks; tests point it at a tree of their own.
-struct LinuxDevicePaths {
-  std::string powerSupply = "/sys/class/power_supply";
-};
-
-// This machine as far as Linux knows it: uname (machine, kernel release), physical memory,
-// online processors, the locale of LC_ALL or LANG, SIMULATOR_MODEL_IDENTIFIER, and the
-// battery under /sys/class/power_supply, read on each call. Screen, orientation, idiom and
-// the rest stay absent until the host sets them with update(), which also overrides any
-// value read from the machine (a set battery replaces the live reading).
-std::shared_ptr<HostDeviceService> makeLinuxDeviceService(LinuxDevicePaths paths = {});
 
 }  // namespace orvane

@@ -8,18 +8,20 @@
 #include <memory>
 #include <string>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
 using Task = std::function<void()>;
 
 // A scheduled piece of work that can be called off while it has not started.
-class Cancellable {
+class ORVANE_API Cancellable {
  public:
   virtual ~Cancellable() = default;
   virtual void cancel() = 0;
 };
 
-class SerialQueue {
+class ORVANE_API SerialQueue {
  public:
   virtual ~SerialQueue() = default;
   virtual const std::string& name() const = 0;
@@ -35,7 +37,7 @@ class SerialQueue {
   virtual bool isCurrent() const = 0;
 };
 
-class Executors {
+class ORVANE_API Executors {
  public:
   virtual ~Executors() = default;
   // Where host callbacks, lifecycle handlers and context creation run.
@@ -46,9 +48,9 @@ class Executors {
 
 // One thread per serial queue; the main queue is such a queue named "main" unless the host
 // hands in its own.
-std::shared_ptr<Executors> makeThreadExecutors(
+ORVANE_API std::shared_ptr<Executors> makeThreadExecutors(
     std::shared_ptr<SerialQueue> hostMainQueue = nullptr);
 // A serial queue backed by its own thread.
-std::shared_ptr<SerialQueue> makeThreadSerialQueue(const std::string& name);
+ORVANE_API std::shared_ptr<SerialQueue> makeThreadSerialQueue(const std::string& name);
 
 }  // namespace orvane

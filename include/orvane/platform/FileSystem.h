@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-class FileSystem {
+class ORVANE_API FileSystem {
  public:
   virtual ~FileSystem() = default;
   // The folder where the SDK keeps its files (models); created on demand.
@@ -40,6 +42,6 @@ class FileSystem {
 };
 
 // std::filesystem and statvfs, rooted at `dataDirectory` for application support.
-std::shared_ptr<FileSystem> makeLocalFileSystem(std::string dataDirectory);
+ORVANE_API std::shared_ptr<FileSystem> makeLocalFileSystem(std::string dataDirectory);
 
 }  // namespace orvane

@@ -12,12 +12,13 @@
 #include <utility>
 #include <vector>
 
+#include "orvane/Export.h"
 #include "orvane/PlatformError.h"
 #include "orvane/PlistValue.h"
 
 namespace orvane {
 
-struct HttpRequest {
+struct ORVANE_API HttpRequest {
   std::string url;
   std::string method = "POST";
   std::vector<std::pair<std::string, std::string>> headers;
@@ -25,7 +26,7 @@ struct HttpRequest {
   double timeoutSeconds = 60;
 };
 
-struct HttpResponse {
+struct ORVANE_API HttpResponse {
   int statusCode = 0;
   std::vector<std::pair<std::string, std::string>> headers;
   Bytes body;
@@ -40,7 +41,7 @@ using DownloadCompletion =
     std::function<void(std::optional<std::string> temporaryFile,
                        std::optional<HttpResponse> response, std::optional<PlatformError> error)>;
 
-class HttpTransport {
+class ORVANE_API HttpTransport {
  public:
   virtual ~HttpTransport() = default;
   virtual void send(HttpRequest request, HttpCompletion completion) = 0;
@@ -49,7 +50,8 @@ class HttpTransport {
                         DownloadCompletion completion) = 0;
 };
 
-// libcurl on a small pool of worker threads.
-std::shared_ptr<HttpTransport> makeCurlHttpTransport(size_t workers = 2);
+// A transport for platforms that have none: every request fails at once with a URL-loading
+// error (-1004) that says so, and uploads back off as for any failed connection.
+ORVANE_API std::shared_ptr<HttpTransport> makeUnavailableHttpTransport();
 
 }  // namespace orvane

@@ -10,11 +10,12 @@
 #include <string_view>
 #include <vector>
 
+#include "orvane/Export.h"
 #include "orvane/PlistValue.h"
 
 namespace orvane {
 
-class KeyValueStore {
+class ORVANE_API KeyValueStore {
  public:
   virtual ~KeyValueStore() = default;
   virtual std::optional<PlistValue> get(std::string_view key) const = 0;
@@ -33,15 +34,13 @@ class KeyValueStore {
 
 // Opens named suites. Returns null when the suite cannot be opened; callers then behave as
 // if nothing can be stored.
-class KeyValueStoreProvider {
+class ORVANE_API KeyValueStoreProvider {
  public:
   virtual ~KeyValueStoreProvider() = default;
   virtual std::shared_ptr<KeyValueStore> openSuite(std::string_view suiteName) = 0;
 };
 
-// One SQLite file per suite under `directory` ("<suite>.sqlite").
-std::shared_ptr<KeyValueStoreProvider> makeSqliteKeyValueStoreProvider(std::string directory);
 // Suites that live in memory only, shared by name for the provider's lifetime.
-std::shared_ptr<KeyValueStoreProvider> makeInMemoryKeyValueStoreProvider();
+ORVANE_API std::shared_ptr<KeyValueStoreProvider> makeInMemoryKeyValueStoreProvider();
 
 }  // namespace orvane

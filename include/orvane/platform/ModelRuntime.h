@@ -7,13 +7,15 @@
 #include <memory>
 #include <string>
 
-#include "coreml/FeatureValue.h"
-#include "coreml/ModelDescription.h"
-#include "coreml/Result.h"
+#include "orvane/Export.h"
+
+#include "orvane/coreml/FeatureValue.h"
+#include "orvane/coreml/ModelDescription.h"
+#include "orvane/coreml/Result.h"
 
 namespace orvane {
 
-class LoadedModel {
+class ORVANE_API LoadedModel {
  public:
   virtual ~LoadedModel() = default;
   virtual const coreml::ModelDescription& description() const = 0;
@@ -22,7 +24,7 @@ class LoadedModel {
       const coreml::FeatureProvider& inputs) const = 0;
 };
 
-class ModelRuntime {
+class ORVANE_API ModelRuntime {
  public:
   virtual ~ModelRuntime() = default;
   // Validates the model file and writes "<destinationFolder>/<NAME>.mlmodelc"; returns that
@@ -34,6 +36,6 @@ class ModelRuntime {
 };
 
 // The portable runtime of coreml/.
-std::shared_ptr<ModelRuntime> makePortableModelRuntime();
+ORVANE_API std::shared_ptr<ModelRuntime> makePortableModelRuntime();
 
 }  // namespace orvane

@@ -10,13 +10,15 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "orvane/Export.h"
 #include "orvane/platform/Clock.h"
 #include "orvane/platform/Executors.h"
 
 namespace orvane {
 
-struct MotionVector {
+struct ORVANE_API MotionVector {
   double x = 0;
   double y = 0;
   double z = 0;
@@ -24,7 +26,7 @@ struct MotionVector {
 };
 
 // Roll, pitch and yaw in radians.
-struct AttitudeData {
+struct ORVANE_API AttitudeData {
   double roll = 0;
   double pitch = 0;
   double yaw = 0;
@@ -33,7 +35,7 @@ struct AttitudeData {
 
 // One device-motion update: user acceleration (gravity removed) and gravity in g, rotation
 // rate in rad/s, and the time it was measured in seconds since boot (Clock::uptime()).
-struct DeviceMotion {
+struct ORVANE_API DeviceMotion {
   MotionVector userAcceleration;
   MotionVector rotationRate;
   AttitudeData attitude;
@@ -44,7 +46,7 @@ struct DeviceMotion {
 // Called for each update; a null pointer is an update that carries no motion.
 using DeviceMotionHandler = std::function<void(const DeviceMotion*)>;
 
-class MotionService {
+class ORVANE_API MotionService {
  public:
   virtual ~MotionService() = default;
   virtual bool isAccelerometerAvailable() const = 0;
@@ -65,23 +67,33 @@ using DeviceMotionGenerator = std::function<std::optional<DeviceMotion>(uint64_t
 
 // A device with accelerometer and gyroscope whose updates come from `generator`, `rateHz` per
 // second in real time: a repeating timer on the receiving queue, stamped with clock->uptime().
-std::shared_ptr<MotionService> makeReplayMotionService(std::shared_ptr<Clock> clock, double rateHz,
-                                                       DeviceMotionGenerator generator);
+ORVANE_API std::shared_ptr<MotionService> makeReplayMotionService(std::shared_ptr<Clock> clock,
+                                                                  double rateHz,
+                                                                  DeviceMotionGenerator generator);
+// The updates of a motion-trace file (JSON: "rateHz" and "samples" of t, acceleration,
+// rotationRate, gravity and attitude), timestamps left for a replay to stamp. None when the
+// file cannot be read or holds no samples; `error` then says why.
+struct ORVANE_API RecordedMotion {
+  double rateHz = 0;
+  std::vector<DeviceMotion> motions;
+};
+ORVANE_API std::optional<RecordedMotion> readRecordedMotion(const std::string& tracePath,
+                                                            std::string* error = nullptr);
 // A replay device playing the samples of a motion-trace file at the trace's rate, from the
 // start again after the last sample. Null when the file cannot be read; `error` then says why.
-std::shared_ptr<MotionService> makeTraceMotionService(std::shared_ptr<Clock> clock,
-                                                      const std::string& tracePath,
-                                                      std::string* error = nullptr);
+ORVANE_API std::shared_ptr<MotionService> makeTraceMotionService(std::shared_ptr<Clock> clock,
+                                                                 const std::string& tracePath,
+                                                                 std::string* error = nullptr);
 // A device lying still, face up, at 100 Hz: what a Linux host gets without a trace.
-std::shared_ptr<MotionService> makeStillMotionService(std::shared_ptr<Clock> clock);
+ORVANE_API std::shared_ptr<MotionService> makeStillMotionService(std::shared_ptr<Clock> clock);
 
 // A device without motion hardware, or with only some of it. It never delivers updates.
-std::shared_ptr<MotionService> makeUnsupportedMotionService(bool hasAccelerometer = false,
-                                                            bool hasGyro = false);
+ORVANE_API std::shared_ptr<MotionService> makeUnsupportedMotionService(
+    bool hasAccelerometer = false, bool hasGyro = false);
 
 // A device driven by hand: each push() posts one update, stamped with clock->uptime(), to the
 // queue of the current updates (nothing while updates are off).
-class ManualMotionService : public MotionService {
+class ORVANE_API ManualMotionService : public MotionService {
  public:
   explicit ManualMotionService(std::shared_ptr<Clock> clock) : clock_(std::move(clock)) {}
   bool isAccelerometerAvailable() const override { return true; }

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "orvane/Export.h"
 #include "orvane/platform/Executors.h"
 
 namespace orvane {
@@ -19,7 +20,7 @@ namespace orvane {
 // Which interfaces a monitor watches.
 enum class NetworkInterfaceKind { kAny, kWiFi };
 
-struct NetworkPath {
+struct ORVANE_API NetworkPath {
   bool isSatisfied = false;  // some interface of the kind can carry traffic
   // Unknown when the platform cannot tell (a Linux host until it says).
   std::optional<bool> isConstrained;  // low-data mode
@@ -29,7 +30,7 @@ struct NetworkPath {
 
 using NetworkPathHandler = std::function<void(const NetworkPath&)>;
 
-class NetworkPathService {
+class ORVANE_API NetworkPathService {
  public:
   virtual ~NetworkPathService() = default;
   // Runs `handler` on `queue` with the current path of `kind` once it is known, and again
@@ -42,8 +43,9 @@ class NetworkPathService {
 
 // Paths stated by their owner (a bridge forwarding the platform's monitors, a test, or the
 // Linux poller below); safe to update from any thread. Own it through a shared_ptr.
-class HostNetworkPathService : public NetworkPathService,
-                               public std::enable_shared_from_this<HostNetworkPathService> {
+class ORVANE_API HostNetworkPathService
+    : public NetworkPathService,
+      public std::enable_shared_from_this<HostNetworkPathService> {
  public:
   std::shared_ptr<Cancellable> startMonitor(NetworkInterfaceKind kind,
                                             std::shared_ptr<SerialQueue> queue,
@@ -67,28 +69,5 @@ class HostNetworkPathService : public NetworkPathService,
   std::map<int, Monitor> monitors_;
   int nextToken_ = 1;
 };
-
-// Where the Linux service looks and how often; tests point it at a tree of their own.
-struct LinuxNetworkPaths {
-  std::string net = "/sys/class/net";
-  double pollIntervalSeconds = 2.0;
-};
-
-// The network of a Linux host, read from /sys/class/net on a serial queue of its own
-// ("com.orvane.NetworkPathService") when made and then every poll interval. A path is
-// satisfied when an interface other than loopback is up (operstate "up", or "unknown" with
-// carrier, as tunnels and point-to-point links report); the Wi-Fi path counts only
-// interfaces with a "wireless" folder. Low-data mode and metered links are not visible
-// there: they stay unknown until the host states them.
-class LinuxNetworkPathService : public HostNetworkPathService {
- public:
-  virtual void setConstrained(std::optional<bool> constrained) = 0;
-  virtual void setExpensive(std::optional<bool> expensive) = 0;
-  // Reads the interfaces again now (on the service's queue).
-  virtual void refresh() = 0;
-};
-
-std::shared_ptr<LinuxNetworkPathService> makeLinuxNetworkPathService(
-    const std::shared_ptr<Executors>& executors, LinuxNetworkPaths paths = {});
 
 }  // namespace orvane

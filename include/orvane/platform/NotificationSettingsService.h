@@ -8,6 +8,8 @@
 #include <mutex>
 #include <optional>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
 enum class NotificationAuthorizationStatus : int {
@@ -21,7 +23,7 @@ enum class NotificationSetting : int { kNotSupported = 0, kDisabled = 1, kEnable
 enum class NotificationAlertStyle : int { kNone = 0, kBanner = 1, kAlert = 2 };
 enum class NotificationPreviewsSetting : int { kAlways = 0, kWhenAuthenticated = 1, kNever = 2 };
 
-struct NotificationSettings {
+struct ORVANE_API NotificationSettings {
   NotificationAuthorizationStatus authorizationStatus =
       NotificationAuthorizationStatus::kNotDetermined;
   NotificationSetting notificationCenterSetting = NotificationSetting::kNotSupported;
@@ -44,7 +46,7 @@ struct NotificationSettings {
 
 using NotificationSettingsCompletion = std::function<void(std::optional<NotificationSettings>)>;
 
-class NotificationSettingsService {
+class ORVANE_API NotificationSettingsService {
  public:
   virtual ~NotificationSettingsService() = default;
   // Asks for the current settings. `completion` runs once, on any thread (possibly the
@@ -54,7 +56,7 @@ class NotificationSettingsService {
 
 // Settings stated by the host (Linux has no notification center); safe from any thread.
 // Answers at once on the caller's thread.
-class HostNotificationSettingsService : public NotificationSettingsService {
+class ORVANE_API HostNotificationSettingsService : public NotificationSettingsService {
  public:
   explicit HostNotificationSettingsService(std::optional<NotificationSettings> settings = {})
       : settings_(settings) {}

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "orvane/Export.h"
 #include "orvane/platform/ApplicationService.h"
 #include "orvane/platform/BundleInfo.h"
 #include "orvane/platform/Calendar.h"
@@ -24,7 +25,7 @@
 
 namespace orvane {
 
-struct Platform {
+struct ORVANE_API Platform {
   std::shared_ptr<Clock> clock;
   std::shared_ptr<Calendar> calendar;
   std::shared_ptr<RandomSource> random;
@@ -42,11 +43,19 @@ struct Platform {
   std::shared_ptr<ModelRuntime> modelRuntime;
   BundleInfo bundle;
 
-  // The Linux platform. Data lives in $ORVANE_DATA_DIR, else $XDG_DATA_HOME/orvane, else
-  // ~/.local/share/orvane. Motion is replayed (see setDefaultMotionTrace). The network is a
-  // LinuxNetworkPathService (the host states low-data mode and metered links through it) and
-  // the notification settings a HostNotificationSettingsService.
+  // What ContextManager::shared() is made with when the host installed no platform: the
+  // platform of the registered factory (linking liborvane_platform_linux registers the Linux
+  // services), else portablePlatform(defaultDataDirectory()).
   static Platform defaultPlatform();
+  using Factory = Platform (*)();
+  static void setDefaultFactory(Factory factory);
+  // What the core offers on its own: the system clock, calendar and entropy, threads, files
+  // under `dataDirectory`, the stderr log, the portable crypto and model runtime, the default
+  // motion (see setDefaultMotionTrace), and host-driven application, device, network and
+  // notification services. Values live in memory only and there is no HTTP transport: a
+  // host that keeps this platform installs its own `keyValueStores` and `http`.
+  static Platform portablePlatform(const std::string& dataDirectory);
+  // $ORVANE_DATA_DIR, else $XDG_DATA_HOME/orvane, else ~/.local/share/orvane.
   static std::string defaultDataDirectory();
   // The motion-trace file that default platforms made from now on replay; an empty path
   // means $ORVANE_MOTION_TRACE, and without it a device lying still. Call it before the

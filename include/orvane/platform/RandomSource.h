@@ -7,9 +7,11 @@
 #include <memory>
 #include <span>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
-class RandomSource {
+class ORVANE_API RandomSource {
  public:
   virtual ~RandomSource() = default;
   // Uniform in [0, 1] with 24 bits of resolution (the resolution of a float draw).
@@ -23,7 +25,8 @@ class RandomSource {
   virtual bool secureBytes(std::span<uint8_t> out) = 0;
 };
 
-// OpenSSL's RAND_bytes for secure bytes; a 64-bit engine seeded from it for uniform draws.
-std::shared_ptr<RandomSource> makeSystemRandomSource();
+// The kernel's entropy (getentropy) for secure bytes; a 64-bit engine seeded from it for
+// uniform draws.
+ORVANE_API std::shared_ptr<RandomSource> makeSystemRandomSource();
 
 }  // namespace orvane

@@ -6,11 +6,13 @@
 #include <string>
 #include <string_view>
 
+#include "orvane/Export.h"
+
 namespace orvane {
 
 enum class LogLevel { kDebug, kInfo, kDefault, kError };
 
-class SystemLog {
+class ORVANE_API SystemLog {
  public:
   virtual ~SystemLog() = default;
   virtual void write(LogLevel level, std::string_view line) = 0;
@@ -21,6 +23,6 @@ class SystemLog {
 };
 
 // Lines to standard error; kDebug lines only when ORVANE_DEBUG_LOG is set.
-std::shared_ptr<SystemLog> makeStderrLog();
+ORVANE_API std::shared_ptr<SystemLog> makeStderrLog();
 
 }  // namespace orvane

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "orvane/platform/HttpTransport.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 namespace orvane {
 namespace {

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <vector>
 
+#include "orvane/platform/linux/LinuxPlatform.h"
 #include "platform/linux/LinuxDeviceFacts.h"
 
 namespace orvane {

@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "orvane/platform/NetworkPathService.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 namespace orvane {
 namespace {

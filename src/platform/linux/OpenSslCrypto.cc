@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "orvane/platform/Crypto.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 namespace orvane {
 namespace {

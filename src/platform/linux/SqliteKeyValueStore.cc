@@ -21,7 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/PlistCodec.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
+#include "platform/linux/PlistCodec.h"
 #include "platform/linux/StoredArrayDiff.h"
 
 namespace orvane {

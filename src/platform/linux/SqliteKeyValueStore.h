@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "orvane/platform/KeyValueStore.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 namespace orvane {
 

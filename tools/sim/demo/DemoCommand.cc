@@ -21,9 +21,7 @@
 #include "ScriptedUser.h"
 #include "Summary.h"
 #include "UpdatePayload.h"
-#include "logging/OrvaneLogSender.h"
 #include "orvane/ContextManager.h"
-#include "util/UserDefaultsProvider.h"
 
 namespace orvane::sim {
 namespace demo {
@@ -85,27 +83,6 @@ std::string joined(const std::map<std::string, std::string>& flows) {
     text.append(flow).append(": ").append(how);
   }
   return text;
-}
-
-// The ids of the records in both upload queues.
-std::vector<std::string> waitingLogIds(OrvaneLogSender& sender) {
-  std::vector<std::string> ids;
-  for (const auto& queue : {sender.mainQueue(), sender.unloggedQueue()}) {
-    for (const PlistDictionary& record : queue) {
-      auto found = record.find("ctx_8");
-      if (found == record.end()) continue;
-      if (const auto* id = found->second.asString()) ids.push_back(*id);
-    }
-  }
-  return ids;
-}
-
-// Waits until the upload queue has done everything handed to it so far.
-void waitForSender(ContextManager& manager) {
-  manager.platform().executors->mainQueue()->sync([] {});
-  std::promise<void> done;
-  manager.orvaneLogSender().onQueue([&done] { done.set_value(); });
-  done.get_future().wait();
 }
 
 class DemoRun {
@@ -255,11 +232,7 @@ void DemoRun::scheduleScript() {
       recorder_->note("service", "not started by the demo: no update offered");
       return;
     }
-    const int64_t version = ContextManager::shared()
-                                .userDefaultsProvider()
-                                ->integer("ota_last_applied_version")
-                                .value_or(0) +
-                            1;
+    const int64_t version = ContextManager::diagnostics().appliedUpdateVersion + 1;
     writePayloadFile(payloadFile_, makeUpdatePayload(version, options_.service, script_));
     recorder_->note("service", "answers uploads with update v" + std::to_string(version) + ": " +
                                    kModelFlow + " and " + kObservedFlow + " get model " +
@@ -297,10 +270,9 @@ void DemoRun::scheduleScript() {
 }
 
 void DemoRun::tick() {
-  ContextManager& manager = ContextManager::shared();
-  OrvaneLogSender& sender = manager.orvaneLogSender();
-  QueuePoint point{recorder_->now(), sender.mainQueue().size(), sender.unloggedQueue().size(),
-                   sender.currentBackoffSeconds()};
+  const Diagnostics now = ContextManager::diagnostics();
+  QueuePoint point{recorder_->now(), now.queuedRecords, now.unansweredContexts,
+                   now.uploadBackoffSeconds};
   recorder_->edit([&](RunRecord& r) { r.queue.push_back(point); });
 
   const std::string generation = ContextManager::currentAppliedCustomModelVersion();
@@ -330,18 +302,12 @@ void DemoRun::tick() {
 }
 
 void DemoRun::flush() {
-  ContextManager& manager = ContextManager::shared();
-  OrvaneLogSender& sender = manager.orvaneLogSender();
   app_->cancelWaitingRequests();
   recorder_->note("app", "end of the script: uploading what waits, as at the next launch");
   for (int attempt = 0; attempt < 5; ++attempt) {
-    manager.platform().executors->mainQueue()->sync([&] {
-      sender.triggerUpload(UploadQueueKind::kUnloggedContexts, true);
-      sender.triggerUpload(UploadQueueKind::kMain, true);
-    });
-    waitForSender(manager);
+    const bool emptied = ContextManager::flush(30);
     tick();
-    if (sender.mainQueue().empty()) break;
+    if (emptied) break;
   }
   // An update that came with the last answers is applied on the model store's own queue
   // (download, compile); give it a moment so the summary tells the truth.
@@ -349,9 +315,7 @@ void DemoRun::flush() {
   recorder_->edit([&](RunRecord& r) {
     for (const Exchange& e : r.exchanges) offered = std::max(offered, e.updateVersion.value_or(0));
   });
-  const auto applied = [&] {
-    return manager.userDefaultsProvider()->integer("ota_last_applied_version").value_or(0);
-  };
+  const auto applied = [] { return ContextManager::diagnostics().appliedUpdateVersion; };
   for (int i = 0; i < 50 && applied() < offered; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
@@ -359,15 +323,16 @@ void DemoRun::flush() {
 }
 
 void DemoRun::finish() {
-  ContextManager& manager = ContextManager::shared();
-  const std::vector<std::string> waiting = waitingLogIds(manager.orvaneLogSender());
+  const Diagnostics last = ContextManager::diagnostics();
+  std::vector<std::string> waiting = last.queuedLogIds;
+  waiting.insert(waiting.end(), last.unansweredLogIds.begin(), last.unansweredLogIds.end());
   auto stored = client_->stored();
   recorder_->edit([&](RunRecord& r) {
     r.length = recorder_->now();
     // The device stays where the script left it while the last uploads go out.
     if (!r.postures.empty()) r.postures.back().end = r.length;
     r.waitingLogIds = waiting;
-    r.installation = manager.installationUUID();
+    r.installation = last.installationID;
     r.serviceURL = options_.service;
     r.sdkVersion = ContextManager::sdkVersion();
     for (const FlowPlan& flow : script_.flows) r.flowOrder.push_back(flow.name);
@@ -401,11 +366,11 @@ int DemoRun::run() {
 
   app_->launch(options_.key, options_.service);
   app_->becomeActive();
-  ContextManager& manager = ContextManager::shared();
-  manager.platform().executors->mainQueue()->sync([] {});
-  generation_ = ContextManager::currentAppliedCustomModelVersion();
-  recorder_->note("app", "launched and active: installation " + manager.installationUUID() +
-                             ", launch " + std::to_string(manager.numberOfAppLaunches()));
+  ContextManager::shared().platform().executors->mainQueue()->sync([] {});
+  const Diagnostics started = ContextManager::diagnostics();
+  generation_ = started.appliedModelGeneration;
+  recorder_->note("app", "launched and active: installation " + started.installationID +
+                             ", launch " + std::to_string(started.appLaunches));
   recorder_->note("models", "in use: " + generation_ + "; " + joined(currentAssignments(script_)));
 
   scheduleScript();

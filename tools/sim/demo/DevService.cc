@@ -1,4 +1,5 @@
 #include "DevService.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 #include <fcntl.h>
 #include <poll.h>

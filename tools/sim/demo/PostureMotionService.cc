@@ -4,8 +4,6 @@
 #include <cmath>
 #include <vector>
 
-#include "motion/MotionTrace.h"
-
 namespace orvane::sim::demo {
 
 struct PostureMotionService::Recordings {
@@ -27,18 +25,14 @@ std::shared_ptr<PostureMotionService> PostureMotionService::load(std::shared_ptr
   auto recordings = std::make_shared<Recordings>();
   for (Posture posture : kPostures) {
     const std::string path = motionDir + "/" + traceFileName(posture);
-    auto trace = readMotionTraceFile(path);
-    if (!trace.ok() || trace->samples.empty()) {
-      if (error) {
-        *error = path + ": " + (trace.ok() ? "no samples" : trace.error().description);
-      }
+    std::string why;
+    auto trace = readRecordedMotion(path, &why);
+    if (!trace) {
+      if (error) *error = path + ": " + why;
       return nullptr;
     }
     recordings->rateHz = trace->rateHz;
-    auto& motions = recordings->byPosture[static_cast<size_t>(posture)];
-    for (const AccelerometerSensorValue& s : trace->samples) {
-      motions.push_back({s.acceleration, s.rotationRate, s.attitude, s.gravity, 0});
-    }
+    recordings->byPosture[static_cast<size_t>(posture)] = std::move(trace->motions);
   }
   return std::shared_ptr<PostureMotionService>(
       new PostureMotionService(std::move(clock), std::move(recordings), std::move(listener)));

@@ -1,5 +1,10 @@
-// Uniform draws for sampling decisions and secure bytes for keys and ids.
-#include <openssl/rand.h>
+// Uniform draws for sampling decisions and secure bytes for keys and ids. Secure bytes come
+// straight from the kernel (getentropy), not from a crypto library: worker threads may still
+// draw while a library's exit-time clean-up runs, and the kernel is never torn down.
+#include <unistd.h>
+#if defined(__APPLE__)
+#include <sys/random.h>
+#endif
 
 #include <algorithm>
 #include <array>
@@ -15,11 +20,11 @@ namespace orvane {
 namespace {
 
 bool randBytes(std::span<uint8_t> out) {
-  // RAND_bytes takes an int length; feed it in chunks so a huge span cannot overflow it.
-  constexpr size_t kChunk = 1u << 30;
+  // getentropy fills at most 256 bytes a call.
+  constexpr size_t kChunk = 256;
   for (size_t offset = 0; offset < out.size(); offset += kChunk) {
     const size_t n = std::min(kChunk, out.size() - offset);
-    if (RAND_bytes(out.data() + offset, static_cast<int>(n)) != 1) return false;
+    if (getentropy(out.data() + offset, n) != 0) return false;
   }
   return true;
 }

@@ -81,24 +81,32 @@ std::shared_ptr<MotionService> makeReplayMotionService(std::shared_ptr<Clock> cl
   return std::make_shared<ReplayMotionService>(std::move(clock), rateHz, std::move(generator));
 }
 
-std::shared_ptr<MotionService> makeTraceMotionService(std::shared_ptr<Clock> clock,
-                                                      const std::string& tracePath,
-                                                      std::string* error) {
+std::optional<RecordedMotion> readRecordedMotion(const std::string& tracePath, std::string* error) {
   auto trace = readMotionTraceFile(tracePath);
   if (!trace.ok() || trace->samples.empty()) {
     if (error) *error = trace.ok() ? "the trace holds no samples" : trace.error().description;
-    return nullptr;
+    return std::nullopt;
   }
-  std::vector<DeviceMotion> motions;
-  motions.reserve(trace->samples.size());
+  RecordedMotion recorded;
+  recorded.rateHz = trace->rateHz;
+  recorded.motions.reserve(trace->samples.size());
   for (const AccelerometerSensorValue& s : trace->samples) {
-    motions.push_back({s.acceleration, s.rotationRate, s.attitude, s.gravity, 0});
+    recorded.motions.push_back({s.acceleration, s.rotationRate, s.attitude, s.gravity, 0});
   }
+  return recorded;
+}
+
+std::shared_ptr<MotionService> makeTraceMotionService(std::shared_ptr<Clock> clock,
+                                                      const std::string& tracePath,
+                                                      std::string* error) {
+  auto recorded = readRecordedMotion(tracePath, error);
+  if (!recorded) return nullptr;
   // A host replaying a short recording keeps getting motion: the trace starts over.
-  auto generator = [motions = std::move(motions)](uint64_t index) -> std::optional<DeviceMotion> {
+  auto generator =
+      [motions = std::move(recorded->motions)](uint64_t index) -> std::optional<DeviceMotion> {
     return motions[index % motions.size()];
   };
-  return makeReplayMotionService(std::move(clock), trace->rateHz, std::move(generator));
+  return makeReplayMotionService(std::move(clock), recorded->rateHz, std::move(generator));
 }
 
 std::shared_ptr<MotionService> makeStillMotionService(std::shared_ptr<Clock> clock) {

@@ -1,4 +1,4 @@
-#include "platform/PlistCodec.h"
+#include "platform/linux/PlistCodec.h"
 
 #include <bit>
 #include <string>

@@ -7,9 +7,11 @@
 #include <utility>
 #include <variant>
 
+#include "orvane/Export.h"
+
 namespace orvane::coreml {
 
-class Error {
+class ORVANE_API Error {
  public:
   explicit Error(std::string message) : message_(std::move(message)) {}
   const std::string& message() const { return message_; }

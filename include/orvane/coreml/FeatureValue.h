@@ -10,6 +10,8 @@
 #include <variant>
 #include <vector>
 
+#include "orvane/Export.h"
+
 namespace orvane::coreml {
 
 // The kinds of feature a model description can declare.
@@ -25,16 +27,16 @@ enum class FeatureType {
   kState,
 };
 
-const char* featureTypeName(FeatureType type);
+ORVANE_API const char* featureTypeName(FeatureType type);
 
 // A dense array of doubles in row-major order. Valid when the product of `shape` equals
 // values.size(); an empty shape is read as one dimension of values.size().
-struct MultiArray {
+struct ORVANE_API MultiArray {
   std::vector<int64_t> shape;
   std::vector<double> values;
 };
 
-class FeatureValue {
+class ORVANE_API FeatureValue {
  public:
   using Int64Dictionary = std::map<int64_t, double>;
   using StringDictionary = std::map<std::string, double>;
@@ -91,7 +93,7 @@ bool operator==(const MultiArray& a, const MultiArray& b);
 
 // Hands a model its inputs. featureValue() is asked once per model input per prediction; an
 // absent answer means the feature is not available.
-class FeatureProvider {
+class ORVANE_API FeatureProvider {
  public:
   virtual ~FeatureProvider() = default;
   virtual std::vector<std::string> featureNames() const = 0;
@@ -99,7 +101,7 @@ class FeatureProvider {
 };
 
 // A provider over a map, for tools and tests.
-class DictionaryFeatureProvider : public FeatureProvider {
+class ORVANE_API DictionaryFeatureProvider : public FeatureProvider {
  public:
   DictionaryFeatureProvider() = default;
   explicit DictionaryFeatureProvider(std::map<std::string, FeatureValue> values)

@@ -1,5 +1,6 @@
-// The services of a Linux host, wired together. Tests build their own Platform from fakes;
-// this is what an application gets when it does not.
+// The platform an application gets when it installs none: the one a platform library
+// registered (the Linux services), else the portable services of the core. Tests build their
+// own Platform from fakes.
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -31,6 +32,33 @@ bool holdsBundle(const std::filesystem::path& folder) {
   std::error_code ec;
   return std::filesystem::is_directory(folder / "Orvane.bundle", ec);
 }
+
+std::mutex& factoryMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+Platform::Factory& registeredFactory() {
+  static Platform::Factory factory = nullptr;
+  return factory;
+}
+
+// Without a transport of the host's, every request fails at once with a reason a developer
+// can act on; uploads keep their records and back off as for any network failure.
+class UnavailableHttpTransport final : public HttpTransport {
+ public:
+  void send(HttpRequest, HttpCompletion completion) override {
+    if (completion) completion(std::nullopt, error());
+  }
+  void download(std::string, std::string, double, DownloadCompletion completion) override {
+    if (completion) completion(std::nullopt, std::nullopt, error());
+  }
+
+ private:
+  static PlatformError error() {
+    return PlatformError{"NSURLErrorDomain", -1004,
+                         "no HTTP transport: install a platform whose `http` is set"};
+  }
+};
 
 std::mutex& motionTraceMutex() {
   static std::mutex mutex;
@@ -100,25 +128,41 @@ std::string Platform::defaultDataDirectory() {
   return "/tmp/orvane";
 }
 
+std::shared_ptr<HttpTransport> makeUnavailableHttpTransport() {
+  return std::make_shared<UnavailableHttpTransport>();
+}
+
+void Platform::setDefaultFactory(Factory factory) {
+  std::lock_guard<std::mutex> guard(factoryMutex());
+  registeredFactory() = factory;
+}
+
 Platform Platform::defaultPlatform() {
-  const std::string dataDirectory = defaultDataDirectory();
+  Factory factory = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(factoryMutex());
+    factory = registeredFactory();
+  }
+  return factory ? factory() : portablePlatform(defaultDataDirectory());
+}
+
+Platform Platform::portablePlatform(const std::string& dataDirectory) {
   Platform platform;
   platform.clock = makeSystemClock();
   platform.calendar = makeSystemCalendar();
   platform.random = makeSystemRandomSource();
-  platform.keyValueStores = makeSqliteKeyValueStoreProvider(dataDirectory + "/defaults");
+  platform.keyValueStores = makeInMemoryKeyValueStoreProvider();
   platform.fileSystem = makeLocalFileSystem(dataDirectory);
   platform.log = makeStderrLog();
   platform.executors = makeThreadExecutors();
-  platform.crypto = makeOpenSslCrypto();
-  // The app is still launching: the host's first becomeActive() is its launch activation.
+  platform.crypto = nullptr;
   platform.application = std::make_shared<HostApplicationService>(platform.executors->mainQueue(),
                                                                   ApplicationState::kInactive);
-  platform.http = makeCurlHttpTransport();
+  platform.http = makeUnavailableHttpTransport();
   platform.modelRuntime = makePortableModelRuntime();
   platform.motion = makeDefaultMotionService(platform.clock, *platform.log);
-  platform.device = makeLinuxDeviceService();
-  platform.network = makeLinuxNetworkPathService(platform.executors);
+  platform.device = std::make_shared<HostDeviceService>();
+  platform.network = std::make_shared<HostNetworkPathService>();
   platform.notifications = std::make_shared<HostNotificationSettingsService>();
   platform.bundle.bundleIdentifier = environment("ORVANE_BUNDLE_ID");
   platform.bundle.sdkResourceDirectory = defaultResourceDirectory();

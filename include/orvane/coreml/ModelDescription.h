@@ -8,14 +8,16 @@
 #include <string>
 #include <vector>
 
-#include "coreml/FeatureValue.h"
+#include "orvane/Export.h"
+
+#include "orvane/coreml/FeatureValue.h"
 
 namespace orvane::coreml {
 
 enum class ArrayDataType { kInvalid, kFloat32, kDouble, kInt32, kInt8, kFloat16 };
 enum class DictionaryKeyType { kNone, kInt64, kString };
 
-struct FeatureDescription {
+struct ORVANE_API FeatureDescription {
   std::string name;
   std::string shortDescription;
   FeatureType type = FeatureType::kInvalid;
@@ -31,7 +33,7 @@ struct FeatureDescription {
   FeatureType sequenceElementType = FeatureType::kInvalid;
 };
 
-struct ModelMetadata {
+struct ORVANE_API ModelMetadata {
   std::string shortDescription;
   std::string versionString;
   std::string author;
@@ -39,7 +41,7 @@ struct ModelMetadata {
   std::map<std::string, std::string> userDefined;
 };
 
-struct ModelDescription {
+struct ORVANE_API ModelDescription {
   std::vector<FeatureDescription> inputs;
   std::vector<FeatureDescription> outputs;
   // Classifiers and regressors name their main output; classifiers may name the output that
