@@ -29,4 +29,7 @@ class Crypto {
 // OpenSSL's EVP interface.
 std::shared_ptr<Crypto> makeOpenSslCrypto();
 
+// Written from the published algorithms, on the standard library alone.
+std::shared_ptr<Crypto> makePortableCrypto();
+
 }  // namespace orvane
