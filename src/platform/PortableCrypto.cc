@@ -136,7 +136,7 @@ constexpr uint32_t packColumn(uint8_t r0, uint8_t r1, uint8_t r2, uint8_t r3) {
   return uint32_t{r0} << 24 | uint32_t{r1} << 16 | uint32_t{r2} << 8 | uint32_t{r3};
 }
 
-// The S-boxes are derived as the standard defines them (multiplicative inverse, then an affine
+// The S-boxes are derived as FIPS 197 defines them (multiplicative inverse, then an affine
 // map) rather than typed in; the round tables fold SubBytes and MixColumns into one lookup per
 // byte: entry x is the column that input byte x of row 0 contributes, and the other rows' are
 // the same column rotated.
@@ -221,7 +221,7 @@ uint32_t inverseMixColumn(uint32_t column) {
   return out;
 }
 
-// Decryption runs the rounds in the same shape as encryption (the standard's equivalent inverse
+// Decryption runs the rounds in the same shape as encryption (FIPS 197's equivalent inverse
 // cipher): round keys in reverse order, with InverseMixColumns applied to the inner ones.
 KeySchedule inverseSchedule(const KeySchedule& forward) {
   KeySchedule inverse;
@@ -272,7 +272,8 @@ Block cipherBlock(Block s, const KeySchedule& ks) {
   const uint32_t* key = ks.words.data();
   for (size_t c = 0; c < 4; ++c) s[c] ^= key[c];
   for (int round = 1; round < ks.rounds; ++round) {
-    s = innerRound<kDecrypt>(s, key += 4, columns);
+    key += 4;
+    s = innerRound<kDecrypt>(s, key, columns);
   }
   return finalRound<kDecrypt>(s, key + 4, columns);
 }
