@@ -155,7 +155,7 @@ Platform Platform::portablePlatform(const std::string& dataDirectory) {
   platform.fileSystem = makeLocalFileSystem(dataDirectory);
   platform.log = makeStderrLog();
   platform.executors = makeThreadExecutors();
-  platform.crypto = nullptr;
+  platform.crypto = makePortableCrypto();
   platform.application = std::make_shared<HostApplicationService>(platform.executors->mainQueue(),
                                                                   ApplicationState::kInactive);
   platform.http = makeUnavailableHttpTransport();

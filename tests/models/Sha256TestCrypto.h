@@ -1,9 +1,9 @@
 // File: Sha256TestCrypto.h
-// Digests straight from OpenSSL's one-shot functions, for tests and benchmarks that need a
-// real SHA-256 but not the platform's cipher.
+// Real digests without the platform's cipher, counting the SHA-256 calls, for tests and
+// benchmarks of code that hashes.
 #pragma once
 
-#include <openssl/sha.h>
+#include <memory>
 
 #include "orvane/platform/Crypto.h"
 
@@ -12,15 +12,11 @@ namespace orvane::testing {
 class Sha256TestCrypto : public Crypto {
  public:
   std::array<uint8_t, 20> sha1(std::span<const uint8_t> data) const override {
-    std::array<uint8_t, 20> out{};
-    SHA1(data.data(), data.size(), out.data());
-    return out;
+    return digests_->sha1(data);
   }
   std::array<uint8_t, 32> sha256(std::span<const uint8_t> data) const override {
     ++sha256Calls;
-    std::array<uint8_t, 32> out{};
-    SHA256(data.data(), data.size(), out.data());
-    return out;
+    return digests_->sha256(data);
   }
   std::optional<std::vector<uint8_t>> aesCbcEncrypt(std::span<const uint8_t>,
                                                     std::span<const uint8_t>,
@@ -34,6 +30,9 @@ class Sha256TestCrypto : public Crypto {
   }
 
   mutable int sha256Calls = 0;
+
+ private:
+  std::shared_ptr<Crypto> digests_ = makePortableCrypto();
 };
 
 }  // namespace orvane::testing

@@ -1,5 +1,4 @@
 #include "testutil/FakePlatform.h"
-#include "orvane/platform/linux/LinuxPlatform.h"
 
 #include <algorithm>
 
@@ -193,7 +192,7 @@ FakePlatform::FakePlatform()
   platform.fileSystem = makeLocalFileSystem(::testing::TempDir() + "orvane-fake-platform");
   platform.log = log;
   platform.executors = executors;
-  platform.crypto = makeOpenSslCrypto();
+  platform.crypto = makePortableCrypto();
   platform.application = application;
   platform.motion = motion;
   platform.network = network;

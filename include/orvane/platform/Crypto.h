@@ -28,4 +28,7 @@ class ORVANE_API Crypto {
       std::span<const uint8_t> data) const = 0;
 };
 
+// Written from the published algorithms, on the standard library alone.
+ORVANE_API std::shared_ptr<Crypto> makePortableCrypto();
+
 }  // namespace orvane
