@@ -43,17 +43,23 @@ Platform::Factory& registeredFactory() {
 }
 
 // Without a transport of the host's, every request fails at once with a reason a developer
-// can act on; uploads keep their records and back off as for any network failure.
+// can act on; uploads keep their records and back off as for any network failure. Like any
+// transport it completes on a thread of its own, never inside the caller's call.
 class UnavailableHttpTransport final : public HttpTransport {
  public:
   void send(HttpRequest, HttpCompletion completion) override {
-    if (completion) completion(std::nullopt, error());
+    if (!completion) return;
+    queue_->async([completion = std::move(completion)] { completion(std::nullopt, error()); });
   }
   void download(std::string, std::string, double, DownloadCompletion completion) override {
-    if (completion) completion(std::nullopt, std::nullopt, error());
+    if (!completion) return;
+    queue_->async(
+        [completion = std::move(completion)] { completion(std::nullopt, std::nullopt, error()); });
   }
 
  private:
+  std::shared_ptr<SerialQueue> queue_ = makeThreadSerialQueue("com.orvane.UnavailableHttp");
+
   static PlatformError error() {
     return PlatformError{"NSURLErrorDomain", -1004,
                          "no HTTP transport: install a platform whose `http` is set"};
