@@ -107,4 +107,34 @@ class ManualMotionService : public MotionService {
   int starts_ = 0;
 };
 
+// Motion pushed by the host: a bridge forwarding the platform's motion manager calls push()
+// for each update, stamped by the platform in seconds since boot on the base of the
+// platform's Clock::uptime(). `onDeliveryChange` hears true when the SDK starts wanting updates
+// and false when it stops, so that the host runs its sensors only meanwhile; it is called on
+// the thread that starts or stops updates, with no lock held.
+class HostMotionService : public MotionService {
+ public:
+  HostMotionService(bool accelerometerAvailable, bool gyroAvailable,
+                    std::function<void(bool delivering)> onDeliveryChange = nullptr);
+  bool isAccelerometerAvailable() const override { return accelerometerAvailable_; }
+  bool isGyroAvailable() const override { return gyroAvailable_; }
+  bool isAppOnDesktop() const override { return false; }
+  void startDeviceMotionUpdates(std::shared_ptr<SerialQueue> queue,
+                                DeviceMotionHandler handler) override;
+  void stopMotionUpdates() override;
+
+  // Posts `motion` to the queue of the current updates, in the order of the calls; false
+  // (and nothing posted) while updates are off.
+  bool push(const DeviceMotion& motion);
+  bool isDelivering() const;
+
+ private:
+  const bool accelerometerAvailable_;
+  const bool gyroAvailable_;
+  const std::function<void(bool)> onDeliveryChange_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<SerialQueue> queue_;
+  DeviceMotionHandler handler_;
+};
+
 }  // namespace orvane
