@@ -437,7 +437,8 @@ typedef void (*orvane_motion_state_fn)(bool running, void* user_data);
 
 /* Motion comes from orvane_push_device_motion instead of the platform. The SDK counts as
  * supported only with both sensors. `on_state_change` (may be NULL) hears true when the SDK
- * starts wanting updates and false when it stops, on an SDK thread. */
+ * starts wanting updates and false when it stops, in order, on an SDK thread: the host starts
+ * and stops its sensors accordingly. */
 ORVANE_API bool orvane_use_host_motion(bool accelerometer_available, bool gyroscope_available,
                                        orvane_motion_state_fn on_state_change, void* user_data);
 
@@ -450,14 +451,16 @@ typedef enum orvane_log_level {
 typedef void (*orvane_log_sink_fn)(orvane_log_level level, const char* message, void* user_data);
 
 /* Every SDK log line (all levels, "[Orvane] " prefixed) goes to `sink` instead of stderr, one
- * call at a time, from any thread; `message` is valid during the call. */
+ * call at a time, from any thread; `message` is valid during the call. The sink may be called
+ * while the SDK holds a lock: it must not call into the SDK. */
 ORVANE_API bool orvane_use_log_sink(orvane_log_sink_fn sink, void* user_data);
 
 typedef void (*orvane_main_dispatcher_fn)(orvane_main_job* job, void* user_data);
 
 /* The host's main thread becomes the SDK's main queue: each job goes to `dispatcher` (on an
- * SDK thread, or the main thread), which must not run it inline but hand it to the main loop,
- * in order, to be run there with orvane_main_job_run. Callbacks then run on that thread. */
+ * SDK thread, or the main thread), which hands it to the main loop, in order, to be run there
+ * with orvane_main_job_run; it must neither run the job inline nor call into the SDK. Context
+ * and log callbacks then run on the host's main thread. */
 ORVANE_API bool orvane_use_main_dispatcher(orvane_main_dispatcher_fn dispatcher, void* user_data);
 
 /* Paths come only from orvane_set_network_path, not from the platform's own monitor. */

@@ -141,6 +141,9 @@ void HostMainQueue::sync(Task task) {
   // Signals the waiter when the job's task is destroyed, whether it ran or the host dropped
   // the job unrun: a dropped job must not leave the caller waiting for ever.
   struct Finisher {
+    explicit Finisher(std::shared_ptr<Completion> c) : completion(std::move(c)) {}
+    Finisher(const Finisher&) = delete;
+    Finisher& operator=(const Finisher&) = delete;
     std::shared_ptr<Completion> completion;
     ~Finisher() {
       std::lock_guard<std::mutex> guard(completion->mutex);
@@ -149,7 +152,7 @@ void HostMainQueue::sync(Task task) {
     }
   };
   auto completion = std::make_shared<Completion>();
-  auto finisher = std::make_shared<Finisher>(Finisher{completion});
+  auto finisher = std::make_shared<Finisher>(completion);
   core_->post([&task, completion, finisher] {
     try {
       task();

@@ -10,27 +10,40 @@ HostMotionService::HostMotionService(bool accelerometerAvailable, bool gyroAvail
       gyroAvailable_(gyroAvailable),
       onDeliveryChange_(std::move(onDeliveryChange)) {}
 
+void HostMotionService::notify(const std::shared_ptr<SerialQueue>& queue, bool delivering) {
+  if (!onDeliveryChange_) return;
+  // Start and stop are called under the sensor's state lock; the host hears of them on the
+  // sampling queue instead, where it may call back into the SDK.
+  auto change = onDeliveryChange_;
+  if (queue) {
+    queue->async([change, delivering] { change(delivering); });
+  } else {
+    change(delivering);
+  }
+}
+
 void HostMotionService::startDeviceMotionUpdates(std::shared_ptr<SerialQueue> queue,
                                                  DeviceMotionHandler handler) {
+  if (!queue || !handler) {
+    stopMotionUpdates();
+    return;
+  }
   bool started = false;
   {
     std::lock_guard<std::mutex> guard(mutex_);
-    started = handler_ == nullptr && handler != nullptr && queue != nullptr;
-    if (!queue || !handler) {
-      queue_.reset();
-      handler_ = nullptr;
-    } else {
-      queue_ = std::move(queue);
-      handler_ = std::move(handler);
-    }
+    started = handler_ == nullptr;
+    queue_ = queue;
+    handler_ = std::move(handler);
+    notifyQueue_ = queue;
   }
   // Starting again only replaces the handler: the host's sensors are already running.
-  if (started && onDeliveryChange_) onDeliveryChange_(true);
+  if (started) notify(queue, true);
 }
 
 void HostMotionService::stopMotionUpdates() {
   bool stopped = false;
   DeviceMotionHandler released;
+  std::shared_ptr<SerialQueue> notifyQueue;
   {
     std::lock_guard<std::mutex> guard(mutex_);
     stopped = handler_ != nullptr;
@@ -38,8 +51,9 @@ void HostMotionService::stopMotionUpdates() {
     // Destroyed outside the lock: the handler may own the last reference to its receiver.
     released = std::move(handler_);
     handler_ = nullptr;
+    notifyQueue = notifyQueue_.lock();
   }
-  if (stopped && onDeliveryChange_) onDeliveryChange_(false);
+  if (stopped) notify(notifyQueue, false);
 }
 
 bool HostMotionService::push(const DeviceMotion& motion) {

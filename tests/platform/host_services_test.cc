@@ -204,12 +204,16 @@ TEST(HostMotionService, DeliversTheHostsUpdatesOnlyWhileTheSdkWantsThem) {
   motion.timestamp = 12.51;
   EXPECT_TRUE(service.push(motion));
   EXPECT_TRUE(seen.empty()) << "updates are posted to the sampling queue";
+  EXPECT_TRUE(changes.empty());
   executors->runUntilIdle();
   EXPECT_EQ(seen, (std::vector<double>{1012.5, 1012.51}));
 
   service.stopMotionUpdates();
   service.stopMotionUpdates();
   EXPECT_FALSE(service.push(motion));
+  // The host hears of starts and stops on the sampling queue, never inside the caller.
+  EXPECT_EQ(changes, (std::vector<bool>{true}));
+  executors->runUntilIdle();
   EXPECT_EQ(changes, (std::vector<bool>{true, false}));
 }
 

@@ -110,8 +110,8 @@ class ManualMotionService : public MotionService {
 // Motion pushed by the host: a bridge forwarding the platform's motion manager calls push()
 // for each update, stamped by the platform in seconds since boot on the base of the
 // platform's Clock::uptime(). `onDeliveryChange` hears true when the SDK starts wanting updates
-// and false when it stops, so that the host runs its sensors only meanwhile; it is called on
-// the thread that starts or stops updates, with no lock held.
+// and false when it stops, so that the host runs its sensors only meanwhile; it runs on the
+// queue the updates go to (the last one, for a stop), in order.
 class HostMotionService : public MotionService {
  public:
   HostMotionService(bool accelerometerAvailable, bool gyroAvailable,
@@ -131,10 +131,14 @@ class HostMotionService : public MotionService {
  private:
   const bool accelerometerAvailable_;
   const bool gyroAvailable_;
+  void notify(const std::shared_ptr<SerialQueue>& queue, bool delivering);
+
   const std::function<void(bool)> onDeliveryChange_;
   mutable std::mutex mutex_;
   std::shared_ptr<SerialQueue> queue_;
   DeviceMotionHandler handler_;
+  // Where a stop is announced; weak, so that a stopped service keeps no queue alive.
+  std::weak_ptr<SerialQueue> notifyQueue_;
 };
 
 }  // namespace orvane
