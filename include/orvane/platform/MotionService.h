@@ -119,4 +119,38 @@ class ORVANE_API ManualMotionService : public MotionService {
   int starts_ = 0;
 };
 
+// Motion pushed by the host: a bridge forwarding the platform's motion manager calls push()
+// for each update, stamped by the platform in seconds since boot on the base of the
+// platform's Clock::uptime(). `onDeliveryChange` hears true when the SDK starts wanting updates
+// and false when it stops, so that the host runs its sensors only meanwhile; it runs on the
+// queue the updates go to (the last one, for a stop), in order.
+class HostMotionService : public MotionService {
+ public:
+  HostMotionService(bool accelerometerAvailable, bool gyroAvailable,
+                    std::function<void(bool delivering)> onDeliveryChange = nullptr);
+  bool isAccelerometerAvailable() const override { return accelerometerAvailable_; }
+  bool isGyroAvailable() const override { return gyroAvailable_; }
+  bool isAppOnDesktop() const override { return false; }
+  void startDeviceMotionUpdates(std::shared_ptr<SerialQueue> queue,
+                                DeviceMotionHandler handler) override;
+  void stopMotionUpdates() override;
+
+  // Posts `motion` to the queue of the current updates, in the order of the calls; false
+  // (and nothing posted) while updates are off.
+  bool push(const DeviceMotion& motion);
+  bool isDelivering() const;
+
+ private:
+  const bool accelerometerAvailable_;
+  const bool gyroAvailable_;
+  void notify(const std::shared_ptr<SerialQueue>& queue, bool delivering);
+
+  const std::function<void(bool)> onDeliveryChange_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<SerialQueue> queue_;
+  DeviceMotionHandler handler_;
+  // Where a stop is announced; weak, so that a stopped service keeps no queue alive.
+  std::weak_ptr<SerialQueue> notifyQueue_;
+};
+
 }  // namespace orvane

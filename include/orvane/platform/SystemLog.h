@@ -2,6 +2,7 @@
 // The platform's unified log. Callers write whole lines, "[Orvane] " prefix included.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -24,5 +25,10 @@ class ORVANE_API SystemLog {
 
 // Lines to standard error; kDebug lines only when ORVANE_DEBUG_LOG is set.
 ORVANE_API std::shared_ptr<SystemLog> makeStderrLog();
+
+// Where a host wants the lines: every level, debug included (the host filters). Calls are made
+// one at a time, from whichever thread logs; the line is valid only during the call.
+using LogLineSink = std::function<void(LogLevel level, std::string_view line)>;
+std::shared_ptr<SystemLog> makeCallbackLog(LogLineSink sink);
 
 }  // namespace orvane

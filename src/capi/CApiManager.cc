@@ -1,0 +1,466 @@
+// The manager's side of the C interface: setup, requests, observers, tracked events, golden
+// signals, global custom signals and the model switches.
+#include <cstring>
+
+#include "capi/CApi.h"
+
+namespace orvane::capi {
+
+orvane_context* wrap(std::shared_ptr<Context> context) {
+  if (!context) return nullptr;
+  auto* handle = new orvane_context();
+  handle->value = std::move(context);
+  return handle;
+}
+
+orvane_log* wrap(std::shared_ptr<Log> log) {
+  if (!log) return nullptr;
+  auto* handle = new orvane_log();
+  handle->value = std::move(log);
+  return handle;
+}
+
+ContextManager::ContextCallback contextCallback(orvane_context_fn callback,
+                                                std::shared_ptr<UserData> userData) {
+  if (callback == nullptr) return nullptr;
+  return [callback, userData](const std::shared_ptr<Context>& context) {
+    // The host gets a handle of its own to retain; the SDK's reference ends with the call.
+    orvane_context* handle = wrap(context);
+    callback(handle, userData->get());
+    orvane_context_release(handle);
+  };
+}
+
+LogSender logSender(orvane_log_sender_fn sender, std::shared_ptr<UserData> userData) {
+  if (sender == nullptr) return nullptr;
+  return [sender, userData](const std::shared_ptr<Log>& log) {
+    orvane_log* handle = wrap(log);
+    if (handle == nullptr) return;
+    sender(handle, userData->get());
+    orvane_log_release(handle);
+  };
+}
+
+std::optional<Decimal> decimal(const char* text, const char* function, const char* what) {
+  if (!present(text, function, what)) return std::nullopt;
+  auto parsed = Decimal::parse(text);
+  if (!parsed) {
+    logLine(LogLevel::kError, std::string("[Orvane] ") + function + ": " + what + " \"" + text +
+                                  "\" is not a decimal number; ignored.");
+  }
+  return parsed;
+}
+
+CustomSignalList customSignals(const orvane_custom_signal* signals, size_t count,
+                               const char* function) {
+  CustomSignalList list;
+  if (count == 0) return list;
+  if (!present(signals, function, "custom signal list")) return list;
+  list.reserve(count);
+  for (size_t i = 0; i < count; ++i) {
+    const orvane_custom_signal& entry = signals[i];
+    if (!present(entry.id, function, "custom signal id")) continue;
+    const std::string id = entry.id;
+    switch (entry.type) {
+      case ORVANE_CUSTOM_SIGNAL_BOOL:
+        list.push_back(CustomSignalBool(id, entry.value.bool_value));
+        break;
+      case ORVANE_CUSTOM_SIGNAL_INT:
+        list.push_back(CustomSignalInt(id, entry.value.int_value));
+        break;
+      case ORVANE_CUSTOM_SIGNAL_FLOAT:
+        list.push_back(CustomSignalFloat(id, entry.value.float_value));
+        break;
+      case ORVANE_CUSTOM_SIGNAL_DECIMAL:
+        if (auto value = decimal(entry.value.decimal_text, function, "custom signal decimal")) {
+          list.push_back(CustomSignalDecimal(id, *value));
+        }
+        break;
+      case ORVANE_CUSTOM_SIGNAL_STRING:
+        if (present(entry.value.string_value, function, "custom signal string")) {
+          list.push_back(CustomSignalString(id, entry.value.string_value));
+        }
+        break;
+      default:
+        logLine(LogLevel::kError, std::string("[Orvane] ") + function + ": custom signal \"" + id +
+                                      "\" has unknown type " +
+                                      std::to_string(static_cast<int>(entry.type)) + "; ignored.");
+        break;
+    }
+  }
+  return list;
+}
+
+std::optional<EventOutcome> outcome(int raw, const char* function) {
+  auto value = eventOutcomeFromRawValue(raw);
+  if (!value) {
+    logLine(LogLevel::kError, std::string("[Orvane] ") + function + ": outcome " +
+                                  std::to_string(raw) + " is not one of -3...4; ignored.");
+  }
+  return value;
+}
+
+namespace {
+
+Configuration configurationFrom(const orvane_configuration* c) {
+  Configuration configuration;
+  if (c == nullptr) return configuration;
+  configuration.enableTouchBehaviourMonitoring = c->enable_touch_behaviour_monitoring;
+  configuration.enableSessionDurationMonitoring = c->enable_session_duration_monitoring;
+  configuration.enableScreenshotMonitoring = c->enable_screenshot_monitoring;
+  configuration.enableAutomaticAppStartAndEndTracking =
+      c->enable_automatic_app_start_and_end_tracking;
+  configuration.enableAutomaticAppLaunchBehaviourLogging =
+      c->enable_automatic_app_launch_behaviour_logging;
+  configuration.enableErrorReporting = c->enable_error_reporting;
+  configuration.enableInstantContext = c->enable_instant_context;
+  if (c->default_ab_test_name != nullptr && c->default_ab_cohort_name != nullptr) {
+    configuration.defaultABTestInformation =
+        ABTestInformation{c->default_ab_test_name, c->default_ab_cohort_name};
+  }
+  return configuration;
+}
+
+// A request that takes a callback: NULL flow names are refused before the manager is made.
+template <typename Request>
+void requestWithCallback(const char* function, const char* flowName,
+                         const orvane_custom_signal* signals, size_t count,
+                         orvane_context_fn callback, void* userData, orvane_release_fn release,
+                         Request&& request) {
+  // Made first, so that the host's data is released however the call ends.
+  auto data = std::make_shared<UserData>(userData, release);
+  if (!present(flowName, function, "flow name")) return;
+  guardedVoid(function, [&] {
+    request(std::string(flowName), customSignals(signals, count, function),
+            contextCallback(callback, std::move(data)));
+  });
+}
+
+template <typename Track>
+void trackWith(const char* function, const char* name, const orvane_custom_signal* signals,
+               size_t count, Track&& track) {
+  if (!present(name, function, "name")) return;
+  guardedVoid(function, [&] {
+    sharedManager();
+    track(std::string(name), customSignals(signals, count, function));
+  });
+}
+
+template <typename Set>
+void setGlobal(const char* function, const char* id, Set&& set) {
+  if (!present(id, function, "id")) return;
+  guardedVoid(function, [&] {
+    sharedManager();
+    set(std::string(id));
+  });
+}
+
+}  // namespace
+
+}  // namespace orvane::capi
+
+using namespace orvane;
+using namespace orvane::capi;
+
+extern "C" {
+
+// ---- Setup --------------------------------------------------------------------------------
+
+void orvane_configuration_init(orvane_configuration* configuration) {
+  if (!present(configuration, "orvane_configuration_init", "configuration")) return;
+  const Configuration defaults;
+  std::memset(configuration, 0, sizeof *configuration);
+  configuration->enable_touch_behaviour_monitoring = defaults.enableTouchBehaviourMonitoring;
+  configuration->enable_session_duration_monitoring = defaults.enableSessionDurationMonitoring;
+  configuration->enable_screenshot_monitoring = defaults.enableScreenshotMonitoring;
+  configuration->enable_automatic_app_start_and_end_tracking =
+      defaults.enableAutomaticAppStartAndEndTracking;
+  configuration->enable_automatic_app_launch_behaviour_logging =
+      defaults.enableAutomaticAppLaunchBehaviourLogging;
+  configuration->enable_error_reporting = defaults.enableErrorReporting;
+  configuration->enable_instant_context = defaults.enableInstantContext;
+}
+
+bool orvane_setup(const char* license_key, const orvane_configuration* configuration) {
+  if (!present(license_key, "orvane_setup", "license key")) return false;
+  return guarded("orvane_setup", false, [&] {
+    sharedManager();
+    return ContextManager::setup(license_key, configurationFrom(configuration));
+  });
+}
+
+bool orvane_setup_with_log_sender(const char* license_key,
+                                  const orvane_configuration* configuration,
+                                  orvane_log_sender_fn log_sender, void* user_data,
+                                  orvane_release_fn release_user_data) {
+  auto data = std::make_shared<UserData>(user_data, release_user_data);
+  if (!present(license_key, "orvane_setup_with_log_sender", "license key")) return false;
+  return guarded("orvane_setup_with_log_sender", false, [&] {
+    sharedManager();
+    return ContextManager::setup(license_key, logSender(log_sender, std::move(data)),
+                                 configurationFrom(configuration));
+  });
+}
+
+bool orvane_application_did_finish_launching(const char* launch_options_json,
+                                             const char* license_key,
+                                             const orvane_configuration* configuration) {
+  constexpr const char* kFunction = "orvane_application_did_finish_launching";
+  if (!present(license_key, kFunction, "license key")) return false;
+  return guarded(kFunction, false, [&] {
+    std::optional<LaunchOptions> options;
+    if (launch_options_json != nullptr) {
+      std::string error;
+      options = launchOptionsFromJson(launch_options_json, error);
+      if (!options) {
+        logLine(LogLevel::kError,
+                std::string("[Orvane] ") + kFunction + ": launch options: " + error + "; ignored.");
+        return false;
+      }
+    }
+    sharedManager();
+    return ContextManager::applicationDidFinishLaunchingWithOptions(
+        options, license_key, configurationFrom(configuration));
+  });
+}
+
+void orvane_set_log_sender(orvane_log_sender_fn log_sender, void* user_data,
+                           orvane_release_fn release_user_data) {
+  auto data = std::make_shared<UserData>(user_data, release_user_data);
+  guardedVoid("orvane_set_log_sender", [&] {
+    sharedManager();
+    LogSender sender = logSender(log_sender, std::move(data));
+    if (!sender) {
+      sender = [](const std::shared_ptr<Log>& log) {
+        if (log) log->send();
+      };
+    }
+    ContextManager::setLogSender(std::move(sender));
+  });
+}
+
+void orvane_set_service_base_url(const char* base_url) {
+  if (!present(base_url, "orvane_set_service_base_url", "base URL")) return;
+  guardedVoid("orvane_set_service_base_url", [&] {
+    sharedManager();
+    ContextManager::setServiceBaseURL(base_url);
+  });
+}
+
+void orvane_set_decisions_enabled(bool enabled) {
+  guardedVoid("orvane_set_decisions_enabled", [&] {
+    sharedManager();
+    ContextManager::setDecisionsEnabled(enabled);
+  });
+}
+
+void orvane_set_control_mode(bool enabled) {
+  guardedVoid("orvane_set_control_mode", [&] {
+    sharedManager();
+    ContextManager::setControlMode(enabled);
+  });
+}
+
+char* orvane_current_applied_custom_model_version(void) {
+  return guarded("orvane_current_applied_custom_model_version", static_cast<char*>(nullptr), [] {
+    sharedManager();
+    return copyString(ContextManager::currentAppliedCustomModelVersion());
+  });
+}
+
+bool orvane_get_custom_model(const char* flow_name, orvane_model_information* information) {
+  constexpr const char* kFunction = "orvane_get_custom_model";
+  if (!present(information, kFunction, "information")) return false;
+  *information = orvane_model_information{};
+  if (!present(flow_name, kFunction, "flow name")) return false;
+  return guarded(kFunction, false, [&] {
+    sharedManager();
+    const auto model = ContextManager::getCustomModel(flow_name);
+    if (!model) return false;
+    char* version = copyString(model->modelVersion);
+    if (version == nullptr) return false;
+    information->is_control = model->isControl;
+    information->model_version = version;
+    information->supported_duration = model->supportedDuration;
+    information->use_instant_context = model->useInstantContext;
+    information->random_upsell_chance = model->randomUpsellChance;
+    information->has_upsell_threshold = model->upsellThreshold.has_value();
+    information->upsell_threshold = model->upsellThreshold.value_or(0.0);
+    return true;
+  });
+}
+
+// ---- Global custom signals ----------------------------------------------------------------
+
+void orvane_set_global_custom_signal_bool(const char* id, bool value) {
+  setGlobal("orvane_set_global_custom_signal_bool", id,
+            [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, value); });
+}
+
+void orvane_set_global_custom_signal_int(const char* id, int64_t value) {
+  setGlobal("orvane_set_global_custom_signal_int", id,
+            [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, value); });
+}
+
+void orvane_set_global_custom_signal_float(const char* id, float value) {
+  setGlobal("orvane_set_global_custom_signal_float", id,
+            [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, value); });
+}
+
+void orvane_set_global_custom_signal_double(const char* id, double value) {
+  setGlobal("orvane_set_global_custom_signal_double", id,
+            [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, value); });
+}
+
+void orvane_set_global_custom_signal_decimal(const char* id, const char* decimal_text) {
+  constexpr const char* kFunction = "orvane_set_global_custom_signal_decimal";
+  if (!present(id, kFunction, "id")) return;
+  const auto value = guarded(kFunction, std::optional<Decimal>(),
+                             [&] { return decimal(decimal_text, kFunction, "value"); });
+  if (!value) return;
+  setGlobal(kFunction, id,
+            [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, *value); });
+}
+
+void orvane_set_global_custom_signal_string(const char* id, const char* value) {
+  setGlobal("orvane_set_global_custom_signal_string", id, [&](const std::string& key) {
+    ContextManager::setGlobalCustomSignal(
+        key, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
+  });
+}
+
+void orvane_remove_global_custom_signal(const char* id) {
+  setGlobal("orvane_remove_global_custom_signal", id, [](const std::string& key) {
+    ContextManager::setGlobalCustomSignal(key, std::optional<std::string>());
+  });
+}
+
+// ---- Requests -----------------------------------------------------------------------------
+
+void orvane_fetch_context(const char* flow_name, int64_t duration,
+                          const orvane_custom_signal* signals, size_t signal_count,
+                          orvane_context_fn callback, void* user_data,
+                          orvane_release_fn release_user_data) {
+  requestWithCallback("orvane_fetch_context", flow_name, signals, signal_count, callback, user_data,
+                      release_user_data,
+                      [&](const std::string& flow, const CustomSignalList& list,
+                          ContextManager::ContextCallback done) {
+                        sharedManager();
+                        ContextManager::fetchContext(flow, duration, list, std::move(done));
+                      });
+}
+
+orvane_context* orvane_instant_context(const char* flow_name, int64_t duration,
+                                       const orvane_custom_signal* signals, size_t signal_count) {
+  constexpr const char* kFunction = "orvane_instant_context";
+  if (!present(flow_name, kFunction, "flow name")) return nullptr;
+  return guarded(kFunction, static_cast<orvane_context*>(nullptr), [&] {
+    sharedManager();
+    return wrap(ContextManager::instantContext(flow_name, duration,
+                                               customSignals(signals, signal_count, kFunction)));
+  });
+}
+
+void orvane_optimize(const char* flow_name, int64_t max_delay, const orvane_custom_signal* signals,
+                     size_t signal_count, orvane_context_fn callback, void* user_data,
+                     orvane_release_fn release_user_data) {
+  requestWithCallback("orvane_optimize", flow_name, signals, signal_count, callback, user_data,
+                      release_user_data,
+                      [&](const std::string& flow, const CustomSignalList& list,
+                          ContextManager::ContextCallback done) {
+                        sharedManager();
+                        const std::optional<int64_t> delay =
+                            max_delay < 0 ? std::nullopt : std::optional<int64_t>(max_delay);
+                        ContextManager::optimize(flow, delay, list, std::move(done));
+                      });
+}
+
+void orvane_calibrate(const char* flow_name, int64_t max_delay, const orvane_custom_signal* signals,
+                      size_t signal_count, orvane_context_fn callback, void* user_data,
+                      orvane_release_fn release_user_data) {
+  requestWithCallback("orvane_calibrate", flow_name, signals, signal_count, callback, user_data,
+                      release_user_data,
+                      [&](const std::string& flow, const CustomSignalList& list,
+                          ContextManager::ContextCallback done) {
+                        sharedManager();
+                        ContextManager::calibrate(flow, max_delay, list, std::move(done));
+                      });
+}
+
+orvane_context* orvane_recent_context(const char* flow_name) {
+  if (!present(flow_name, "orvane_recent_context", "flow name")) return nullptr;
+  return guarded("orvane_recent_context", static_cast<orvane_context*>(nullptr), [&] {
+    sharedManager();
+    return wrap(ContextManager::recentContext(flow_name));
+  });
+}
+
+void orvane_cancel_context_callback(const char* flow_name) {
+  if (!present(flow_name, "orvane_cancel_context_callback", "flow name")) return;
+  guardedVoid("orvane_cancel_context_callback", [&] {
+    sharedManager();
+    ContextManager::cancelContextCallback(flow_name);
+  });
+}
+
+// ---- Observers ----------------------------------------------------------------------------
+
+void orvane_register_context_observer(const char* flow_name, orvane_context_fn callback,
+                                      void* user_data, orvane_release_fn release_user_data) {
+  constexpr const char* kFunction = "orvane_register_context_observer";
+  auto data = std::make_shared<UserData>(user_data, release_user_data);
+  if (!present(flow_name, kFunction, "flow name")) return;
+  if (!present(reinterpret_cast<const void*>(callback), kFunction, "callback")) return;
+  guardedVoid(kFunction, [&] {
+    sharedManager();
+    ContextManager::registerContextObserver(flow_name, contextCallback(callback, std::move(data)));
+  });
+}
+
+void orvane_unregister_context_observer(const char* flow_name) {
+  if (!present(flow_name, "orvane_unregister_context_observer", "flow name")) return;
+  guardedVoid("orvane_unregister_context_observer", [&] {
+    sharedManager();
+    ContextManager::unregisterContextObserver(flow_name);
+  });
+}
+
+// ---- Tracked events and golden signals ----------------------------------------------------
+
+void orvane_track_event(const char* name, const orvane_custom_signal* signals,
+                        size_t signal_count) {
+  trackWith("orvane_track_event", name, signals, signal_count,
+            [](const std::string& event, const CustomSignalList& list) {
+              ContextManager::trackEvent(event, list);
+            });
+}
+
+void orvane_track_page_view(const char* name, const orvane_custom_signal* signals,
+                            size_t signal_count) {
+  trackWith("orvane_track_page_view", name, signals, signal_count,
+            [](const std::string& page, const CustomSignalList& list) {
+              ContextManager::trackPageView(page, list);
+            });
+}
+
+void orvane_track_user_action(const char* name, const orvane_custom_signal* signals,
+                              size_t signal_count) {
+  trackWith("orvane_track_user_action", name, signals, signal_count,
+            [](const std::string& action, const CustomSignalList& list) {
+              ContextManager::trackUserAction(action, list);
+            });
+}
+
+char* orvane_golden_signals(const char* trigger, const char* bid_id) {
+  return guarded("orvane_golden_signals", static_cast<char*>(nullptr), [&] {
+    sharedManager();
+    const auto optional = [](const char* text) {
+      return text != nullptr ? std::optional<std::string>(text) : std::nullopt;
+    };
+    const PlistDictionary values =
+        ContextManager::goldenSignals(optional(trigger), optional(bid_id));
+    return copyString(toJson(PlistValue(values)));
+  });
+}
+
+}  // extern "C"
