@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include "orvane/platform/Crypto.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
 
 namespace {
 

@@ -38,8 +38,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/OrvaneConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/OrvaneConfigVersion.cmake
   DESTINATION ${ORVANE_INSTALL_CMAKEDIR})
 
-# pkg-config: the platform library first (it needs the core), and what a static link needs
-# beyond the libraries themselves in Libs.private (`pkg-config --static`).
+# pkg-config: the platform library first (it needs the core). A static build lists what its
+# archives need from the system in Libs as well, since a host links them in; a shared build
+# only names what the libraries do not pull in themselves.
 set(ORVANE_PC_LIBS "-lorvane")
 set(ORVANE_PC_REQUIRES_PRIVATE "zlib protobuf-lite")
 set(ORVANE_PC_LIBS_PRIVATE "")
@@ -48,7 +49,12 @@ if(TARGET orvane_platform_linux)
   string(APPEND ORVANE_PC_REQUIRES_PRIVATE " libcurl sqlite3 libcrypto")
 endif()
 if(NOT BUILD_SHARED_LIBS)
-  set(ORVANE_PC_LIBS_PRIVATE "-lorvane_coreml -lstdc++ -lm -pthread")
+  string(APPEND ORVANE_PC_LIBS " -lorvane_coreml -lprotobuf-lite -lz")
+  if(TARGET orvane_platform_linux)
+    string(APPEND ORVANE_PC_LIBS " -lcurl -lsqlite3 -lcrypto")
+  endif()
+  string(APPEND ORVANE_PC_LIBS " -lstdc++ -lm -pthread")
+  set(ORVANE_PC_REQUIRES_PRIVATE "")
 endif()
 # Relative to the .pc file, so that `cmake --install --prefix` anywhere gives a working file.
 file(RELATIVE_PATH ORVANE_PC_PREFIX_FROM_PCFILEDIR

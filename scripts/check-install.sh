@@ -31,11 +31,9 @@ cmake -S tests/consumer/cpp -B "$work/cpp" -G Ninja -DCMAKE_PREFIX_PATH="$prefix
 cmake --build "$work/cpp" > "$work/cpp-build.log"
 run cpp "$work/cpp/orvane_cpp_host"
 
-pcflags=(--cflags --libs)
-if [ "$shared" = no ]; then pcflags+=(--static); fi
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 cc -std=c99 -Wall -Wextra -Werror -o "$work/c_host" tests/consumer/c/host.c \
-  $(pkg-config "${pcflags[@]}" orvane)
+  $(pkg-config --cflags --libs orvane)
 run c "$work/c_host"
 echo "install check passed (shared libraries: $shared)"

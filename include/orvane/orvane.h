@@ -258,6 +258,17 @@ ORVANE_API void orvane_set_control_mode(bool enabled);
  * "calibration" before any update. Caller-owned. */
 ORVANE_API char* orvane_current_applied_custom_model_version(void);
 
+/* Diagnostics for a support screen, as JSON text the caller frees with orvane_string_free:
+ * {"installationID", "appLaunches", "appliedModelGeneration", "appliedUpdateVersion",
+ *  "queuedRecords", "queuedLogIds", "unansweredContexts", "unansweredLogIds",
+ *  "uploadBackoffSeconds"}. NULL only when the SDK cannot run at all. */
+ORVANE_API char* orvane_diagnostics_json(void);
+
+/* Uploads what waits now, without waiting out the back-off after a failure, and waits at most
+ * `timeout_seconds` for it. True when no outcome record is left waiting. Blocks the calling
+ * thread: never call it from an SDK callback. */
+ORVANE_API bool orvane_flush(double timeout_seconds);
+
 /* Fills `information` with how `flow_name` is decided today and returns true; false (and
  * `information` zeroed) when the flow has neither a model nor a control assignment (it then
  * always upsells) or an argument is NULL. Free `information->model_version` with

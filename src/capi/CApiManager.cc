@@ -268,6 +268,32 @@ char* orvane_current_applied_custom_model_version(void) {
   });
 }
 
+char* orvane_diagnostics_json(void) {
+  return guarded("orvane_diagnostics_json", static_cast<char*>(nullptr), [] {
+    const Diagnostics d = ContextManager::diagnostics();
+    auto texts = [](const std::vector<std::string>& values) {
+      PlistArray out;
+      for (const auto& v : values) out.emplace_back(v);
+      return PlistValue(std::move(out));
+    };
+    PlistDictionary json;
+    json.emplace("installationID", d.installationID);
+    json.emplace("appLaunches", d.appLaunches);
+    json.emplace("appliedModelGeneration", d.appliedModelGeneration);
+    json.emplace("appliedUpdateVersion", d.appliedUpdateVersion);
+    json.emplace("queuedRecords", static_cast<int64_t>(d.queuedRecords));
+    json.emplace("queuedLogIds", texts(d.queuedLogIds));
+    json.emplace("unansweredContexts", static_cast<int64_t>(d.unansweredContexts));
+    json.emplace("unansweredLogIds", texts(d.unansweredLogIds));
+    json.emplace("uploadBackoffSeconds", d.uploadBackoffSeconds);
+    return copyString(toJson(PlistValue(std::move(json))));
+  });
+}
+
+bool orvane_flush(double timeout_seconds) {
+  return guarded("orvane_flush", false, [&] { return ContextManager::flush(timeout_seconds); });
+}
+
 bool orvane_get_custom_model(const char* flow_name, orvane_model_information* information) {
   constexpr const char* kFunction = "orvane_get_custom_model";
   if (!present(information, kFunction, "information")) return false;
