@@ -376,6 +376,21 @@ static void test_model_queries_answer_for_a_flow_without_a_model(void) {
   orvane_context_release(context);
 }
 
+static void test_diagnostics_name_the_installation_and_an_empty_queue_flushes(void) {
+  char* first = orvane_diagnostics_json();
+  char* second = orvane_diagnostics_json();
+  char id[64] = {0};
+  char again[64] = {0};
+  CHECK(json_is_valid(first));
+  CHECK(json_member(first, "installationID", id, sizeof id) && strlen(id) > 30);
+  CHECK(json_member(second, "installationID", again, sizeof again) && strcmp(id, again) == 0);
+  /* Logs go to the host's sender here, so nothing waits and nothing needs the network. */
+  CHECK(json_member_is(first, "queuedRecords", "0"));
+  CHECK(orvane_flush(5));
+  orvane_string_free(first);
+  orvane_string_free(second);
+}
+
 int main(void) {
   orvane_configuration configuration;
   use_temporary_environment("outcomes");
@@ -404,5 +419,7 @@ int main(void) {
   run_test("launch options set the launch reason", test_launch_options_set_the_launch_reason);
   run_test("model queries answer for a flow without a model",
            test_model_queries_answer_for_a_flow_without_a_model);
+  run_test("diagnostics name the installation and an empty queue flushes",
+           test_diagnostics_name_the_installation_and_an_empty_queue_flushes);
   return finish_tests();
 }
