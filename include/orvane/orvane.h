@@ -46,6 +46,9 @@ typedef struct orvane_log orvane_log;
 typedef struct orvane_main_job orvane_main_job;
 
 /* What the user did after the decision. */
+/* Every enumeration ends in a _MAX_ENUM member: it keeps the type 32 bits wide on every compiler
+ * and makes any 32-bit value a valid one, so an unknown value from a newer or careless caller is
+ * refused with a log line instead of being undefined behaviour. */
 typedef enum orvane_event_outcome {
   ORVANE_OUTCOME_POSITIVE_AD_TAPPED = 4,
   ORVANE_OUTCOME_POSITIVE_CONVERTED = 3,
@@ -54,7 +57,8 @@ typedef enum orvane_event_outcome {
   ORVANE_OUTCOME_SKIPPED = 0,
   ORVANE_OUTCOME_NEGATIVE = -1,
   ORVANE_OUTCOME_NEGATIVE_NOT_INTERACTED = -2,
-  ORVANE_OUTCOME_NEGATIVE_DISMISSED = -3
+  ORVANE_OUTCOME_NEGATIVE_DISMISSED = -3,
+  ORVANE_EVENT_OUTCOME_MAX_ENUM = 0x7FFFFFFF
 } orvane_event_outcome;
 
 /* A fact the host supplies under an id of its own. Decimals are text ("4.99", "-0.25"), so
@@ -64,7 +68,8 @@ typedef enum orvane_custom_signal_type {
   ORVANE_CUSTOM_SIGNAL_INT = 1,
   ORVANE_CUSTOM_SIGNAL_FLOAT = 2,
   ORVANE_CUSTOM_SIGNAL_DECIMAL = 3,
-  ORVANE_CUSTOM_SIGNAL_STRING = 4
+  ORVANE_CUSTOM_SIGNAL_STRING = 4,
+  ORVANE_CUSTOM_SIGNAL_TYPE_MAX_ENUM = 0x7FFFFFFF
 } orvane_custom_signal_type;
 
 typedef struct orvane_custom_signal {
@@ -115,7 +120,8 @@ typedef enum orvane_subscription_period_unit {
   ORVANE_PERIOD_DAY = 0,
   ORVANE_PERIOD_WEEK = 1,
   ORVANE_PERIOD_MONTH = 2,
-  ORVANE_PERIOD_YEAR = 3
+  ORVANE_PERIOD_YEAR = 3,
+  ORVANE_SUBSCRIPTION_PERIOD_UNIT_MAX_ENUM = 0x7FFFFFFF
 } orvane_subscription_period_unit;
 
 typedef struct orvane_subscription_period {
@@ -126,7 +132,8 @@ typedef struct orvane_subscription_period {
 typedef enum orvane_discount_payment_mode {
   ORVANE_PAYMENT_PAY_AS_YOU_GO = 0,
   ORVANE_PAYMENT_PAY_UP_FRONT = 1,
-  ORVANE_PAYMENT_FREE_TRIAL = 2
+  ORVANE_PAYMENT_FREE_TRIAL = 2,
+  ORVANE_DISCOUNT_PAYMENT_MODE_MAX_ENUM = 0x7FFFFFFF
 } orvane_discount_payment_mode;
 
 /* An introductory price of the older store interface. */
@@ -151,7 +158,8 @@ typedef enum orvane_storekit1_transaction_state {
   ORVANE_TRANSACTION_PURCHASED = 1,
   ORVANE_TRANSACTION_FAILED = 2,
   ORVANE_TRANSACTION_RESTORED = 3,
-  ORVANE_TRANSACTION_DEFERRED = 4
+  ORVANE_TRANSACTION_DEFERRED = 4,
+  ORVANE_STOREKIT1_TRANSACTION_STATE_MAX_ENUM = 0x7FFFFFFF
 } orvane_storekit1_transaction_state;
 
 /* A payment transaction of the older store interface. */
@@ -191,7 +199,8 @@ typedef enum orvane_revenue_source {
   ORVANE_REVENUE_SUBSCRIPTION_OUTSIDE_APP_STORE = 6,
   ORVANE_REVENUE_AFFILIATE = 7,
   ORVANE_REVENUE_TIP = 8,
-  ORVANE_REVENUE_DONATION = 9
+  ORVANE_REVENUE_DONATION = 9,
+  ORVANE_REVENUE_SOURCE_MAX_ENUM = 0x7FFFFFFF
 } orvane_revenue_source;
 
 /* Revenue that did not pass through the store. `currency` is an ISO 4217 code in any case
@@ -457,7 +466,8 @@ typedef enum orvane_log_level {
   ORVANE_LOG_DEBUG = 0,
   ORVANE_LOG_INFO = 1,
   ORVANE_LOG_DEFAULT = 2,
-  ORVANE_LOG_ERROR = 3
+  ORVANE_LOG_ERROR = 3,
+  ORVANE_LOG_LEVEL_MAX_ENUM = 0x7FFFFFFF
 } orvane_log_level;
 typedef void (*orvane_log_sink_fn)(orvane_log_level level, const char* message, void* user_data);
 
@@ -530,10 +540,16 @@ ORVANE_API bool orvane_update_device_facts(const char* facts_json);
 
 typedef enum orvane_network_interface {
   ORVANE_NETWORK_ANY = 0,
-  ORVANE_NETWORK_WIFI = 1
+  ORVANE_NETWORK_WIFI = 1,
+  ORVANE_NETWORK_INTERFACE_MAX_ENUM = 0x7FFFFFFF
 } orvane_network_interface;
 
-typedef enum orvane_tristate { ORVANE_UNKNOWN = -1, ORVANE_NO = 0, ORVANE_YES = 1 } orvane_tristate;
+typedef enum orvane_tristate {
+  ORVANE_UNKNOWN = -1,
+  ORVANE_NO = 0,
+  ORVANE_YES = 1,
+  ORVANE_TRISTATE_MAX_ENUM = 0x7FFFFFFF
+} orvane_tristate;
 
 /* The path monitors' view of an interface kind: usable, low-data mode, costs money. */
 ORVANE_API void orvane_set_network_path(orvane_network_interface kind, bool is_satisfied,
