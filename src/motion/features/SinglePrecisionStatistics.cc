@@ -28,7 +28,9 @@ std::vector<float> deviations(std::span<const double> values, float mean) {
 float dot(std::span<const float> x, std::span<const float> y) {
   float sum = 0;
   for (size_t i = 0; i < x.size(); ++i) {
-    // A separate statement, so that no compiler fuses the product into the addition.
+    // Rounded on its own: a fused multiply-add would round once. The build turns contraction
+    // off (GCC fuses even across statements); the separate statement also keeps compilers
+    // that contract within an expression (clang's default) from fusing without that flag.
     const float product = x[i] * y[i];
     sum += product;
   }
