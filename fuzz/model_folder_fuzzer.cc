@@ -27,18 +27,29 @@ using namespace orvane;
 
 enum : uint8_t { kSeal = 1, kNoModel = 2, kNoManifest = 4 };
 
+// In memory when the system has a tmpfs and TMPDIR does not say otherwise: every input
+// rewrites the files, and on a busy disk that waiting dominates the run.
+fs::path temporaryRoot() {
+  std::error_code ec;
+  if (!std::getenv("TMPDIR") && fs::is_directory("/dev/shm", ec)) return "/dev/shm";
+  return fs::temp_directory_path();
+}
+
+// This process's temporary folder. Never destroyed, so the exit handler can still read it.
+const fs::path* temporaryFolder = nullptr;
+
 const fs::path& folder() {
-  static const fs::path path = [] {
-    std::string pattern =
-        (fs::temp_directory_path() / "orvane_model_folder_fuzzer.XXXXXX").string();
+  static const fs::path compiled = [] {
+    std::string pattern = (temporaryRoot() / "orvane_model_folder_fuzzer.XXXXXX").string();
     if (!mkdtemp(pattern.data())) std::abort();
+    temporaryFolder = new fs::path(pattern);
     std::atexit([] {
       std::error_code ec;
-      fs::remove_all(folder(), ec);
+      fs::remove_all(*temporaryFolder, ec);
     });
-    return fs::path(pattern) / "Flow.mlmodelc";
+    return *temporaryFolder / "Flow.mlmodelc";
   }();
-  return path;
+  return compiled;
 }
 
 std::string fnv1a64(std::string_view bytes) {
@@ -52,7 +63,14 @@ std::string fnv1a64(std::string_view bytes) {
   return text;
 }
 
-void writeFile(const fs::path& path, std::string_view contents) {
+// Writes the file, or removes it when it is to be absent.
+void place(const fs::path& path, bool present, std::string_view contents) {
+  std::error_code ec;
+  if (!present) {
+    fs::remove(path, ec);
+    return;
+  }
+  fs::create_directories(path.parent_path(), ec);
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
   if (!out) std::abort();
@@ -111,11 +129,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string manifest(rest.substr(0, manifestSize));
   if (flags & kSeal) manifest = sealed(manifest, model);
 
-  std::error_code ec;
-  fs::remove_all(folder(), ec);
-  fs::create_directories(folder(), ec);
-  if (!(flags & kNoManifest)) writeFile(folder() / coreml::kCompiledManifestFileName, manifest);
-  if (!(flags & kNoModel)) writeFile(folder() / coreml::kCompiledModelFileName, model);
+  place(folder() / coreml::kCompiledManifestFileName, !(flags & kNoManifest), manifest);
+  place(folder() / coreml::kCompiledModelFileName, !(flags & kNoModel), model);
 
   static const auto runtime = makePortableModelRuntime();
   auto loaded = runtime->loadCompiledModel(folder().string());
