@@ -1,60 +1,40 @@
 // File: coreml_reader_fuzzer.cc
 // Outside bytes as a model file: loading must answer with a model or an error, and a loaded
-// model must predict (or refuse) from all-zero inputs without crashing.
+// model must predict (or refuse) from all-zero and from missing inputs without crashing.
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 
+#include "FuzzSupport.h"
 #include "coreml/Model.h"
 
 namespace {
 
-using orvane::coreml::DictionaryFeatureProvider;
-using orvane::coreml::DictionaryKeyType;
-using orvane::coreml::FeatureType;
-using orvane::coreml::FeatureValue;
-using orvane::coreml::MultiArray;
-
-FeatureValue zeroFor(const orvane::coreml::FeatureDescription& input) {
-  switch (input.type) {
-    case FeatureType::kInt64:
-      return FeatureValue::fromInt64(0);
-    case FeatureType::kString:
-      return FeatureValue::fromString("");
-    case FeatureType::kMultiArray: {
-      int64_t count = 1;
-      for (int64_t d : input.shape) {
-        if (d <= 0 || d > 4096 || count * d > 4096) return FeatureValue::fromDoubles({0.0});
-        count *= d;
-      }
-      MultiArray array{input.shape.empty() ? std::vector<int64_t>{1} : input.shape,
-                       std::vector<double>(static_cast<size_t>(count), 0.0)};
-      return FeatureValue::fromMultiArray(std::move(array));
-    }
-    case FeatureType::kDictionary:
-      if (input.dictionaryKeyType == DictionaryKeyType::kString) {
-        return FeatureValue::fromDictionary(FeatureValue::StringDictionary{{"", 0.0}});
-      }
-      return FeatureValue::fromDictionary(FeatureValue::Int64Dictionary{{0, 0.0}});
-    default:
-      return FeatureValue::fromDouble(0.0);
+// Small fixture models, one of each family the runtime evaluates.
+orvane::fuzz::Seeds seeds() {
+  namespace fs = std::filesystem;
+  const fs::path fixtures =
+      fs::path(__FILE__).parent_path().parent_path() / "tests/fixtures/coreml";
+  orvane::fuzz::Seeds result;
+  for (const char* name :
+       {"logistic_binary", "logistic_one_vs_rest", "pipeline_impute_scale_logistic",
+        "decision_tree_mixed_behaviours", "demo_moment"}) {
+    std::ifstream in(fixtures / (std::string(name) + ".mlmodel"), std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(in), {});
+    if (bytes.empty()) std::abort();
+    result.push_back({std::string(name) + ".mlmodel", std::move(bytes)});
   }
+  return result;
 }
 
 }  // namespace
 
+ORVANE_FUZZ_SEEDS(seeds)
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto model = orvane::coreml::Model::fromBytes(data, size);
   if (!model.ok()) return 0;
-  DictionaryFeatureProvider zeros;
-  for (const auto& input : model->description().inputs) zeros.set(input.name, zeroFor(input));
-  auto out = model->predict(zeros);
-  (void)out.ok();
-  // Missing values take the other paths of every evaluator.
-  DictionaryFeatureProvider missing;
-  for (const auto& input : model->description().inputs) {
-    missing.set(input.name, FeatureValue::undefined(input.type));
-  }
-  auto none = model->predict(missing);
-  (void)none.ok();
+  orvane::fuzz::predictFromZerosAndMissing(*model);
   return 0;
 }

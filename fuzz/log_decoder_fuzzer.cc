@@ -4,12 +4,40 @@
 #include <cstdint>
 #include <string_view>
 
+#include "FuzzSupport.h"
 #include "logging/BinaryEncoding.h"
 #include "logging/Compression.h"
 #include "logging/LogDecoder.h"
+#include "logging/LogEncoder.h"
 #include "orvane/platform/Crypto.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
 #include "util/Base64.h"
+
+namespace {
+
+// One log in each form the stages read: encrypted, its base64 text, and the compressed
+// envelope (which the target encrypts itself).
+orvane::fuzz::Seeds seeds() {
+  using namespace orvane;
+  const LogEncoder encoder(makeOpenSslCrypto(), std::make_shared<fuzz::SeededRandomSource>(),
+                           nullptr, [] { return std::optional<std::string>("0123456789abcdef"); });
+  const SignalList signals{SignalInt(SignalEnum::id(25), 3), SignalFloat(SignalEnum::id(113), 0.5f),
+                           SignalBool(SignalEnum::id(192), true),
+                           SignalString(SignalEnum::id(600), "DE")};
+  const CustomSignalList custom{CustomSignalInt("level", 4), CustomSignalBool("pro", false)};
+  const Bytes encoded = encoder.encodeLog(signals, custom, {}).value();
+  const std::string envelope = encoder.envelopeJson(signals, custom, {}).value();
+  const Bytes deflated =
+      deflateRaw(std::span(reinterpret_cast<const uint8_t*>(envelope.data()), envelope.size()))
+          .value();
+  return {{"encoded.bin", std::string(encoded.begin(), encoded.end())},
+          {"encoded.b64", base64Encode(encoded)},
+          {"envelope.deflate", std::string(deflated.begin(), deflated.end())}};
+}
+
+}  // namespace
+
+ORVANE_FUZZ_SEEDS(seeds)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const auto crypto = orvane::makeOpenSslCrypto();

@@ -62,17 +62,21 @@ class PendingEvaluation {
   bool answered_ = false;
 };
 
+// One pass over the flows that had an observer when it began. Kept out of Core: nested, its
+// default member initializers are parsed only once Core is complete, and clang records it as
+// not default-constructible when the std::optional member is declared before then.
+struct PeriodicRound {
+  std::vector<std::string> flows;
+  size_t current = 0;
+  uint64_t step = 0;  // the request the round waits for
+};
+
 }  // namespace
 
 struct PeriodicContextEvaluator::Core : std::enable_shared_from_this<Core> {
   using Work = std::function<void(Core&)>;
 
-  // One pass over the flows that had an observer when it began.
-  struct Round {
-    std::vector<std::string> flows;
-    size_t current = 0;
-    uint64_t step = 0;  // the request the round waits for
-  };
+  using Round = PeriodicRound;
 
   Core(Engine& manager, std::shared_ptr<SerialQueue> queue)
       : owner(manager),

@@ -7,6 +7,7 @@
 #include "orvane/PlistValue.h"
 #include "testutil/FakePlatform.h"
 #include "util/DataConvertible.h"
+#include "util/JsonReader.h"
 #include "util/PersistedCodableState.h"
 #include "util/UUID.h"
 #include "util/UserDefaultsProvider.h"
@@ -111,31 +112,40 @@ struct Sample {
   bool operator==(const Sample&) const = default;
 };
 void to_json(nlohmann::json& j, const Sample& s) { j = {{"count", s.count}, {"name", s.name}}; }
-void from_json(const nlohmann::json& j, Sample& s) {
-  j.at("count").get_to(s.count);
-  j.at("name").get_to(s.name);
+std::optional<Sample> decodeSample(const JsonReader& reader) {
+  auto count = reader.requiredInt64("count");
+  auto name = reader.requiredString("name");
+  if (!count || !name) return std::nullopt;
+  return Sample{*count, *name};
 }
 
 TEST(PersistedCodableStateTest, RoundTripsAndFallsBackToTheDefault) {
   auto store = makeInMemoryKeyValueStoreProvider()->openSuite("s");
   auto defaults = std::make_shared<UserDefaultsProvider>(store);
   auto log = std::make_shared<testing::CapturingLog>();
-  PersistedCodableState<Sample> state("sample_key", defaults, Sample{-1, "default"}, log);
+  PersistedCodableState<Sample> state("sample_key", defaults, Sample{-1, "default"}, decodeSample,
+                                      log);
 
   EXPECT_EQ(state.get(), (Sample{-1, "default"}));
   EXPECT_TRUE(state.set(Sample{3, "three"}));
-  PersistedCodableState<Sample> reopened("sample_key", defaults, Sample{}, log);
+  PersistedCodableState<Sample> reopened("sample_key", defaults, Sample{}, decodeSample, log);
   EXPECT_EQ(reopened.get(), (Sample{3, "three"}));
 
+  auto text = [](std::string_view json) { return PlistValue(Bytes(json.begin(), json.end())); };
   for (PlistValue corrupt :
-       {PlistValue(Bytes{'{', 'x'}), PlistValue("not bytes"), PlistValue(Bytes{'{', '}'})}) {
+       {text("{\"x"), PlistValue("not bytes"), text("{}"),
+        // An integer beyond int64 reads as a double: refused, not
+        // converted.
+        text(R"({"count": -9733022236854775808, "name": "n"})"),
+        text(R"({"count": 1e300, "name": "n"})"), text(R"({"count": 1.5, "name": "n"})")}) {
     store->set("sample_key", corrupt);
     EXPECT_EQ(state.get(), (Sample{-1, "default"}));
   }
-  EXPECT_EQ(log->countContaining("sample_key"), 2u);  // the text value is simply absent
+  EXPECT_EQ(log->countContaining("sample_key"), 5u);  // the text value is simply absent
+  EXPECT_EQ(log->countContaining("count: integer out of range"), 2u);
 
   PersistedCodableState<Sample> storeless("k", std::make_shared<UserDefaultsProvider>(nullptr),
-                                          Sample{7, "d"});
+                                          Sample{7, "d"}, decodeSample);
   EXPECT_FALSE(storeless.set(Sample{1, "x"}));
   EXPECT_EQ(storeless.get(), (Sample{7, "d"}));
 }
