@@ -150,8 +150,8 @@ class ORVANE_API ContextManager {
   // shared manager exists.
   static bool installDefaultPlatform(Platform platform) noexcept;
 
-  // A manager of its own, for embedding: it owns its platform's workers and stops them when it
-  // is destroyed. `imposedSupport` overrides the hardware check.
+  // A manager of its own, for embedding it beside the process-wide one. `imposedSupport`
+  // overrides the hardware check.
   explicit ContextManager(Platform platform,
                           std::optional<ContextManagerIsSupported> imposedSupport = std::nullopt);
   ~ContextManager();
