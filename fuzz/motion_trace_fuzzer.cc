@@ -1,8 +1,8 @@
 // A motion trace file, read the way its two consumers read it: the feature tool takes the
-// samples as they are (file order and times), and replay loops the samples' vectors at the
-// trace's rate with fresh times, as the sensor stamps them. Both feed the motion features of
-// a one- and a two-second window and the raw-sample records; any value the reader lets
-// through must survive all of it.
+// samples as they are (file order and times), and replay loops the samples' vectors, stamped
+// with the time they arrive. Both feed the motion features of a one- and a two-second window,
+// and every sample is written as a raw-sample record; any value the reader lets through must
+// survive all of it.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "logging/AnyEncodable.h"
 #include "motion/MotionTrace.h"
 #include "motion/features/AccelFeatureExtraction.h"
 
@@ -26,8 +27,16 @@ void useSamples(const std::vector<AccelerometerSensorValue>& samples, Date now, 
     FUZZ_CHECK(signals.size() >= 2 && signals[1].id() == SignalEnum::id(192));
     if (mustBeValid) FUZZ_CHECK(std::get<bool>(signals[1].value()));
   }
-  std::string records;
-  for (const AccelerometerSensorValue& sample : samples) sample.appendRawRecordJson(records);
+}
+
+// The record written straight must be the one the general encoder writes.
+void writeRecords(const std::vector<AccelerometerSensorValue>& samples) {
+  for (const AccelerometerSensorValue& sample : samples) {
+    std::string direct;
+    sample.appendRawRecordJson(direct);
+    auto encoded = AnyEncodable(PlistValue(sample.toJSON())).toJson();
+    FUZZ_CHECK(encoded.ok() && *encoded == direct);
+  }
 }
 
 // Two seconds of the trace looped at 100 Hz, stamped 10 ms apart up to `now`.
@@ -81,6 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(trace->rateHz > 0);
   const Date afterLast{
       trace->samples.empty() ? 0.0 : trace->samples.back().timestamp.secondsSince1970 + 0.001};
+  writeRecords(trace->samples);
   useSamples(trace->samples, afterLast, false);
   if (!trace->samples.empty()) useSamples(replayed(*trace, Date{1.7e9}), Date{1.7e9}, true);
   return 0;

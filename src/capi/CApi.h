@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -65,6 +66,17 @@ void guardedVoid(const char* function, Fn&& fn) noexcept {
   });
 }
 
+// The integer a C caller stored in one of orvane.h's enumerations. C allows any int there,
+// and reading a value outside the enumerators' range through the enumeration type is
+// undefined in C++, so the bytes are read as an int.
+template <typename Enum>
+int cValue(const Enum& value) {
+  static_assert(sizeof(Enum) == sizeof(int));
+  int raw = 0;
+  std::memcpy(&raw, &value, sizeof raw);
+  return raw;
+}
+
 // A copy the caller frees with orvane_string_free (malloc); NULL when memory runs out.
 char* copyString(std::string_view text) noexcept;
 
@@ -90,9 +102,9 @@ orvane_log* wrap(std::shared_ptr<Log> log);
 
 // A C callback as the C++ API takes it: the context is lent to `callback` for the call.
 ContextManager::ContextCallback contextCallback(orvane_context_fn callback,
-                                                std::shared_ptr<UserData> userData);
+                                                const std::shared_ptr<UserData>& userData);
 // The host's log sender; none for a NULL function.
-LogSender logSender(orvane_log_sender_fn sender, std::shared_ptr<UserData> userData);
+LogSender logSender(orvane_log_sender_fn sender, const std::shared_ptr<UserData>& userData);
 
 // The valid entries of a C list (the others are logged and left out).
 CustomSignalList customSignals(const orvane_custom_signal* signals, size_t count,

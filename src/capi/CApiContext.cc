@@ -36,7 +36,7 @@ void actOnContext(orvane_context* handle, const char* function, Act&& act) {
 }
 
 SubscriptionPeriod period(const orvane_subscription_period& p) {
-  return SubscriptionPeriod{static_cast<SubscriptionPeriodUnit>(p.unit), p.number_of_units};
+  return SubscriptionPeriod{static_cast<SubscriptionPeriodUnit>(cValue(p.unit)), p.number_of_units};
 }
 
 std::optional<std::string> optionalText(const char* text) {
@@ -57,7 +57,7 @@ std::optional<StoreKit1Product> storeKit1Product(const orvane_storekit1_product&
     if (!introductory) return std::nullopt;
     product.introductoryPrice = StoreKit1ProductDiscount{
         *introductory, period(p.introductory_price->subscription_period),
-        static_cast<DiscountPaymentMode>(p.introductory_price->payment_mode)};
+        static_cast<DiscountPaymentMode>(cValue(p.introductory_price->payment_mode))};
   }
   return product;
 }
@@ -88,10 +88,10 @@ std::optional<StoreKit2Product> storeKit2Product(const orvane_storekit2_product&
 }
 
 std::optional<RevenueEvent> revenueEvent(const orvane_revenue_event& e, const char* function) {
-  if (e.source < ORVANE_REVENUE_AD_IMPRESSION || e.source > ORVANE_REVENUE_DONATION) {
+  const int source = cValue(e.source);
+  if (source < ORVANE_REVENUE_AD_IMPRESSION || source > ORVANE_REVENUE_DONATION) {
     logLine(LogLevel::kError, std::string("[Orvane] ") + function + ": revenue source " +
-                                  std::to_string(static_cast<int>(e.source)) +
-                                  " is unknown; ignored.");
+                                  std::to_string(source) + " is unknown; ignored.");
     return std::nullopt;
   }
   auto amount = decimal(e.revenue, function, "revenue");
@@ -106,17 +106,17 @@ std::optional<RevenueEvent> revenueEvent(const orvane_revenue_event& e, const ch
                                   "\" is unknown; ignored.");
     return std::nullopt;
   }
-  return RevenueEvent(static_cast<RevenueSource>(e.source), *amount, *currency);
+  return RevenueEvent(static_cast<RevenueSource>(source), *amount, *currency);
 }
 
 // The revenue forms share one shape: convert the host's value, check the outcome, log.
 template <typename Value, typename Convert, typename LogWith>
-void logRevenue(orvane_context* handle, const Value* value, int rawOutcome, const char* function,
-                Convert&& convert, LogWith&& logWith) {
+void logRevenue(orvane_context* handle, const Value* value, const orvane_event_outcome& rawOutcome,
+                const char* function, Convert&& convert, LogWith&& logWith) {
   const auto* context = contextOf(handle, function);
   if (context == nullptr || !present(value, function, "revenue value")) return;
   guardedVoid(function, [&] {
-    const auto eventOutcome = outcome(rawOutcome, function);
+    const auto eventOutcome = outcome(cValue(rawOutcome), function);
     if (!eventOutcome) return;
     const auto converted = convert(*value, function);
     if (!converted) return;
@@ -164,7 +164,7 @@ std::function<std::optional<Purchase>(const orvane_storekit1_transaction&, const
                    const char* function) -> std::optional<Purchase> {
     Purchase purchase;
     purchase.transaction.transactionState =
-        static_cast<StoreKit1TransactionState>(t.transaction_state);
+        static_cast<StoreKit1TransactionState>(cValue(t.transaction_state));
     if (t.has_transaction_date) purchase.transaction.transactionDate = Date{t.transaction_date};
     if (product != nullptr) {
       purchase.product = storeKit1Product(*product, function);
@@ -182,11 +182,8 @@ constexpr uint16_t kOutcomeSignal = 3;
 constexpr uint16_t kEventTypeSignal = 23;
 
 }  // namespace
-}  // namespace orvane::capi
-
-using namespace orvane;
-using namespace orvane::capi;
-
+// Defined in the namespace for its names; C linkage makes them the functions orvane.h
+// declares.
 extern "C" {
 
 // ---- References ---------------------------------------------------------------------------
@@ -254,13 +251,13 @@ char* orvane_context_validate(const orvane_context* context) {
 
 void orvane_context_log(orvane_context* context, orvane_event_outcome outcome) {
   actOnContext(context, "orvane_context_log", [&](Context& c) {
-    if (auto value = capi::outcome(outcome, "orvane_context_log")) c.log(*value);
+    if (auto value = capi::outcome(cValue(outcome), "orvane_context_log")) c.log(*value);
   });
 }
 
 void orvane_context_log_if_not_logged_yet(orvane_context* context, orvane_event_outcome outcome) {
   actOnContext(context, "orvane_context_log_if_not_logged_yet", [&](Context& c) {
-    if (auto value = capi::outcome(outcome, "orvane_context_log_if_not_logged_yet")) {
+    if (auto value = capi::outcome(cValue(outcome), "orvane_context_log_if_not_logged_yet")) {
       c.logIfNotLoggedYet(*value);
     }
   });
@@ -401,3 +398,5 @@ void orvane_log_send(orvane_log* log) {
 }
 
 }  // extern "C"
+
+}  // namespace orvane::capi

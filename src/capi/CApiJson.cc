@@ -266,17 +266,23 @@ struct Merge {
   std::string& error;
   std::string& unknownKeys;
 
+  void noteUnknown(const std::string& path) {
+    unknownKeys.append(unknownKeys.empty() ? "\"" : ", \"").append(path).append("\"");
+  }
+
   template <typename T>
-  bool fields(const Json& object, const Fields<T>& known, T& target, const std::string& prefix) {
+  // The keys of a nested fact, `name`.key.
+  bool fields(const Json& object, const Fields<T>& known, T& target, const std::string& name) {
     if (!object.is_object()) {
-      error = prefix.empty() ? "not a JSON object" : "\"" + prefix + "\" is not an object";
+      error = "\"" + name + "\" is not an object";
       return false;
     }
     for (const auto& [key, value] : object.items()) {
-      const std::string path = prefix.empty() ? key : prefix + "." + key;
+      std::string path = name;
+      path.append(".").append(key);
       auto field = known.find(key);
       if (field == known.end()) {
-        unknownKeys += (unknownKeys.empty() ? "\"" : ", \"") + path + "\"";
+        noteUnknown(path);
         continue;
       }
       if (!field->second(value, target)) {
@@ -338,7 +344,7 @@ struct Merge {
       } else if (key == "trackingAuthorizationStatus") {
         ok = read(value, f.trackingAuthorizationStatus);
       } else {
-        unknownKeys += (unknownKeys.empty() ? "\"" : ", \"") + key + "\"";
+        noteUnknown(key);
         continue;
       }
       if (!ok) {

@@ -21,7 +21,7 @@ orvane_log* wrap(std::shared_ptr<Log> log) {
 }
 
 ContextManager::ContextCallback contextCallback(orvane_context_fn callback,
-                                                std::shared_ptr<UserData> userData) {
+                                                const std::shared_ptr<UserData>& userData) {
   if (callback == nullptr) return nullptr;
   return [callback, userData](const std::shared_ptr<Context>& context) {
     // The host gets a handle of its own to retain; the SDK's reference ends with the call.
@@ -31,7 +31,7 @@ ContextManager::ContextCallback contextCallback(orvane_context_fn callback,
   };
 }
 
-LogSender logSender(orvane_log_sender_fn sender, std::shared_ptr<UserData> userData) {
+LogSender logSender(orvane_log_sender_fn sender, const std::shared_ptr<UserData>& userData) {
   if (sender == nullptr) return nullptr;
   return [sender, userData](const std::shared_ptr<Log>& log) {
     orvane_log* handle = wrap(log);
@@ -61,7 +61,8 @@ CustomSignalList customSignals(const orvane_custom_signal* signals, size_t count
     const orvane_custom_signal& entry = signals[i];
     if (!present(entry.id, function, "custom signal id")) continue;
     const std::string id = entry.id;
-    switch (entry.type) {
+    const int type = cValue(entry.type);
+    switch (type) {
       case ORVANE_CUSTOM_SIGNAL_BOOL:
         list.push_back(CustomSignalBool(id, entry.value.bool_value));
         break;
@@ -83,8 +84,7 @@ CustomSignalList customSignals(const orvane_custom_signal* signals, size_t count
         break;
       default:
         logLine(LogLevel::kError, std::string("[Orvane] ") + function + ": custom signal \"" + id +
-                                      "\" has unknown type " +
-                                      std::to_string(static_cast<int>(entry.type)) + "; ignored.");
+                                      "\" has unknown type " + std::to_string(type) + "; ignored.");
         break;
     }
   }
@@ -132,7 +132,7 @@ void requestWithCallback(const char* function, const char* flowName,
   if (!present(flowName, function, "flow name")) return;
   guardedVoid(function, [&] {
     request(std::string(flowName), customSignals(signals, count, function),
-            contextCallback(callback, std::move(data)));
+            contextCallback(callback, data));
   });
 }
 
@@ -157,11 +157,8 @@ void setGlobal(const char* function, const char* id, Set&& set) {
 
 }  // namespace
 
-}  // namespace orvane::capi
-
-using namespace orvane;
-using namespace orvane::capi;
-
+// Defined in the namespace for its names; C linkage makes them the functions orvane.h
+// declares.
 extern "C" {
 
 // ---- Setup --------------------------------------------------------------------------------
@@ -197,7 +194,7 @@ bool orvane_setup_with_log_sender(const char* license_key,
   if (!present(license_key, "orvane_setup_with_log_sender", "license key")) return false;
   return guarded("orvane_setup_with_log_sender", false, [&] {
     sharedManager();
-    return ContextManager::setup(license_key, logSender(log_sender, std::move(data)),
+    return ContextManager::setup(license_key, logSender(log_sender, data),
                                  configurationFrom(configuration));
   });
 }
@@ -229,7 +226,7 @@ void orvane_set_log_sender(orvane_log_sender_fn log_sender, void* user_data,
   auto data = std::make_shared<UserData>(user_data, release_user_data);
   guardedVoid("orvane_set_log_sender", [&] {
     sharedManager();
-    LogSender sender = logSender(log_sender, std::move(data));
+    LogSender sender = logSender(log_sender, data);
     if (!sender) {
       sender = [](const std::shared_ptr<Log>& log) {
         if (log) log->send();
@@ -439,7 +436,7 @@ void orvane_register_context_observer(const char* flow_name, orvane_context_fn c
   if (!present(reinterpret_cast<const void*>(callback), kFunction, "callback")) return;
   guardedVoid(kFunction, [&] {
     sharedManager();
-    ContextManager::registerContextObserver(flow_name, contextCallback(callback, std::move(data)));
+    ContextManager::registerContextObserver(flow_name, contextCallback(callback, data));
   });
 }
 
@@ -490,3 +487,5 @@ char* orvane_golden_signals(const char* trigger, const char* bid_id) {
 }
 
 }  // extern "C"
+
+}  // namespace orvane::capi

@@ -37,9 +37,10 @@ void withApplication(const char* function, Fn&& fn) {
 
 MotionVector vector(const orvane_vector3& v) { return MotionVector{v.x, v.y, v.z}; }
 
-std::optional<bool> tristate(orvane_tristate value) {
-  if (value == ORVANE_YES) return true;
-  if (value == ORVANE_NO) return false;
+std::optional<bool> tristate(const orvane_tristate& value) {
+  const int raw = cValue(value);
+  if (raw == ORVANE_YES) return true;
+  if (raw == ORVANE_NO) return false;
   return std::nullopt;
 }
 
@@ -49,11 +50,8 @@ std::optional<NotificationSetting> optionalSetting(int32_t raw) {
 }
 
 }  // namespace
-}  // namespace orvane::capi
-
-using namespace orvane;
-using namespace orvane::capi;
-
+// Defined in the namespace for its names; C linkage makes them the functions orvane.h
+// declares.
 extern "C" {
 
 // ---- Lifecycle ----------------------------------------------------------------------------
@@ -138,10 +136,10 @@ void orvane_set_network_path(orvane_network_interface kind, bool is_satisfied,
                              orvane_tristate is_constrained, orvane_tristate is_expensive) {
   constexpr const char* kFunction = "orvane_set_network_path";
   guardedVoid(kFunction, [&] {
-    if (kind != ORVANE_NETWORK_ANY && kind != ORVANE_NETWORK_WIFI) {
+    const int raw = cValue(kind);
+    if (raw != ORVANE_NETWORK_ANY && raw != ORVANE_NETWORK_WIFI) {
       logLine(LogLevel::kError, std::string("[Orvane] ") + kFunction + ": interface kind " +
-                                    std::to_string(static_cast<int>(kind)) +
-                                    " is unknown; ignored.");
+                                    std::to_string(raw) + " is unknown; ignored.");
       return;
     }
     static std::once_flag reported;
@@ -149,7 +147,7 @@ void orvane_set_network_path(orvane_network_interface kind, bool is_satisfied,
                                                        kFunction, "network path service", reported);
     if (!service) return;
     service->setPath(
-        kind == ORVANE_NETWORK_WIFI ? NetworkInterfaceKind::kWiFi : NetworkInterfaceKind::kAny,
+        raw == ORVANE_NETWORK_WIFI ? NetworkInterfaceKind::kWiFi : NetworkInterfaceKind::kAny,
         NetworkPath{is_satisfied, tristate(is_constrained), tristate(is_expensive)});
   });
 }
@@ -190,3 +188,5 @@ void orvane_set_notification_settings(const orvane_notification_settings* settin
 }
 
 }  // extern "C"
+
+}  // namespace orvane::capi

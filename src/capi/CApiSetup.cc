@@ -190,11 +190,8 @@ char* copyString(std::string_view text) noexcept {
   return copy;
 }
 
-}  // namespace orvane::capi
-
-using orvane::LogLevel;
-using namespace orvane::capi;
-
+// Defined in the namespace for its names; C linkage makes them the functions orvane.h
+// declares.
 extern "C" {
 
 const char* orvane_sdk_version(void) {
@@ -277,3 +274,5 @@ void orvane_main_thread_set_current(void) {
 }
 
 }  // extern "C"
+
+}  // namespace orvane::capi

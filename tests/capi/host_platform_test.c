@@ -39,22 +39,28 @@ static bool sensors_running(void) {
   return running;
 }
 
-/* Pushes `count` updates in real time at 100 Hz, stamped on the boot clock; the host loop runs
- * between them only when `run_loop` is set. Returns how many the SDK took. */
+/* Pushes `count` updates at 100 Hz, stamped as a running sensor stamps them: every 10 ms on the
+ * boot clock, continuing from the previous call, however late the delivery (a loaded machine
+ * must not stretch the window). Updates are never pushed ahead of their time; after a long
+ * pause the sensor starts afresh. The host loop runs between them only when `run_loop` is set.
+ * Returns how many the SDK took. */
 static int push_motion(int count, bool run_loop) {
+  static double next_stamp = 0;
   int i, taken = 0;
-  for (i = 0; i < count; ++i) {
+  if (next_stamp < seconds_since_boot() - 1.5) next_stamp = seconds_since_boot();
+  for (i = 0; i < count; ++i, next_stamp += 0.01) {
     orvane_device_motion motion;
+    const double early = next_stamp - seconds_since_boot();
+    if (early > 0) sleep_seconds(early);
     memset(&motion, 0, sizeof motion);
     motion.user_acceleration.x = 0.02 * (i % 7);
     motion.user_acceleration.y = -0.01 * (i % 5);
     motion.rotation_rate.z = 0.1;
     motion.gravity.z = -1;
     motion.pitch = 0.3;
-    motion.timestamp = seconds_since_boot();
+    motion.timestamp = next_stamp;
     if (orvane_push_device_motion(&motion)) ++taken;
     if (run_loop) host_loop_run();
-    sleep_seconds(0.01);
   }
   return taken;
 }

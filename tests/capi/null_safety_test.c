@@ -371,13 +371,13 @@ static void released(void* user_data) {
   pthread_mutex_unlock(&box->mutex);
 }
 
-static void test_fetch_answers_on_the_sdk_main_thread_with_the_user_data(void) {
+static void test_a_request_answers_on_the_sdk_main_thread_with_the_user_data(void) {
   static answer box = {
       PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 0, 0, NULL, NULL, false, 0};
   struct timespec deadline;
   box.caller = pthread_self();
-  /* The default platform's device lies still at 100 Hz: one second of data takes a second. */
-  orvane_fetch_context("default_queue_flow", 1, NULL, 0, answered, &box, released);
+  /* Without a wait (no model, no delay): decided at once, answered through the main queue. */
+  orvane_optimize("default_queue_flow", 0, NULL, 0, answered, &box, released);
   clock_gettime(CLOCK_REALTIME, &deadline);
   deadline.tv_sec += 15;
   pthread_mutex_lock(&box.mutex);
@@ -407,7 +407,7 @@ int main(void) {
            test_services_the_host_does_not_drive_refuse_its_values);
   run_test("SDK lines reach the sink with their level",
            test_sdk_lines_reach_the_sink_with_their_level);
-  run_test("fetch answers on the SDK's main thread with the user data",
-           test_fetch_answers_on_the_sdk_main_thread_with_the_user_data);
+  run_test("a request answers on the SDK's main thread with the user data",
+           test_a_request_answers_on_the_sdk_main_thread_with_the_user_data);
   return finish_tests();
 }

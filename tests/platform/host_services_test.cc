@@ -162,20 +162,6 @@ TEST_F(HostMainQueueTest, DelayedWorkIsTimedElsewhereAndRunsOnTheHostsLoop) {
   EXPECT_EQ(repeating, 2);
 }
 
-TEST(ExecutorsWithMainQueue, TheHostsMainQueueAndTheBasesSerialQueues) {
-  auto clock = std::make_shared<testing::FakeClock>();
-  auto base = std::make_shared<testing::ManualExecutors>(clock);
-  HostLoop loop;
-  auto main = std::make_shared<HostMainQueue>(loop.dispatcher(), base->makeSerialQueue("timers"));
-  auto executors = makeExecutorsWithMainQueue(base, main);
-  EXPECT_EQ(executors->mainQueue(), main);
-  bool ran = false;
-  executors->makeSerialQueue("work")->async([&] { ran = true; });
-  EXPECT_EQ(loop.pending(), 0u);
-  base->runUntilIdle();
-  EXPECT_TRUE(ran);
-}
-
 // ---- Motion the host pushes -----------------------------------------------------------------
 
 TEST(HostMotionService, DeliversTheHostsUpdatesOnlyWhileTheSdkWantsThem) {
