@@ -1,9 +1,10 @@
 #include "logging/OrvaneLogSender.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
+#include <deque>
 #include <future>
+#include <utility>
 
 #include "api/Engine.h"
 #include "config/ServerPayload.h"
@@ -18,6 +19,7 @@
 #include "orvane/platform/HttpTransport.h"
 #include "timing/TimingCoordinator.h"
 #include "util/DateProvider.h"
+#include "util/RetryAfter.h"
 #include "util/URLText.h"
 #include "util/UserDefaultsProvider.h"
 
@@ -26,29 +28,21 @@ namespace {
 
 constexpr const char* kInternalBundleIdentifiers[] = {"com.orvane.demo", "com.orvane.demo.dev",
                                                       "com.orvane.internal"};
-// An upload waits for its completion; this is only a guard against a transport that never
-// answers, far beyond the request's own time limit.
-constexpr double kRequestTimeoutSeconds = 60;
-constexpr double kCompletionGuardSeconds = kRequestTimeoutSeconds + 120;
-
 const std::string* textAt(const PlistDictionary& record, const char* key) {
   auto it = record.find(key);
   return it == record.end() ? nullptr : it->second.asString();
 }
 
-const std::string* textAt(const PlistValue& record, const char* key) {
-  return textAt(*record.asDictionary(), key);
+std::vector<std::string> logIdsOf(std::span<const PlistDictionary* const> records) {
+  std::vector<std::string> ids;
+  for (const PlistDictionary* record : records) {
+    if (const std::string* id = textAt(*record, "ctx_8")) ids.push_back(*id);
+  }
+  return ids;
 }
 
-// The stored records to edit and write back. Copies share each record with the store, so this
-// costs a pointer per record however large they are.
-PlistArray editableQueue(const PlistValue* stored) {
-  const PlistArray* array = stored ? stored->asArray() : nullptr;
-  if (array == nullptr) return {};
-  for (const PlistValue& item : *array) {
-    if (item.asDictionary() == nullptr) return {};
-  }
-  return *array;
+bool isAccepted(const std::optional<HttpResponse>& response) {
+  return response && response->statusCode >= 200 && response->statusCode <= 202;
 }
 
 }  // namespace
@@ -88,15 +82,37 @@ struct OrvaneLogSender::Shared {
   std::mutex mutex;
   double currentBackoffS = 0;
   double lastSendingAttempt = 0;
+  double retryAfterUntil = 0;  // no attempt before this date (a Retry-After answer)
   std::vector<TriggerRequest> triggers;
   bool alive = true;
+  int uploadsInFlight = 0;
+  std::weak_ptr<SerialQueue> queue;
+};
+
+struct OrvaneLogSender::UploadRun {
+  UploadQueueKind queue;
+  std::string_view key;
+  StoredQueueView stored;  // keeps the batch's records alive
+  std::vector<const PlistDictionary*> batch;
+  // What is still to send, as [begin, end) of `batch`, next first. A part refused as too large
+  // is replaced by its halves.
+  std::deque<std::pair<size_t, size_t>> parts;
+  uint64_t attempt = 0;  // the answer waited for
+  size_t bodyBytes = 0;  // of that request
+  std::shared_ptr<Cancellable> guard;
+
+  std::span<const PlistDictionary* const> nextPart() const {
+    return {batch.data() + parts.front().first, parts.front().second - parts.front().first};
+  }
 };
 
 OrvaneLogSender::OrvaneLogSender(Engine& owner)
     : owner_(owner),
       shared_(std::make_shared<Shared>()),
-      dispatchQueue_(owner.platform().executors->makeSerialQueue("com.orvane.OrvaneLogSender")) {
+      dispatchQueue_(owner.platform().executors->makeSerialQueue("com.orvane.OrvaneLogSender")),
+      store_(std::make_unique<UploadQueueStore>(owner)) {
   shared_->lastSendingAttempt = owner_.dateProvider()->currentDate().secondsSince1970;
+  shared_->queue = dispatchQueue_;
 }
 
 OrvaneLogSender::~OrvaneLogSender() {
@@ -104,56 +120,68 @@ OrvaneLogSender::~OrvaneLogSender() {
     std::lock_guard<std::mutex> guard(shared_->mutex);
     shared_->alive = false;
   }
-  // An upload already running finishes before the sender goes away.
+  // Only a task already running is waited for: no task waits for the network, and an answer
+  // that arrives later finds the sender gone and is dropped.
   if (!dispatchQueue_->isCurrent()) dispatchQueue_->sync([] {});
+  for (QueueUploads* uploads : {&mainUploads_, &unloggedUploads_}) {
+    if (uploads->current && uploads->current->guard) uploads->current->guard->cancel();
+  }
+  if (storeRetry_) storeRetry_->cancel();
 }
 
-void OrvaneLogSender::onQueue(Task task) {
-  std::weak_ptr<Shared> weak = shared_;
-  dispatchQueue_->async([weak, task = std::move(task)] {
+void OrvaneLogSender::postToQueue(const std::weak_ptr<Shared>& weak, OrvaneLogSender* sender,
+                                  std::function<void(OrvaneLogSender&)> task) {
+  std::shared_ptr<SerialQueue> queue;
+  if (auto shared = weak.lock()) queue = shared->queue.lock();
+  if (!queue) return;
+  queue->async([weak, sender, task = std::move(task)] {
     auto shared = weak.lock();
     if (!shared) return;
     {
       std::lock_guard<std::mutex> guard(shared->mutex);
       if (!shared->alive) return;
     }
-    task();
+    // The destructor waits for a task that got this far, so the sender is still there.
+    task(*sender);
   });
+}
+
+void OrvaneLogSender::onQueue(Task task) {
+  postToQueue(shared_, this, [task = std::move(task)](OrvaneLogSender&) { task(); });
 }
 
 // ---- Adding and removing ------------------------------------------------------------------
 
 void OrvaneLogSender::addToQueue(const Log& log) {
-  addRecord(kMainQueueKey, rawDictionaryWithStaticColumns(log), "Failed to add new log to queue",
-            true);
+  addRecord(kMainQueueKey, rawDictionaryWithStaticColumns(log), true);
 }
 
 void OrvaneLogSender::addToUnloggedQueue(const Log& log) {
-  addRecord(kUnloggedQueueKey, rawDictionaryWithStaticColumns(log),
-            "Failed to add logs to unlogged queue", false);
+  addRecord(kUnloggedQueueKey, rawDictionaryWithStaticColumns(log), false);
 }
 
-void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record,
-                                const char* failureMessage, bool mayStartUpload) {
-  onQueue([this, key, record = std::move(record), failureMessage, mayStartUpload]() mutable {
-    const auto& defaults = owner_.userDefaultsProvider();
-    if (!defaults->isAvailable()) {
-      owner_.orvaneErrorReporting().reportError(failureMessage);
-      return;
-    }
-    PlistArray queue = editableQueue(defaults->sharedObject(key).get());
-    queue.emplace_back(std::move(record));
-    if (queue.size() > kMaximumSignalsToStore) {
-      queue.erase(queue.begin(),
-                  queue.begin() + static_cast<ptrdiff_t>(queue.size() - kMaximumSignalsToStore));
-    }
-    const size_t queued = queue.size();
-    defaults->set(key, std::move(queue));
-    defaults->synchronize();
+void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bool mayStartUpload) {
+  onQueue([this, key, record = std::move(record), mayStartUpload]() mutable {
+    const size_t queued = store_->append(key, PlistValue(std::move(record)));
+    scheduleStoreRetry();
     if (!mayStartUpload || !shouldUploadNow(queued)) return;
     std::weak_ptr<Shared> weak = shared_;
     owner_.platform().executors->mainQueue()->async([this, weak] {
       if (auto alive = weak.lock()) triggerUpload(UploadQueueKind::kMain, false);
+    });
+  });
+}
+
+void OrvaneLogSender::scheduleStoreRetry() {
+  if (storeRetry_ || !store_->hasWaitingWork()) return;
+  std::weak_ptr<Shared> weak = shared_;
+  storeRetry_ = dispatchQueue_->asyncAfter(storeRetryDelayS_, [weak, this] {
+    postToQueue(weak, this, [](OrvaneLogSender& sender) {
+      sender.storeRetry_.reset();
+      sender.storeRetryDelayS_ =
+          sender.store_->retry() ? kStoreRetryFirstDelayS
+                                 : std::min(sender.storeRetryDelayS_ * 2, kStoreRetryLongestDelayS);
+      sender.scheduleStoreRetry();
     });
   });
 }
@@ -172,36 +200,22 @@ bool OrvaneLogSender::shouldUploadNow(size_t queueSize) const {
 
 void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUID) {
   onQueue([this, contextUUID] {
-    const auto& defaults = owner_.userDefaultsProvider();
-    if (!defaults->isAvailable()) {
-      owner_.orvaneErrorReporting().reportError("Failed to remove logs from unlogged queue");
-      return;
-    }
-    PlistArray queue = editableQueue(defaults->sharedObject(kUnloggedQueueKey).get());
-    std::erase_if(queue, [&](const PlistValue& record) {
+    store_->removeIf(kUnloggedQueueKey, [&](const PlistDictionary& record) {
       const std::string* uuid = textAt(record, "ctx_29");
       return uuid && *uuid == contextUUID;
     });
-    defaults->set(kUnloggedQueueKey, std::move(queue));
-    defaults->synchronize();
+    scheduleStoreRetry();
   });
 }
 
 void OrvaneLogSender::removeLogsFromQueue(std::string_view key,
                                           const std::vector<std::string>& sent) {
-  const auto& defaults = owner_.userDefaultsProvider();
-  if (!defaults->isAvailable()) {
-    owner_.orvaneErrorReporting().reportError("Failed to remove logs from queue");
-    return;
-  }
-  // Read again: records added while the batch was in flight must stay.
-  PlistArray queue = editableQueue(defaults->sharedObject(key).get());
-  std::erase_if(queue, [&](const PlistValue& record) {
+  // The store reads the queue again: records added while the batch was in flight stay.
+  store_->removeIf(key, [&](const PlistDictionary& record) {
     const std::string* id = textAt(record, "ctx_8");
     return id && std::find(sent.begin(), sent.end(), *id) != sent.end();
   });
-  defaults->set(key, std::move(queue));
-  defaults->synchronize();
+  scheduleStoreRetry();
 }
 
 std::optional<std::string> OrvaneLogSender::encodeUploadBody(
@@ -240,105 +254,215 @@ void OrvaneLogSender::triggerUpload(UploadQueueKind queue, bool force) {
   }
   const auto& application = owner_.platform().application;
   if (!application || application->applicationState() != ApplicationState::kActive) return;
-  const std::string_view key = queue == UploadQueueKind::kMain ? kMainQueueKey : kUnloggedQueueKey;
-  onQueue([this, key, force] { upload(key, force); });
+  onQueue([this, queue, force] { requestUpload(queue, {force, force}); });
 }
 
 bool OrvaneLogSender::flush(double timeoutSeconds) {
   if (dispatchQueue_->isCurrent()) return false;
   auto done = std::make_shared<std::promise<void>>();
   std::future<void> finished = done->get_future();
-  onQueue([this] { upload(kUnloggedQueueKey, false, true); });
-  onQueue([this] { upload(kMainQueueKey, false, true); });
-  onQueue([done] { done->set_value(); });
+  onQueue([this, done] {
+    FlushWaiter waiter;
+    waiter.unloggedRun = requestUpload(UploadQueueKind::kUnloggedContexts, {false, true});
+    waiter.mainRun = requestUpload(UploadQueueKind::kMain, {false, true});
+    if (mainUploads_.runsEnded >= waiter.mainRun &&
+        unloggedUploads_.runsEnded >= waiter.unloggedRun) {
+      done->set_value();
+      return;
+    }
+    waiter.done = [done] { done->set_value(); };
+    flushWaiters_.push_back(std::move(waiter));
+  });
   const auto wait = std::chrono::duration<double>(std::max(0.0, timeoutSeconds));
   if (finished.wait_for(wait) != std::future_status::ready) return false;
   return mainQueue().empty();
 }
 
-void OrvaneLogSender::upload(std::string_view key, bool forceSend, bool ignoreBackoff) {
-  const auto& defaults = owner_.userDefaultsProvider();
-  if (!defaults->isAvailable()) {
-    owner_.orvaneErrorReporting().reportError("Failed to perform log upload");
-    return;
+OrvaneLogSender::QueueUploads& OrvaneLogSender::uploadsOf(UploadQueueKind queue) {
+  return queue == UploadQueueKind::kMain ? mainUploads_ : unloggedUploads_;
+}
+
+uint64_t OrvaneLogSender::requestUpload(UploadQueueKind queue, UploadFlags flags) {
+  QueueUploads& uploads = uploadsOf(queue);
+  if (uploads.current) {
+    UploadFlags& pending = uploads.pending ? *uploads.pending : uploads.pending.emplace();
+    pending.forceSend |= flags.forceSend;
+    pending.ignoreBackoff |= flags.ignoreBackoff;
+    return uploads.runsStarted + 1;
   }
+  startRun(queue, flags);
+  return uploads.runsStarted;
+}
+
+void OrvaneLogSender::startRun(UploadQueueKind queue, UploadFlags flags) {
+  ++uploadsOf(queue).runsStarted;
+  if (!beginUpload(queue, flags)) endRun(queue);
+}
+
+bool OrvaneLogSender::beginUpload(UploadQueueKind queue, UploadFlags flags) {
+  auto run = std::make_shared<UploadRun>();
+  run->queue = queue;
+  run->key = queue == UploadQueueKind::kMain ? kMainQueueKey : kUnloggedQueueKey;
   // Read in place: the stored queue is large and the upload only reads it.
-  const StoredQueueView stored = viewStoredQueue(defaults->sharedObject(key));
-  std::vector<const PlistDictionary*> batch = stored.records;
-  if (key == kUnloggedQueueKey) {
+  run->stored = viewStoredQueue(store_->stored(run->key));
+  run->batch = run->stored.records;
+  if (queue == UploadQueueKind::kUnloggedContexts) {
     // Contexts of the running session may still be logged: they are not "unlogged" yet.
     const std::string session = owner_.currentSessionId();
-    std::erase_if(batch, [&](const PlistDictionary* record) {
+    std::erase_if(run->batch, [&](const PlistDictionary* record) {
       const std::string* id = textAt(*record, "ctx_14");
       return id && *id == session;
     });
   }
-  std::vector<std::string> sentIds;
-  for (const PlistDictionary* record : batch) {
-    if (const std::string* id = textAt(*record, "ctx_8")) sentIds.push_back(*id);
-  }
-  if (batch.empty() && !forceSend) return;
+  if (run->batch.empty() && !flags.forceSend) return false;
 
   const double now = owner_.dateProvider()->currentDate().secondsSince1970;
   {
     std::lock_guard<std::mutex> guard(shared_->mutex);
-    if (shared_->currentBackoffS > now - shared_->lastSendingAttempt && !forceSend &&
-        !ignoreBackoff) {
-      return;
+    if (shared_->currentBackoffS > now - shared_->lastSendingAttempt && !flags.forceSend &&
+        !flags.ignoreBackoff) {
+      return false;
     }
+    if (now < shared_->retryAfterUntil) return false;
     shared_->lastSendingAttempt = now;
   }
-  const std::string url = owner_.serviceBaseURL() + std::string(kPath);
-  const auto& http = owner_.platform().http;
-  if (!parsesAsURL(url) || !http) return;
+  if (!parsesAsURL(owner_.serviceBaseURL() + std::string(kPath)) || !owner_.platform().http) {
+    return false;
+  }
+  run->parts.emplace_back(0, run->batch.size());
+  uploadsOf(queue).current = run;
+  {
+    std::lock_guard<std::mutex> guard(shared_->mutex);
+    ++shared_->uploadsInFlight;
+  }
+  sendPart(run);
+  return true;
+}
 
+void OrvaneLogSender::sendPart(const std::shared_ptr<UploadRun>& run) {
+  const auto& defaults = owner_.userDefaultsProvider();
   UploadBodyFields fields;
   fields.bundleId = owner_.bundleIdentifier();
   fields.licenseKey = owner_.licenseKey().value_or("");
   fields.sdkVersion = ContextManager::sdkVersion();
   fields.lastOtaUpdate = defaults->integer(CoreMLModelManager::kLastAppliedVersion).value_or(0);
   fields.installationUUID = owner_.installationUUID();
-  std::optional<std::string> body = encodeUploadBody(batch, fields);
+  std::optional<std::string> body = encodeUploadBody(run->nextPart(), fields);
   if (!body) {
-    // A record that cannot be written would block the queue forever: drop the batch.
-    removeLogsFromQueue(key, sentIds);
+    // A record that cannot be written would block the queue forever: drop the part.
+    removeLogsFromQueue(run->key, logIdsOf(run->nextPart()));
+    run->parts.pop_front();
+    if (run->parts.empty()) {
+      endRun(run->queue);
+    } else {
+      sendPart(run);
+    }
     return;
   }
 
   HttpRequest request;
-  request.url = url;
+  request.url = owner_.serviceBaseURL() + std::string(kPath);
   request.headers = {{"Content-Type", "application/json"}};
   request.body.assign(body->begin(), body->end());
   request.timeoutSeconds = kRequestTimeoutSeconds;
+  run->bodyBytes = body->size();
+  body.reset();
+  const uint64_t attempt = run->attempt = ++attempts_;
 
-  auto done = std::make_shared<std::promise<bool>>();
-  auto answered = std::make_shared<std::atomic<bool>>(false);
-  std::future<bool> success = done->get_future();
+  // The answer and the guard hold the run weakly: once the run has ended, whichever comes
+  // second finds nothing, and neither keeps the batch alive.
+  std::weak_ptr<UploadRun> weakRun = run;
+  auto answer = [weakRun, attempt](OrvaneLogSender& sender,
+                                   const std::optional<HttpResponse>& response) {
+    auto current = weakRun.lock();
+    if (!current || current->attempt != attempt ||
+        sender.uploadsOf(current->queue).current != current) {
+      return;  // the guard gave up on this attempt, or its answer came already
+    }
+    sender.handleAnswer(current, response);
+  };
   std::weak_ptr<Shared> weak = shared_;
-  http->send(std::move(request),
-             [this, weak, done, answered](const std::optional<HttpResponse>& response,
-                                          const std::optional<PlatformError>&) {
-               // After the guard gave up, a late completion must not touch a gone sender.
-               if (answered->exchange(true) || !weak.lock()) return;
-               done->set_value(completeUpload(response));
-             });
-  bool accepted = false;
-  if (success.wait_for(std::chrono::duration<double>(kCompletionGuardSeconds)) ==
-      std::future_status::ready) {
-    accepted = success.get();
-  } else if (!answered->exchange(true)) {
-    completeUpload(std::nullopt);  // no answer in time: a failed attempt
-  } else {
-    accepted = success.get();  // the completion won the race with the guard
+  run->guard = dispatchQueue_->asyncAfter(kCompletionGuardSeconds, [weak, this, answer] {
+    postToQueue(weak, this, [answer](OrvaneLogSender& sender) { answer(sender, std::nullopt); });
+  });
+  owner_.platform().http->send(
+      std::move(request), [weak, this, answer](std::optional<HttpResponse> response,
+                                               const std::optional<PlatformError>&) {
+        postToQueue(weak, this, [answer, response = std::move(response)](OrvaneLogSender& sender) {
+          answer(sender, response);
+        });
+      });
+}
+
+void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
+                                   const std::optional<HttpResponse>& response) {
+  if (run->guard) run->guard->cancel();
+  const auto [begin, end] = run->parts.front();
+  const bool tooLarge = response && response->statusCode == 413 && end > begin;
+  if (tooLarge && end - begin > 1) {
+    // Halves at once: the service is answering, and only the record at fault must go.
+    const size_t middle = begin + (end - begin) / 2;
+    run->parts.pop_front();
+    run->parts.emplace_front(middle, end);
+    run->parts.emplace_front(begin, middle);
+    sendPart(run);
+    return;
   }
-  if (accepted) removeLogsFromQueue(key, sentIds);
+  if (tooLarge) {
+    dropRefusedRecord(*run);
+  } else if (completeUpload(response)) {
+    removeLogsFromQueue(run->key, logIdsOf(run->nextPart()));
+  } else {
+    endRun(run->queue);  // backing off; what was not sent waits for the next attempt
+    return;
+  }
+  run->parts.pop_front();
+  if (run->parts.empty()) {
+    endRun(run->queue);
+  } else {
+    sendPart(run);
+  }
+}
+
+void OrvaneLogSender::dropRefusedRecord(const UploadRun& run) {
+  const PlistDictionary& record = *run.nextPart().front();
+  const std::string* id = textAt(record, "ctx_8");
+  const std::string logId = id ? *id : "";
+  owner_.platform().log->error("[Orvane] The service refused log " + logId + " as too large (" +
+                               std::to_string(run.bodyBytes) + " bytes); dropped it");
+  owner_.orvaneErrorReporting().reportError(
+      "Upload refused a record as too large; dropped it", std::nullopt, false,
+      PlistDictionary{{"log_id", logId}, {"size", static_cast<int64_t>(run.bodyBytes)}});
+  if (id) removeLogsFromQueue(run.key, {logId});
+}
+
+void OrvaneLogSender::endRun(UploadQueueKind queue) {
+  QueueUploads& uploads = uploadsOf(queue);
+  if (uploads.current) {
+    uploads.current.reset();
+    std::lock_guard<std::mutex> guard(shared_->mutex);
+    --shared_->uploadsInFlight;
+  }
+  ++uploads.runsEnded;
+  std::vector<FlushWaiter> finished;
+  std::erase_if(flushWaiters_, [&](FlushWaiter& waiter) {
+    if (mainUploads_.runsEnded < waiter.mainRun ||
+        unloggedUploads_.runsEnded < waiter.unloggedRun) {
+      return false;
+    }
+    finished.push_back(std::move(waiter));
+    return true;
+  });
+  for (FlushWaiter& waiter : finished) waiter.done();
+  if (auto pending = std::exchange(uploads.pending, std::nullopt)) startRun(queue, *pending);
 }
 
 bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response) {
-  if (response && response->statusCode >= 200 && response->statusCode <= 202) {
+  if (isAccepted(response)) {
     {
       std::lock_guard<std::mutex> guard(shared_->mutex);
       shared_->currentBackoffS = 0;
+      shared_->retryAfterUntil = 0;
     }
     if (!response->body.empty()) {
       const std::string text(response->body.begin(), response->body.end());
@@ -354,6 +478,11 @@ bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response
     }
     return true;
   }
+  const double now = owner_.dateProvider()->currentDate().secondsSince1970;
+  std::optional<double> retryAfter;
+  if (response && (response->statusCode == 429 || response->statusCode == 503)) {
+    retryAfter = retryAfterSeconds(response->headers, now);
+  }
   RandomSource& random = *owner_.platform().random;
   std::lock_guard<std::mutex> guard(shared_->mutex);
   double& backoff = shared_->currentBackoffS;
@@ -364,6 +493,8 @@ bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response
         std::min(backoff * (kBackoffGrowth + 0.1 * std::min(random.uniformDouble(), 0.999999)),
                  kMaximumBackoffS);
   }
+  // The service's own floor for the next attempt, within the longest back-off.
+  if (retryAfter) shared_->retryAfterUntil = now + std::min(*retryAfter, kMaximumBackoffS);
   return false;
 }
 
@@ -400,5 +531,12 @@ double OrvaneLogSender::currentBackoffSeconds() const {
   std::lock_guard<std::mutex> guard(shared_->mutex);
   return shared_->currentBackoffS;
 }
+
+bool OrvaneLogSender::uploadInFlight() const {
+  std::lock_guard<std::mutex> guard(shared_->mutex);
+  return shared_->uploadsInFlight > 0;
+}
+
+size_t OrvaneLogSender::recordsWaitingInMemory() const { return store_->recordsWaitingInMemory(); }
 
 }  // namespace orvane

@@ -2,15 +2,20 @@
 // The durable upload queues. Finished logs wait in the main queue ("orvane_log"), creation
 // records of contexts whose outcome was never logged in the unlogged queue
 // ("orvane_unlogged"); both live in the defaults suite, oldest first, at most 100 records,
-// written back and synchronised on every change. Uploads post a batch and remove exactly the
-// records that were sent once the service accepted them; failures back off. Every accepted
-// upload also brings the service's state back: geo-IP data, model updates, timing rules.
+// written back and synchronised on every change (UploadQueueStore). Uploads post a batch and
+// remove exactly the records that were sent once the service accepted them; failures back off,
+// a Retry-After of 429 and 503 sets a floor, and a batch refused as too large (413) is split
+// until the record at fault is found and dropped. Every accepted upload also brings the
+// service's state back: geo-IP data, model updates, timing rules.
 //
-// All queue work runs on one serial queue, which an upload blocks until its HTTP completion
-// has run: one upload in flight, and later queue changes wait behind it.
+// All queue work runs on one serial queue, which never waits for the network: an upload reads
+// its batch there and sends it, and the answer is handled back on the queue. Each queue has at
+// most one upload in flight; a request meanwhile runs once that upload has ended.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -19,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "logging/UploadQueueStore.h"
 #include "orvane/PlistValue.h"
 #include "orvane/platform/Executors.h"
 
@@ -26,6 +32,7 @@ namespace orvane {
 
 class Engine;
 class Log;
+struct HttpResponse;
 struct ServerPayload;
 
 enum class UploadQueueKind { kMain, kUnloggedContexts };
@@ -39,8 +46,16 @@ class OrvaneLogSender {
   static constexpr double kMaximumBackoffS = 3600;
   static constexpr double kInitialBackoffS = 30;
   static constexpr double kBackoffGrowth = 1.2;
-  static constexpr size_t kMaximumSignalsToStore = 100;
+  static constexpr size_t kMaximumSignalsToStore = UploadQueueStore::kMaximumRecords;
   static constexpr size_t kBatchSizeThatUploads = 50;
+  // The request's own time limit, and the guard against a transport that never answers: past
+  // it the attempt counts as failed and a late answer is ignored.
+  static constexpr double kRequestTimeoutSeconds = 60;
+  static constexpr double kCompletionGuardSeconds = kRequestTimeoutSeconds + 120;
+  // Records the store could not take yet are written again after this, doubling up to the
+  // longest delay.
+  static constexpr double kStoreRetryFirstDelayS = 1;
+  static constexpr double kStoreRetryLongestDelayS = 60;
 
   // What an upload says about the installation besides its records.
   struct UploadBodyFields {
@@ -77,29 +92,76 @@ class OrvaneLogSender {
   std::vector<PlistDictionary> unloggedQueue() const;
   std::vector<TriggerRequest> triggerHistory() const;
   double currentBackoffSeconds() const;
+  // Any thread.
+  bool uploadInFlight() const;
+  size_t recordsWaitingInMemory() const;
   // Runs `task` on the sender's queue after everything queued before it.
   void onQueue(Task task);
-  // Uploads both queues now, whatever the app state and the back-off, and waits at most
-  // `timeoutSeconds` for the uploads to end. True when the main queue is empty then. False at
-  // once when called on the sender's own queue.
+  // Uploads both queues now, whatever the app state and the back-off (a Retry-After floor
+  // still holds), and waits at most `timeoutSeconds` for those uploads to end, behind any
+  // already in flight. True when the main queue is empty then. False at once when called on
+  // the sender's own queue.
   bool flush(double timeoutSeconds);
 
  private:
   struct Shared;
+  struct UploadRun;
   // `forceSend` posts even an empty batch and ignores the back-off; `ignoreBackoff` only the
-  // latter.
-  void upload(std::string_view key, bool forceSend, bool ignoreBackoff = false);
-  void addRecord(std::string_view key, PlistDictionary record, const char* failureMessage,
-                 bool mayStartUpload);
+  // latter. Neither overrides a Retry-After floor.
+  struct UploadFlags {
+    bool forceSend = false;
+    bool ignoreBackoff = false;
+  };
+  // Per queue, on the sender's queue only.
+  struct QueueUploads {
+    std::shared_ptr<UploadRun> current;  // the upload in flight
+    std::optional<UploadFlags> pending;  // requested meanwhile; runs once `current` ends
+    uint64_t runsStarted = 0;
+    uint64_t runsEnded = 0;
+  };
+  // A flush waiting for one run of each queue to end.
+  struct FlushWaiter {
+    uint64_t mainRun;
+    uint64_t unloggedRun;
+    std::function<void()> done;
+  };
+
+  // Runs `task` on the sender's queue while the sender exists; any thread, also from a
+  // transport's completion after the sender has gone.
+  static void postToQueue(const std::weak_ptr<Shared>& weak, OrvaneLogSender* sender,
+                          std::function<void(OrvaneLogSender&)> task);
+  void addRecord(std::string_view key, PlistDictionary record, bool mayStartUpload);
+  void scheduleStoreRetry();
+  // Starts an upload of `queue` or remembers it behind the one in flight. Returns the number
+  // of the run that will serve the request.
+  uint64_t requestUpload(UploadQueueKind queue, UploadFlags flags);
+  void startRun(UploadQueueKind queue, UploadFlags flags);
+  // Reads the batch and sends its first part; false when nothing is sent.
+  bool beginUpload(UploadQueueKind queue, UploadFlags flags);
+  void sendPart(const std::shared_ptr<UploadRun>& run);
+  void handleAnswer(const std::shared_ptr<UploadRun>& run,
+                    const std::optional<HttpResponse>& response);
+  void dropRefusedRecord(const UploadRun& run);
+  void endRun(UploadQueueKind queue);
+  QueueUploads& uploadsOf(UploadQueueKind queue);
   // Removes the records whose log id ("ctx_8") is in `sentIds`.
   void removeLogsFromQueue(std::string_view key, const std::vector<std::string>& sentIds);
   bool shouldUploadNow(size_t queueSize) const;
   void applyServerPayload(const ServerPayload& payload);
-  bool completeUpload(const std::optional<struct HttpResponse>& response);
+  // Applies an answer to the back-off and, when accepted, its payload; true when accepted.
+  bool completeUpload(const std::optional<HttpResponse>& response);
 
   Engine& owner_;
   std::shared_ptr<Shared> shared_;
   std::shared_ptr<SerialQueue> dispatchQueue_;
+  // The rest is touched only on the sender's queue.
+  std::unique_ptr<UploadQueueStore> store_;
+  QueueUploads mainUploads_;
+  QueueUploads unloggedUploads_;
+  std::vector<FlushWaiter> flushWaiters_;
+  uint64_t attempts_ = 0;
+  std::shared_ptr<Cancellable> storeRetry_;
+  double storeRetryDelayS_ = kStoreRetryFirstDelayS;
 };
 
 // Reads a stored queue: an array of text-keyed maps, anything else as empty.

@@ -14,6 +14,7 @@
 #include "models/ModelExecutionInformation.h"
 #include "orvane/Context.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
+#include "testutil/DrainUploads.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/Fixtures.h"
 #include "util/UserDefaultsProvider.h"
@@ -40,20 +41,20 @@ TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
   Engine manager(fake.platform, ContextManagerIsSupported::kSupported);
   manager.setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
   manager.setServiceBaseURLValue(base);
+  OrvaneLogSender& sender = manager.orvaneLogSender();
   fake.application->becomeActive();
-  fake.drain();  // launch: the forced post meets the first 500
+  testing::drainUploads(fake, sender);  // launch: the forced post meets the first 500
 
   auto context = ContextAccess::create(manager, {}, "upsell", {}, MethodUsed::kFetchContext, {});
   fake.advance(1);
   context->log(EventOutcome::kPositive);
   fake.drain();  // the record starts an upload inside the back-off: nothing is sent
-  OrvaneLogSender& sender = manager.orvaneLogSender();
   EXPECT_DOUBLE_EQ(sender.currentBackoffSeconds(), 30.5);
   ASSERT_EQ(sender.mainQueue().size(), 1u);
 
   fake.advance(31);
   sender.triggerUpload(UploadQueueKind::kMain, false);
-  fake.drain();  // the connection breaks off: the back-off grows, the record stays
+  testing::drainUploads(fake, sender);  // the connection breaks off: the back-off grows
   EXPECT_DOUBLE_EQ(sender.currentBackoffSeconds(), 30.5 * 1.25);
   EXPECT_EQ(sender.mainQueue().size(), 1u);
 
@@ -73,7 +74,7 @@ TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
   dir.write("payload.json", payload.dump());
   fake.advance(60);
   sender.triggerUpload(UploadQueueKind::kMain, false);
-  fake.drain();  // upload accepted; the store downloads and applies on its own queue
+  testing::drainUploads(fake, sender);  // accepted; the store downloads and applies the model
   EXPECT_EQ(sender.currentBackoffSeconds(), 0);
   EXPECT_TRUE(sender.mainQueue().empty());
   EXPECT_EQ(manager.userDefaultsProvider()->integer("ota_last_applied_version"), 2);
@@ -89,7 +90,7 @@ TEST(SdkOverLoopbackTest, BackoffRecoveryGarbageAnswerAndAModelUpdate) {
   decided->log(EventOutcome::kNegative);
   fake.drain();
   sender.triggerUpload(UploadQueueKind::kMain, true);
-  fake.drain();
+  testing::drainUploads(fake, sender);
   EXPECT_TRUE(sender.mainQueue().empty());
 
   // Error reports go out on their own thread: give the report a moment to arrive.

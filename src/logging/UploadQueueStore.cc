@@ -1,0 +1,141 @@
+#include "logging/UploadQueueStore.h"
+
+#include <algorithm>
+
+#include "api/Engine.h"
+#include "logging/OrvaneErrorReporting.h"
+#include "util/UserDefaultsProvider.h"
+
+namespace orvane {
+namespace {
+
+// The stored records to edit and write back. Copies share each record with the store, so this
+// costs a pointer per record however large they are.
+PlistArray editableQueue(const PlistValue* stored) {
+  const PlistArray* array = stored ? stored->asArray() : nullptr;
+  if (array == nullptr) return {};
+  for (const PlistValue& item : *array) {
+    if (item.asDictionary() == nullptr) return {};
+  }
+  return *array;
+}
+
+template <typename Sequence>
+void keepNewest(Sequence& records) {
+  if (records.size() <= UploadQueueStore::kMaximumRecords) return;
+  records.erase(
+      records.begin(),
+      records.begin() + static_cast<ptrdiff_t>(records.size() - UploadQueueStore::kMaximumRecords));
+}
+
+}  // namespace
+
+bool UploadQueueStore::available() {
+  if (owner_.userDefaultsProvider()->isAvailable()) return true;
+  notice(Failure::kUnavailable);
+  return false;
+}
+
+size_t UploadQueueStore::append(std::string_view key, PlistValue record) {
+  auto it = queues_.find(key);
+  if (it == queues_.end()) it = queues_.emplace(std::string(key), QueueState{}).first;
+  QueueState& state = it->second;
+  state.held.push_back(std::move(record));
+  keepNewest(state.held);
+  size_t queued = state.held.size();
+  if (available()) {
+    if (auto size = writeHeld(key, state)) queued = *size;
+  }
+  publishCount();
+  return queued;
+}
+
+void UploadQueueStore::removeIf(std::string_view key,
+                                const std::function<bool(const PlistDictionary&)>& matches) {
+  auto pick = [&](const PlistValue& record) {
+    const PlistDictionary* fields = record.asDictionary();
+    return fields && matches(*fields);
+  };
+  auto it = queues_.find(key);
+  if (it != queues_.end()) std::erase_if(it->second.held, pick);
+  if (available()) {
+    const auto& defaults = owner_.userDefaultsProvider();
+    PlistArray queue = editableQueue(defaults->sharedObject(key).get());
+    const size_t before = queue.size();
+    std::erase_if(queue, pick);
+    const size_t after = queue.size();
+    if (after != before && defaults->set(key, std::move(queue))) {
+      if (it != queues_.end()) it->second.notDurable = std::min(it->second.notDurable, after);
+      synchronize();
+    }
+  }
+  publishCount();
+}
+
+std::shared_ptr<const PlistValue> UploadQueueStore::stored(std::string_view key) {
+  return available() ? owner_.userDefaultsProvider()->sharedObject(key) : nullptr;
+}
+
+bool UploadQueueStore::retry() {
+  if (owner_.userDefaultsProvider()->isAvailable()) {
+    for (auto& [key, state] : queues_) {
+      if (!state.held.empty()) writeHeld(key, state);
+    }
+    if (synchronizePending_) synchronize();
+  }
+  publishCount();
+  return !hasWaitingWork();
+}
+
+bool UploadQueueStore::hasWaitingWork() const {
+  if (synchronizePending_) return true;
+  return std::any_of(queues_.begin(), queues_.end(),
+                     [](const auto& entry) { return !entry.second.held.empty(); });
+}
+
+std::optional<size_t> UploadQueueStore::writeHeld(std::string_view key, QueueState& state) {
+  const auto& defaults = owner_.userDefaultsProvider();
+  // Held records came after everything stored (earlier sessions, or before the suite failed).
+  PlistArray queue = editableQueue(defaults->sharedObject(key).get());
+  queue.insert(queue.end(), state.held.begin(), state.held.end());
+  keepNewest(queue);
+  const size_t written = std::min(state.held.size(), queue.size());
+  const size_t size = queue.size();
+  if (!defaults->set(key, std::move(queue))) {
+    notice(Failure::kUnavailable);
+    return std::nullopt;
+  }
+  state.held.clear();
+  state.notDurable = std::min(state.notDurable + written, size);
+  synchronize();
+  return size;
+}
+
+void UploadQueueStore::synchronize() {
+  if (owner_.userDefaultsProvider()->synchronize()) {
+    synchronizePending_ = false;
+    for (auto& [key, queue] : queues_) queue.notDurable = 0;
+    return;
+  }
+  synchronizePending_ = true;
+  notice(Failure::kNotDurable);
+}
+
+void UploadQueueStore::notice(Failure failure) {
+  bool& noticed = noticed_[failure == Failure::kUnavailable ? 0 : 1];
+  if (noticed) return;
+  noticed = true;
+  const char* message = failure == Failure::kUnavailable
+                            ? "Upload queue store unavailable: records wait in memory"
+                            : "Upload queue store did not confirm a write as durable: retrying";
+  owner_.platform().log->error(std::string("[Orvane] ") + message);
+  owner_.orvaneErrorReporting().reportError(message);
+}
+
+void UploadQueueStore::publishCount() {
+  size_t waiting = 0;
+  for (const auto& [key, state] : queues_) waiting += state.held.size() + state.notDurable;
+  waitingCount_.store(waiting);
+}
+
+}  // namespace orvane

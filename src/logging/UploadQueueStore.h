@@ -1,0 +1,69 @@
+// File: UploadQueueStore.h
+// Where the upload queues keep their records: the defaults suite, or the sender's memory while
+// the suite is unavailable (at most kMaximumRecords per queue, oldest dropped; written out
+// once the suite opens). A write counts as durable only once synchronize() confirmed it; until
+// then retry() synchronises again. Each kind of failure is logged and reported once per
+// session. Used on the sender's serial queue only, except recordsWaitingInMemory().
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "orvane/PlistValue.h"
+
+namespace orvane {
+
+class Engine;
+
+class UploadQueueStore {
+ public:
+  static constexpr size_t kMaximumRecords = 100;
+
+  explicit UploadQueueStore(Engine& owner) : owner_(owner) {}
+
+  // Appends `record` to the queue `key`; returns how many records the queue holds now, in the
+  // suite and in memory.
+  size_t append(std::string_view key, PlistValue record);
+  // Removes the records `matches` picks, from the suite and from memory.
+  void removeIf(std::string_view key, const std::function<bool(const PlistDictionary&)>& matches);
+  // The queue as stored, read in place; empty while the suite is unavailable (records in
+  // memory are never uploaded).
+  std::shared_ptr<const PlistValue> stored(std::string_view key);
+  // Writes what waits in memory and synchronises again after a failure. True when nothing
+  // waits any more.
+  bool retry();
+  bool hasWaitingWork() const;
+  // Records not durable yet: held in memory, or written but not confirmed by synchronize().
+  // Any thread.
+  size_t recordsWaitingInMemory() const { return waitingCount_.load(); }
+
+ private:
+  enum class Failure { kUnavailable, kNotDurable };
+  struct QueueState {
+    std::deque<PlistValue> held;  // oldest first, not in the suite yet
+    size_t notDurable = 0;        // records written since the last confirmed synchronize
+  };
+
+  bool available();
+  // Writes the held records of `key` behind the stored ones; returns the queue's size, none
+  // when the suite refused the write.
+  std::optional<size_t> writeHeld(std::string_view key, QueueState& state);
+  void synchronize();
+  void notice(Failure failure);
+  void publishCount();
+
+  Engine& owner_;  // not owned; the manager outlives its components
+  std::map<std::string, QueueState, std::less<>> queues_;
+  bool synchronizePending_ = false;
+  bool noticed_[2] = {false, false};
+  std::atomic<size_t> waitingCount_{0};
+};
+
+}  // namespace orvane
