@@ -28,6 +28,11 @@ struct ORVANE_API Diagnostics {
   std::vector<std::string> unansweredLogIds;
   // Seconds the upload queue waits after a failed upload before it tries again.
   double uploadBackoffSeconds = 0;
+  // Records not durable yet: kept in memory while the store is unavailable, or written but not
+  // yet confirmed on disk. Normally 0.
+  size_t recordsWaitingInMemory = 0;
+  // Whether an upload is waiting for the service's answer.
+  bool uploadInFlight = false;
 };
 
 }  // namespace orvane

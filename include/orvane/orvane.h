@@ -270,7 +270,8 @@ ORVANE_API char* orvane_current_applied_custom_model_version(void);
 /* Diagnostics for a support screen, as JSON text the caller frees with orvane_string_free:
  * {"installationID", "appLaunches", "appliedModelGeneration", "appliedUpdateVersion",
  *  "queuedRecords", "queuedLogIds", "unansweredContexts", "unansweredLogIds",
- *  "uploadBackoffSeconds"}. NULL only when the SDK cannot run at all. */
+ *  "uploadBackoffSeconds", "recordsWaitingInMemory", "uploadInFlight"}. NULL only when the
+ *  SDK cannot run at all. */
 ORVANE_API char* orvane_diagnostics_json(void);
 
 /* Uploads what waits now, without waiting out the back-off after a failure, and waits at most

@@ -528,6 +528,8 @@ Diagnostics Engine::diagnostics() {
   out.unansweredContexts = unanswered.size();
   out.unansweredLogIds = logIds(unanswered);
   out.uploadBackoffSeconds = sender.currentBackoffSeconds();
+  out.recordsWaitingInMemory = sender.recordsWaitingInMemory();
+  out.uploadInFlight = sender.uploadInFlight();
   return out;
 }
 

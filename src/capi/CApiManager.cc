@@ -283,6 +283,8 @@ char* orvane_diagnostics_json(void) {
     json.emplace("unansweredContexts", static_cast<int64_t>(d.unansweredContexts));
     json.emplace("unansweredLogIds", texts(d.unansweredLogIds));
     json.emplace("uploadBackoffSeconds", d.uploadBackoffSeconds);
+    json.emplace("recordsWaitingInMemory", static_cast<int64_t>(d.recordsWaitingInMemory));
+    json.emplace("uploadInFlight", d.uploadInFlight);
     return copyString(toJson(PlistValue(std::move(json))));
   });
 }
