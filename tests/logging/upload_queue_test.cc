@@ -1,95 +1,17 @@
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
-#include "api/Engine.h"
 #include "generators/GeoIPSignalGenerator.h"
-#include "logging/LogDictionaries.h"
-#include "logging/OrvaneLogSender.h"
+#include "logging/UploadQueueFixture.h"
 #include "models/CoreMLModelManager.h"
-#include "orvane/Log.h"
-#include "testutil/FakePlatform.h"
-#include "testutil/RecordingHttpTransport.h"
 #include "timing/TimingCoordinator.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
 namespace {
 
-using Answer = testing::RecordingHttpTransport::Answer;
-
-// Runs `duringFlight` once, between a request being posted and its answer.
-class InFlightTransport : public testing::RecordingHttpTransport {
- public:
-  std::function<void()> duringFlight;
-  void send(HttpRequest request, HttpCompletion completion) override {
-    if (auto hook = std::exchange(duringFlight, nullptr)) hook();
-    RecordingHttpTransport::send(std::move(request), std::move(completion));
-  }
-};
-
-Answer status(int code, std::string body = "") {
-  return {HttpResponse{code, {}, Bytes(body.begin(), body.end())}, std::nullopt, std::nullopt};
-}
-
-class UploadQueueTest : public ::testing::Test {
- protected:
-  explicit UploadQueueTest(int previousLaunches = 0, std::string bundleId = "com.example.host") {
-    fake.platform.http = http;
-    fake.platform.bundle.bundleIdentifier = std::move(bundleId);
-    if (previousLaunches > 0) {
-      PlistArray launches(static_cast<size_t>(previousLaunches), PlistValue(Date{1.6e9}));
-      fake.platform.keyValueStores->openSuite("com.orvane.ads")
-          ->set("app_launches", PlistDictionary{{"2020-09-13", launches}});
-    }
-    manager = std::make_unique<Engine>(fake.platform);
-    manager->setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
-    manager->setServiceBaseURLValue("http://127.0.0.1:9");
-    fake.application->becomeActive();
-    fake.drain();
-    http->script({});
-    requestsBefore = http->requests().size();
-  }
-
-  void add(int n, std::string session = "session", int outcome = 1) {
-    for (int i = 0; i < n; ++i) {
-      auto log = makeEngineLog(
-          SignalList{SignalInt(SignalEnum::id(3), outcome),
-                     SignalString(SignalEnum::id(8), "log-" + std::to_string(counter++)),
-                     SignalString(SignalEnum::id(14), session),
-                     SignalString(SignalEnum::id(29), "ctx-" + std::to_string(counter))},
-          CustomSignalList{}, CustomSignalList{}, CustomSignalList{}, Bytes{},
-          manager->weakHandle());
-      log->send();
-    }
-    fake.drain();
-  }
-  OrvaneLogSender& sender() { return manager->orvaneLogSender(); }
-  void trigger(UploadQueueKind queue, bool force) {
-    sender().triggerUpload(queue, force);
-    fake.drain();
-  }
-  std::vector<nlohmann::json> posts() {
-    std::vector<nlohmann::json> bodies;
-    auto all = http->requests();
-    for (size_t i = requestsBefore; i < all.size(); ++i) {
-      bodies.push_back(nlohmann::json::parse(all[i].body.begin(), all[i].body.end()));
-    }
-    requestsBefore = all.size();
-    return bodies;
-  }
-
-  testing::FakePlatform fake;
-  std::shared_ptr<InFlightTransport> http = std::make_shared<InFlightTransport>();
-  std::unique_ptr<Engine> manager;
-  size_t requestsBefore = 0;
-  int counter = 0;
-};
-
-class EstablishedAppUploadTest : public UploadQueueTest {
- protected:
-  EstablishedAppUploadTest() : UploadQueueTest(19) {}
-};
+using testing::EstablishedAppUploadTest;
+using testing::status;
+using testing::UploadQueueTest;
 
 TEST_F(UploadQueueTest, ForcedPostCarriesTheInstallationAndAnEmptyBatch) {
   trigger(UploadQueueKind::kMain, true);
@@ -147,7 +69,7 @@ TEST_F(EstablishedAppUploadTest, BatchOfFiftyStartsAnUploadThatRemovesExactlyWha
 TEST_F(EstablishedAppUploadTest, BackoffGrowsIsCappedAndClearsOnSuccess) {
   add(1);
   fake.random->scriptUniform({0.5});
-  http->script(std::vector<Answer>(40, status(503)));
+  http->script(std::vector<testing::Answer>(40, status(503)));
   trigger(UploadQueueKind::kMain, true);
   EXPECT_DOUBLE_EQ(sender().currentBackoffSeconds(), 30.5);
   fake.advance(10);
@@ -234,20 +156,6 @@ TEST_F(UploadQueueTest, ModelUpdatesWaitWhileTheNetworkIsConstrained) {
   http->script({status(200, payload)});
   trigger(UploadQueueKind::kMain, true);
   EXPECT_EQ(manager->userDefaultsProvider()->integer("ota_last_applied_version"), 4);
-}
-
-TEST(UploadQueueWithoutStoreTest, EveryOperationReportsAndNothingBreaks) {
-  testing::FakePlatform fake;
-  fake.platform.keyValueStores = testing::makeUnavailableKeyValueStoreProvider();
-  Engine manager(fake.platform);
-  fake.application->becomeActive();
-  fake.drain();
-  auto log = makeEngineLog(SignalList{SignalInt(SignalEnum::id(3), 1)}, CustomSignalList{},
-                           CustomSignalList{}, CustomSignalList{}, Bytes{}, manager.weakHandle());
-  log->send();
-  manager.orvaneLogSender().triggerUpload(UploadQueueKind::kMain, true);
-  fake.drain();
-  EXPECT_TRUE(manager.orvaneLogSender().mainQueue().empty());
 }
 
 TEST(StoredQueueTest, OnlyAnArrayOfMapsIsAQueue) {
