@@ -25,6 +25,9 @@ struct HostOptions {
   int outcomes = 100;
   int intervalMs = 20;
   double drainSeconds = 0;
+  // Print "logged <id>" as each outcome is handed to the SDK and go on at once, rather than
+  // printing "queued <id>" once it is stored.
+  bool noWait = false;
 };
 
 // The identifier of an outcome record; empty for a creation record, which the outcome that
@@ -63,8 +66,13 @@ int runHost(const HostOptions& options) {
       [&](std::shared_ptr<Log> log) {
         if (!log) return;
         log->send();
+        const std::string id = outcomeLogIdOf(*log);
         std::lock_guard<std::mutex> guard(mutex);
-        handedOver.push_back(outcomeLogIdOf(*log));
+        if (!options.noWait) {
+          handedOver.push_back(id);
+        } else if (!id.empty()) {
+          std::cout << "logged " << id << std::endl;
+        }
       },
       Configuration{});
   Engine& manager = ContextManagerAccess::engine(ContextManager::shared());
@@ -79,6 +87,7 @@ int runHost(const HostOptions& options) {
                                          MethodUsed::kFetchContext, {});
     std::this_thread::sleep_for(std::chrono::milliseconds(options.intervalMs));
     context->log(i % 2 == 0 ? EventOutcome::kPositive : EventOutcome::kNegative);
+    if (options.noWait) continue;
     waitUntilQueued(manager);
     std::vector<std::string> queued;
     {
@@ -117,6 +126,9 @@ void addHostCommands(CLI::App& app, int& exitCode) {
   host->add_option("--interval-ms", options->intervalMs, "pause between context and outcome");
   host->add_option("--drain", options->drainSeconds,
                    "afterwards, upload until the queue is empty, for at most this many seconds");
+  host->add_flag("--no-wait", options->noWait,
+                 "print \"logged <id>\" as each outcome is handed over, without waiting for it "
+                 "to be stored");
   host->callback([options, &exitCode] { exitCode = runHost(*options); });
 }
 
