@@ -1,0 +1,240 @@
+// Uploads over real HTTP against services that refuse: bodies over a size get 413, 429 and 503
+// carry Retry-After, and a port accepts the connection and never answers while records keep
+// being added.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <mutex>
+#include <set>
+
+#include "api/Engine.h"
+#include "config/RemoteConfiguration.h"
+#include "devservice/ServiceProcess.h"
+#include "devservice/SilentServer.h"
+#include "logging/LogDictionaries.h"
+#include "logging/OrvaneLogSender.h"
+#include "orvane/Log.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
+#include "testutil/DrainUploads.h"
+#include "testutil/FakePlatform.h"
+#include "util/UserDefaultsProvider.h"
+
+namespace orvane {
+namespace {
+
+using devservice_testing::TempDir;
+using nlohmann::json;
+
+// A service on loopback run by the test's own handlers.
+class LoopbackService {
+ public:
+  LoopbackService() {
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ~LoopbackService() {
+    server_.stop();
+    thread_.join();
+  }
+  httplib::Server& server() { return server_; }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+std::shared_ptr<Log> outcomeLog(Engine& manager, const std::string& id) {
+  return makeEngineLog(
+      SignalList{SignalInt(SignalEnum::id(3), 1), SignalString(SignalEnum::id(8), id)},
+      CustomSignalList{}, CustomSignalList{}, CustomSignalList{}, Bytes{}, manager.weakHandle());
+}
+
+std::vector<std::string> eventIds(const std::string& body) {
+  const json upload = json::parse(body);
+  std::vector<std::string> ids;
+  for (const json& event : upload["events"]) ids.push_back(event["ctx_8"]);
+  return ids;
+}
+
+// An engine of an established app (uploads wait for a batch, a trigger or a flush) whose
+// uploads go over curl to `url`.
+class OverLoopback {
+ public:
+  explicit OverLoopback(const std::string& url) {
+    fake.platform.http = makeCurlHttpTransport();
+    fake.random->scriptUniform({0.5});
+    PlistArray launches(19, PlistValue(Date{1.6e9}));
+    fake.platform.keyValueStores->openSuite("com.orvane.ads")
+        ->set("app_launches", PlistDictionary{{"2020-09-13", launches}});
+    manager = std::make_unique<Engine>(fake.platform);
+    manager->setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
+    manager->setServiceBaseURLValue(url);
+    ServerConfiguration update;
+    update.errorReportingSampleRate = 1.0f;
+    manager->remoteConfiguration().applyConfigurationUpdate(update);
+    fake.application->becomeActive();
+    testing::drainUploads(fake, sender());
+  }
+  OrvaneLogSender& sender() { return manager->orvaneLogSender(); }
+  void add(const std::string& id) {
+    outcomeLog(*manager, id)->send();
+    fake.drain();
+  }
+  void upload(bool force) {
+    sender().triggerUpload(UploadQueueKind::kMain, force);
+    testing::drainUploads(fake, sender());
+  }
+
+  testing::FakePlatform fake;
+  std::unique_ptr<Engine> manager;
+};
+
+TEST(UploadFaultsOverLoopbackTest, ATwoMegabyteRecordIsDroppedAndTheSmallOnesGetThrough) {
+  constexpr size_t kLimit = 1 << 20;
+  LoopbackService service;
+  std::mutex mutex;
+  std::vector<std::string> accepted;
+  std::vector<json> reports;
+  int refusals = 0;
+  service.server().Post(OrvaneLogSender::kPath.data(),
+                        [&](const httplib::Request& request, httplib::Response& response) {
+                          std::lock_guard<std::mutex> guard(mutex);
+                          if (request.body.size() > kLimit) {
+                            ++refusals;
+                            response.status = 413;
+                            return;
+                          }
+                          for (auto& id : eventIds(request.body)) accepted.push_back(id);
+                          response.status = 200;
+                        });
+  service.server().Post("/v2/error-reporting",
+                        [&](const httplib::Request& request, httplib::Response& response) {
+                          std::lock_guard<std::mutex> guard(mutex);
+                          reports.push_back(json::parse(request.body));
+                          response.status = 200;
+                        });
+  OverLoopback host(service.url());
+  for (int i = 0; i < 6; ++i) host.add("small-" + std::to_string(i));
+  auto defaults = host.manager->userDefaultsProvider();
+  PlistArray queue = *defaults->array("orvane_log");
+  queue.insert(queue.begin() + 3,
+               PlistValue(PlistDictionary{{"ctx_8", "big"}, {"blob", std::string(2 << 20, 'x')}}));
+  defaults->set("orvane_log", queue);
+  for (int i = 6; i < 10; ++i) host.add("small-" + std::to_string(i));
+
+  host.upload(true);
+  EXPECT_TRUE(host.sender().mainQueue().empty());
+  EXPECT_EQ(host.sender().currentBackoffSeconds(), 0);
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    host.fake.drain();  // the report is sent from the reporting queue
+    std::lock_guard<std::mutex> guard(mutex);
+    if (!reports.empty()) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::lock_guard<std::mutex> guard(mutex);
+  std::vector<std::string> expected;
+  for (int i = 0; i < 10; ++i) expected.push_back("small-" + std::to_string(i));
+  EXPECT_EQ(accepted, expected);
+  EXPECT_GE(refusals, 2);  // the whole batch, then each part holding the big record
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_EQ(reports[0]["payload"]["log_id"], "big");
+  EXPECT_GT(reports[0]["payload"]["size"].get<int64_t>(), 2 << 20);
+}
+
+TEST(UploadFaultsOverLoopbackTest, RetryAfterOf429And503HoldsTheNextAttemptBack) {
+  LoopbackService service;
+  std::mutex mutex;
+  std::vector<std::pair<int, std::string>> answers;  // status and Retry-After, in turn
+  int requests = 0;
+  service.server().Post(OrvaneLogSender::kPath.data(),
+                        [&](const httplib::Request&, httplib::Response& response) {
+                          std::lock_guard<std::mutex> guard(mutex);
+                          ++requests;
+                          response.status = 200;
+                          if (answers.empty()) return;
+                          response.status = answers.front().first;
+                          response.set_header("Retry-After", answers.front().second);
+                          answers.erase(answers.begin());
+                        });
+  auto requestCount = [&] {
+    std::lock_guard<std::mutex> guard(mutex);
+    return requests;
+  };
+  OverLoopback host(service.url());  // its launch posts an empty batch
+  host.add("waiting");
+  // The fake clock starts at 2023-11-14 22:13:20 UTC.
+  {
+    std::lock_guard<std::mutex> guard(mutex);
+    answers = {{429, "120"}, {503, "Tue, 14 Nov 2023 22:18:21 GMT"}};
+  }
+  const int before = requestCount();
+  auto requestsSince = [&] { return requestCount() - before; };
+  host.upload(true);
+  ASSERT_EQ(requestsSince(), 1);
+  host.fake.advance(100);  // past the back-off of 30.5 s, not past the floor
+  host.upload(false);
+  host.upload(true);
+  EXPECT_EQ(requestsSince(), 1);
+  host.fake.advance(21);
+  host.upload(true);  // now 22:15:21; the answer asks for three more minutes
+  EXPECT_EQ(requestsSince(), 2);
+  host.fake.advance(179);
+  host.upload(true);
+  EXPECT_EQ(requestsSince(), 2);
+  host.fake.advance(1);
+  host.upload(true);
+  EXPECT_EQ(requestsSince(), 3);
+  EXPECT_TRUE(host.sender().mainQueue().empty());
+  EXPECT_DOUBLE_EQ(host.sender().currentBackoffSeconds(), 0);
+}
+
+TEST(UploadFaultsOverLoopbackTest, EachRecordIsStoredWithinHalfASecondWhileAnUploadHangs) {
+  TempDir dir;
+  auto service = std::make_unique<devservice_testing::SilentServer>();
+  testing::FakePlatform fake;
+  auto executors = makeThreadExecutors();
+  auto application =
+      std::make_shared<HostApplicationService>(executors->mainQueue(), ApplicationState::kInactive);
+  fake.platform.executors = executors;
+  fake.platform.application = application;
+  fake.platform.keyValueStores = makeSqliteKeyValueStoreProvider((dir.path() / "data").string());
+  fake.platform.http = makeCurlHttpTransport();
+  auto manager = std::make_unique<Engine>(fake.platform);
+  manager->setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
+  manager->setServiceBaseURLValue(service->url());
+  application->becomeActive();
+  OrvaneLogSender& sender = manager->orvaneLogSender();
+
+  // A new installation uploads after every record, so an upload is waiting all along.
+  std::chrono::duration<double> slowest{0};
+  for (int i = 0; i < 40; ++i) {
+    const std::string id = "log-" + std::to_string(i);
+    const auto start = std::chrono::steady_clock::now();
+    outcomeLog(*manager, id)->send();
+    std::promise<void> written;
+    sender.onQueue([&written] { written.set_value(); });  // behind the record's write
+    ASSERT_EQ(written.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    slowest =
+        std::max<std::chrono::duration<double>>(slowest, std::chrono::steady_clock::now() - start);
+    const auto queue = sender.mainQueue();
+    ASSERT_EQ(queue.size(), static_cast<size_t>(i + 1));
+    EXPECT_EQ(queue.back().at("ctx_8"), PlistValue(id));
+    EXPECT_EQ(sender.recordsWaitingInMemory(), 0u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_LT(slowest.count(), 0.5);
+  EXPECT_TRUE(sender.uploadInFlight());
+  EXPECT_GE(service->connections(), 1);
+
+  // The engine goes away with the upload still waiting, at once.
+  const auto start = std::chrono::steady_clock::now();
+  manager.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  service.reset();  // lets the transport's worker go
+}
+
+}  // namespace
+}  // namespace orvane
