@@ -163,12 +163,26 @@ void OrvaneLogSender::addToUnloggedQueue(const Log& log) {
 void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bool mayStartUpload) {
   onQueue([this, key, record = std::move(record), mayStartUpload]() mutable {
     const size_t queued = store_->append(key, PlistValue(std::move(record)));
-    scheduleStoreRetry();
+    synchronizeSoon();
     if (!mayStartUpload || !shouldUploadNow(queued)) return;
     std::weak_ptr<Shared> weak = shared_;
     owner_.platform().executors->mainQueue()->async([this, weak] {
       if (auto alive = weak.lock()) triggerUpload(UploadQueueKind::kMain, false);
     });
+  });
+}
+
+void OrvaneLogSender::synchronizeSoon() {
+  if (synchronizePosted_ || !store_->needsSynchronize()) {
+    scheduleStoreRetry();
+    return;
+  }
+  // Behind the changes already queued: under a burst one disk flush makes them all durable.
+  synchronizePosted_ = true;
+  onQueue([this] {
+    synchronizePosted_ = false;
+    store_->synchronize();
+    scheduleStoreRetry();
   });
 }
 
@@ -204,7 +218,7 @@ void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUI
       const std::string* uuid = textAt(record, "ctx_29");
       return uuid && *uuid == contextUUID;
     });
-    scheduleStoreRetry();
+    synchronizeSoon();
   });
 }
 
@@ -215,7 +229,7 @@ void OrvaneLogSender::removeLogsFromQueue(std::string_view key,
     const std::string* id = textAt(record, "ctx_8");
     return id && std::find(sent.begin(), sent.end(), *id) != sent.end();
   });
-  scheduleStoreRetry();
+  synchronizeSoon();
 }
 
 std::optional<std::string> OrvaneLogSender::encodeUploadBody(

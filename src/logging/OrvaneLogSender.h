@@ -131,6 +131,9 @@ class OrvaneLogSender {
   static void postToQueue(const std::weak_ptr<Shared>& weak, OrvaneLogSender* sender,
                           std::function<void(OrvaneLogSender&)> task);
   void addRecord(std::string_view key, PlistDictionary record, bool mayStartUpload);
+  // Synchronises the store once the changes queued so far have run.
+  void synchronizeSoon();
+  // Writes what the store holds back later, with a growing delay, while it has any.
   void scheduleStoreRetry();
   // Starts an upload of `queue` or remembers it behind the one in flight. Returns the number
   // of the run that will serve the request.
@@ -160,6 +163,7 @@ class OrvaneLogSender {
   QueueUploads unloggedUploads_;
   std::vector<FlushWaiter> flushWaiters_;
   uint64_t attempts_ = 0;
+  bool synchronizePosted_ = false;
   std::shared_ptr<Cancellable> storeRetry_;
   double storeRetryDelayS_ = kStoreRetryFirstDelayS;
 };

@@ -66,7 +66,7 @@ void UploadQueueStore::removeIf(std::string_view key,
     const size_t after = queue.size();
     if (after != before && defaults->set(key, std::move(queue))) {
       if (it != queues_.end()) it->second.notDurable = std::min(it->second.notDurable, after);
-      synchronize();
+      unsynchronized_ = true;
     }
   }
   publishCount();
@@ -81,14 +81,14 @@ bool UploadQueueStore::retry() {
     for (auto& [key, state] : queues_) {
       if (!state.held.empty()) writeHeld(key, state);
     }
-    if (synchronizePending_) synchronize();
+    synchronize();
   }
   publishCount();
   return !hasWaitingWork();
 }
 
 bool UploadQueueStore::hasWaitingWork() const {
-  if (synchronizePending_) return true;
+  if (synchronizeFailed_) return true;
   return std::any_of(queues_.begin(), queues_.end(),
                      [](const auto& entry) { return !entry.second.held.empty(); });
 }
@@ -107,18 +107,21 @@ std::optional<size_t> UploadQueueStore::writeHeld(std::string_view key, QueueSta
   }
   state.held.clear();
   state.notDurable = std::min(state.notDurable + written, size);
-  synchronize();
+  unsynchronized_ = true;
   return size;
 }
 
 void UploadQueueStore::synchronize() {
+  if (!unsynchronized_ || !owner_.userDefaultsProvider()->isAvailable()) return;
   if (owner_.userDefaultsProvider()->synchronize()) {
-    synchronizePending_ = false;
+    unsynchronized_ = false;
+    synchronizeFailed_ = false;
     for (auto& [key, queue] : queues_) queue.notDurable = 0;
-    return;
+  } else {
+    synchronizeFailed_ = true;
+    notice(Failure::kNotDurable);
   }
-  synchronizePending_ = true;
-  notice(Failure::kNotDurable);
+  publishCount();
 }
 
 void UploadQueueStore::notice(Failure failure) {

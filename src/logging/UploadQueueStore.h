@@ -1,9 +1,11 @@
 // File: UploadQueueStore.h
 // Where the upload queues keep their records: the defaults suite, or the sender's memory while
 // the suite is unavailable (at most kMaximumRecords per queue, oldest dropped; written out
-// once the suite opens). A write counts as durable only once synchronize() confirmed it; until
-// then retry() synchronises again. Each kind of failure is logged and reported once per
-// session. Used on the sender's serial queue only, except recordsWaitingInMemory().
+// once the suite opens). Changes are written at once and made durable by synchronize(), which
+// the owner calls once behind a run of changes (one disk flush for all of them); a write
+// counts as durable only once the suite confirmed it, and retry() tries again after a
+// failure. Each kind of failure is logged and reported once per session. Used on the sender's
+// serial queue only, except recordsWaitingInMemory().
 #pragma once
 
 #include <atomic>
@@ -36,9 +38,13 @@ class UploadQueueStore {
   // The queue as stored, read in place; empty while the suite is unavailable (records in
   // memory are never uploaded).
   std::shared_ptr<const PlistValue> stored(std::string_view key);
+  // Makes every change so far durable; a failure is retried by the next call.
+  void synchronize();
+  bool needsSynchronize() const { return unsynchronized_; }
   // Writes what waits in memory and synchronises again after a failure. True when nothing
   // waits any more.
   bool retry();
+  // Records held in memory, or a synchronize that failed: retry() has work.
   bool hasWaitingWork() const;
   // Records not durable yet: held in memory, or written but not confirmed by synchronize().
   // Any thread.
@@ -55,13 +61,13 @@ class UploadQueueStore {
   // Writes the held records of `key` behind the stored ones; returns the queue's size, none
   // when the suite refused the write.
   std::optional<size_t> writeHeld(std::string_view key, QueueState& state);
-  void synchronize();
   void notice(Failure failure);
   void publishCount();
 
   Engine& owner_;  // not owned; the manager outlives its components
   std::map<std::string, QueueState, std::less<>> queues_;
-  bool synchronizePending_ = false;
+  bool unsynchronized_ = false;     // written since the last confirmed synchronize
+  bool synchronizeFailed_ = false;  // and the last attempt failed
   bool noticed_[2] = {false, false};
   std::atomic<size_t> waitingCount_{0};
 };

@@ -144,5 +144,17 @@ TEST_F(UploadQueueStoreTest, AnUnconfirmedWriteIsNotDurableAndIsSynchronisedAgai
   EXPECT_EQ(fake.log->count(kNotDurableLine), 1u);
 }
 
+TEST_F(UploadQueueStoreTest, ABurstOfRecordsIsMadeDurableByOneSynchronize) {
+  auto store = std::make_shared<UnconfirmedStore>();
+  store->durable = true;
+  start(std::make_shared<OneSuiteProvider>(store));
+  http->holdAnswers = true;
+  const int before = store->synchronizeCalls;
+  add(5);  // handed over together, so queued behind one another
+  EXPECT_EQ(store->synchronizeCalls - before, 1);
+  EXPECT_EQ(manager->orvaneLogSender().mainQueue().size(), 5u);
+  EXPECT_EQ(waiting(), 0u);
+}
+
 }  // namespace
 }  // namespace orvane
