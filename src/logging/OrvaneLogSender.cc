@@ -147,7 +147,25 @@ void OrvaneLogSender::postToQueue(const std::weak_ptr<Shared>& weak, OrvaneLogSe
 }
 
 void OrvaneLogSender::onQueue(Task task) {
+  // Changes queued before `task` are durable when it runs, as if each had synchronised.
+  postToQueue(shared_, this, [task = std::move(task)](OrvaneLogSender& sender) {
+    if (sender.store_->needsSynchronize()) sender.synchronizeStore();
+    task();
+  });
+}
+
+void OrvaneLogSender::runOnQueue(Task task) {
   postToQueue(shared_, this, [task = std::move(task)](OrvaneLogSender&) { task(); });
+}
+
+void OrvaneLogSender::changeStoreOnQueue(Task change) {
+  ++queuedChanges_;
+  runOnQueue([this, change = std::move(change)] {
+    change();
+    // The last change of a run makes them all durable with one disk flush; each waiting for
+    // its own would let a steady stream of records fall behind on a busy disk.
+    if (--queuedChanges_ == 0) synchronizeStore();
+  });
 }
 
 // ---- Adding and removing ------------------------------------------------------------------
@@ -161,9 +179,8 @@ void OrvaneLogSender::addToUnloggedQueue(const Log& log) {
 }
 
 void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bool mayStartUpload) {
-  onQueue([this, key, record = std::move(record), mayStartUpload]() mutable {
+  changeStoreOnQueue([this, key, record = std::move(record), mayStartUpload]() mutable {
     const size_t queued = store_->append(key, PlistValue(std::move(record)));
-    synchronizeSoon();
     if (!mayStartUpload || !shouldUploadNow(queued)) return;
     std::weak_ptr<Shared> weak = shared_;
     owner_.platform().executors->mainQueue()->async([this, weak] {
@@ -172,18 +189,9 @@ void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bo
   });
 }
 
-void OrvaneLogSender::synchronizeSoon() {
-  if (synchronizePosted_ || !store_->needsSynchronize()) {
-    scheduleStoreRetry();
-    return;
-  }
-  // Behind the changes already queued: under a burst one disk flush makes them all durable.
-  synchronizePosted_ = true;
-  onQueue([this] {
-    synchronizePosted_ = false;
-    store_->synchronize();
-    scheduleStoreRetry();
-  });
+void OrvaneLogSender::synchronizeStore() {
+  store_->synchronize();
+  scheduleStoreRetry();
 }
 
 void OrvaneLogSender::scheduleStoreRetry() {
@@ -213,12 +221,11 @@ bool OrvaneLogSender::shouldUploadNow(size_t queueSize) const {
 }
 
 void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUID) {
-  onQueue([this, contextUUID] {
+  changeStoreOnQueue([this, contextUUID] {
     store_->removeIf(kUnloggedQueueKey, [&](const PlistDictionary& record) {
       const std::string* uuid = textAt(record, "ctx_29");
       return uuid && *uuid == contextUUID;
     });
-    synchronizeSoon();
   });
 }
 
@@ -229,7 +236,7 @@ void OrvaneLogSender::removeLogsFromQueue(std::string_view key,
     const std::string* id = textAt(record, "ctx_8");
     return id && std::find(sent.begin(), sent.end(), *id) != sent.end();
   });
-  synchronizeSoon();
+  if (queuedChanges_ == 0) synchronizeStore();  // else the last queued change does
 }
 
 std::optional<std::string> OrvaneLogSender::encodeUploadBody(
@@ -268,14 +275,14 @@ void OrvaneLogSender::triggerUpload(UploadQueueKind queue, bool force) {
   }
   const auto& application = owner_.platform().application;
   if (!application || application->applicationState() != ApplicationState::kActive) return;
-  onQueue([this, queue, force] { requestUpload(queue, {force, force}); });
+  runOnQueue([this, queue, force] { requestUpload(queue, {force, force}); });
 }
 
 bool OrvaneLogSender::flush(double timeoutSeconds) {
   if (dispatchQueue_->isCurrent()) return false;
   auto done = std::make_shared<std::promise<void>>();
   std::future<void> finished = done->get_future();
-  onQueue([this, done] {
+  runOnQueue([this, done] {
     FlushWaiter waiter;
     waiter.unloggedRun = requestUpload(UploadQueueKind::kUnloggedContexts, {false, true});
     waiter.mainRun = requestUpload(UploadQueueKind::kMain, {false, true});

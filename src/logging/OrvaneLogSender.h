@@ -13,6 +13,7 @@
 // most one upload in flight; a request meanwhile runs once that upload has ended.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -95,7 +96,8 @@ class OrvaneLogSender {
   // Any thread.
   bool uploadInFlight() const;
   size_t recordsWaitingInMemory() const;
-  // Runs `task` on the sender's queue after everything queued before it.
+  // Runs `task` on the sender's queue after everything queued before it, once the records
+  // written so far are durable.
   void onQueue(Task task);
   // Uploads both queues now, whatever the app state and the back-off (a Retry-After floor
   // still holds), and waits at most `timeoutSeconds` for those uploads to end, behind any
@@ -131,8 +133,11 @@ class OrvaneLogSender {
   static void postToQueue(const std::weak_ptr<Shared>& weak, OrvaneLogSender* sender,
                           std::function<void(OrvaneLogSender&)> task);
   void addRecord(std::string_view key, PlistDictionary record, bool mayStartUpload);
-  // Synchronises the store once the changes queued so far have run.
-  void synchronizeSoon();
+  void runOnQueue(Task task);
+  // Runs a change of the stored queues on the sender's queue; the last of a run of queued
+  // changes synchronises the store.
+  void changeStoreOnQueue(Task change);
+  void synchronizeStore();
   // Writes what the store holds back later, with a growing delay, while it has any.
   void scheduleStoreRetry();
   // Starts an upload of `queue` or remembers it behind the one in flight. Returns the number
@@ -156,6 +161,7 @@ class OrvaneLogSender {
 
   Engine& owner_;
   std::shared_ptr<Shared> shared_;
+  std::atomic<int> queuedChanges_{0};  // posted by changeStoreOnQueue, not run yet
   std::shared_ptr<SerialQueue> dispatchQueue_;
   // The rest is touched only on the sender's queue.
   std::unique_ptr<UploadQueueStore> store_;
@@ -163,7 +169,6 @@ class OrvaneLogSender {
   QueueUploads unloggedUploads_;
   std::vector<FlushWaiter> flushWaiters_;
   uint64_t attempts_ = 0;
-  bool synchronizePosted_ = false;
   std::shared_ptr<Cancellable> storeRetry_;
   double storeRetryDelayS_ = kStoreRetryFirstDelayS;
 };
