@@ -138,7 +138,9 @@ TEST(UploadFaultsOverLoopbackTest, ATwoMegabyteRecordIsDroppedAndTheSmallOnesGet
   for (int i = 0; i < 10; ++i) expected.push_back("small-" + std::to_string(i));
   EXPECT_EQ(accepted, expected);
   EXPECT_GE(refusals, 2);  // the whole batch, then each part holding the big record
+  EXPECT_EQ(host.fake.log->countContaining("refused log big as too large"), 1u);
   ASSERT_EQ(reports.size(), 1u);
+  EXPECT_EQ(reports[0]["message"], "Upload refused a record as too large; dropped it");
   EXPECT_EQ(reports[0]["payload"]["log_id"], "big");
   EXPECT_GT(reports[0]["payload"]["size"].get<int64_t>(), 2 << 20);
 }

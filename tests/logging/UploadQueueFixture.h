@@ -12,7 +12,6 @@
 #include <nlohmann/json.hpp>
 
 #include "api/Engine.h"
-#include "config/RemoteConfiguration.h"
 #include "logging/LogDictionaries.h"
 #include "logging/OrvaneLogSender.h"
 #include "orvane/Log.h"
@@ -124,24 +123,6 @@ class UploadQueueTest : public ::testing::Test {
       bodies.push_back(nlohmann::json::parse(all[i].body.begin(), all[i].body.end()));
     }
     requestsBefore = all.size();
-    return bodies;
-  }
-  // Error reports reach the service only when its sampling rate says so.
-  void reportEveryError() {
-    ServerConfiguration update;
-    update.errorReportingSampleRate = 1.0f;
-    manager->remoteConfiguration().applyConfigurationUpdate(update);
-    fake.drain();
-  }
-  // Bodies of every error report sent so far.
-  std::vector<nlohmann::json> errorReports() {
-    fake.drain();
-    std::vector<nlohmann::json> bodies;
-    for (const auto& request : http->requests()) {
-      if (request.url.ends_with("/v2/error-reporting")) {
-        bodies.push_back(nlohmann::json::parse(request.body.begin(), request.body.end()));
-      }
-    }
     return bodies;
   }
   std::vector<std::string> queuedIds() {

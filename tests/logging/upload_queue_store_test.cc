@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "config/RemoteConfiguration.h"
 #include "logging/UploadQueueFixture.h"
 #include "util/UserDefaultsProvider.h"
 
