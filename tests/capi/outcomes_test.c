@@ -386,6 +386,8 @@ static void test_diagnostics_name_the_installation_and_an_empty_queue_flushes(vo
   CHECK(json_member(second, "installationID", again, sizeof again) && strcmp(id, again) == 0);
   /* Logs go to the host's sender here, so nothing waits and nothing needs the network. */
   CHECK(json_member_is(first, "queuedRecords", "0"));
+  CHECK(json_member_is(first, "recordsWaitingInMemory", "0"));
+  CHECK(json_member_is(first, "uploadInFlight", "false"));
   CHECK(orvane_flush(5));
   orvane_string_free(first);
   orvane_string_free(second);
