@@ -154,6 +154,9 @@ class ORVANE_API ContextManager {
   // overrides the hardware check.
   explicit ContextManager(Platform platform,
                           std::optional<ContextManagerIsSupported> imposedSupport = std::nullopt);
+  // Waits for calls in progress on this manager's contexts and callbacks, stops its workers,
+  // and leaves its contexts as logged no-ops. Never destroy a manager from inside one of its
+  // own callbacks: that call is one the destructor waits for.
   ~ContextManager();
   ContextManager(const ContextManager&) = delete;
   ContextManager& operator=(const ContextManager&) = delete;

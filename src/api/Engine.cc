@@ -60,7 +60,13 @@ T& lazily(std::once_flag& once, std::unique_ptr<T>& value, Make&& make) {
 
 Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> imposedSupport)
     : platform_(std::move(platform)),
-      selfHandle_(this, [](Engine*) {}),
+      handleRelease_(std::make_shared<HandleRelease>()),
+      selfHandle_(this,
+                  [release = handleRelease_](Engine*) {
+                    std::lock_guard<std::mutex> guard(release->mutex);
+                    release->done = true;
+                    release->released.notify_all();
+                  }),
       defaults_(std::make_shared<UserDefaultsProvider>(
           platform_.keyValueStores ? platform_.keyValueStores->openSuite(kDefaultsSuite)
                                    : nullptr)),
@@ -92,10 +98,29 @@ Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> impos
 }
 
 Engine::~Engine() {
+  // New calls through the handle now find it expired; wait for the ones in progress.
+  closing_.store(true);
   selfHandle_.reset();
+  {
+    std::unique_lock<std::mutex> lock(handleRelease_->mutex);
+    handleRelease_->released.wait(lock, [this] { return handleRelease_->done; });
+  }
   if (observerToken_ != 0 && platform_.application) {
     platform_.application->removeObserver(observerToken_);
   }
+  // Leaf first: what starts work goes before the components that work uses. The rest go in
+  // reverse order of declaration, which already puts the error reporting they all use last.
+  periodicEvaluator_.value.reset();
+  activityRecognition_.value.reset();
+  accelerometerSensor_.value.reset();
+  logSender_.value.reset();  // its uploads apply answers to the model manager, timing, geo-IP
+  withRecentContexts([](RecentContexts& recent) { recent.clear(); });
+}
+
+std::shared_ptr<Engine> Engine::hold(const std::weak_ptr<Engine>& handle) {
+  std::shared_ptr<Engine> engine = handle.lock();
+  if (engine && engine->closing_.load()) return nullptr;
+  return engine;
 }
 
 void Engine::runInitialBootup() {
@@ -321,7 +346,7 @@ void Engine::sendLog(std::shared_ptr<Log> log) noexcept {
     } else {
       std::weak_ptr<Engine> alive = selfHandle_;
       main->async([alive, deliver = std::move(deliver)] {
-        if (alive.lock()) deliver();
+        if (const auto held = hold(alive)) deliver();
       });
     }
   });

@@ -35,6 +35,10 @@ OrvaneErrorReporting::OrvaneErrorReporting(Engine& owner)
       reportingOperationQueue_(
           owner.platform().executors->makeSerialQueue("com.orvane.OrvaneErrorReporting")) {}
 
+OrvaneErrorReporting::~OrvaneErrorReporting() {
+  if (!reportingOperationQueue_->isCurrent()) reportingOperationQueue_->sync([] {});
+}
+
 bool OrvaneErrorReporting::shouldReportError(bool usingDefaultConfiguration) {
   if (!owner_.configuration().enableErrorReporting) return false;
   if (usingDefaultConfiguration) return true;

@@ -21,6 +21,8 @@ class OrvaneErrorReporting : public ErrorReporter {
   static constexpr const char* kPath = "/v2/error-reporting";
 
   explicit OrvaneErrorReporting(Engine& owner);
+  // Reports already queued are sent first: they use this object.
+  ~OrvaneErrorReporting() override;
 
   using ErrorReporter::reportError;
   // Returns at once; the request is built and sent on the reporting queue.

@@ -15,6 +15,7 @@
 
 #include "orvane/platform/HttpTransport.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
+#include "platform/linux/OpenSslInit.h"
 
 namespace orvane {
 namespace {
@@ -102,7 +103,10 @@ class CurlHttpTransport : public HttpTransport {
  public:
   explicit CurlHttpTransport(size_t workers) {
     static std::once_flag globalInit;
-    std::call_once(globalInit, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    std::call_once(globalInit, [] {
+      initializeOpenSslWithoutExitHandler();  // before curl initialises it with the handler
+      curl_global_init(CURL_GLOBAL_DEFAULT);
+    });
     for (size_t i = 0; i < std::max<size_t>(1, workers); ++i) {
       threads_.emplace_back([this] { work(); });
     }

@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 
+#include "platform/linux/OpenSslInit.h"
+
 namespace orvane {
 
 Platform makeLinuxPlatform() {
@@ -24,6 +26,7 @@ Platform makeLinuxPlatform() {
 // Referenced by the library's link interface (-Wl,--undefined), so that even a static link
 // keeps this object and its registration.
 extern "C" ORVANE_API const int orvane_platform_linux_registered = [] {
+  orvane::initializeOpenSslWithoutExitHandler();
   orvane::Platform::setDefaultFactory(&orvane::makeLinuxPlatform);
   return 1;
 }();
