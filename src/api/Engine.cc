@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "api/Absorbing.h"
+#include "api/HostInputLimits.h"
 #include "api/PeriodicContextEvaluator.h"
 #include "config/RemoteConfiguration.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
@@ -560,16 +561,26 @@ bool Engine::flush(double timeoutSeconds) { return orvaneLogSender().flush(timeo
 
 // ---- Global custom signals ----------------------------------------------------------------
 
-void Engine::storeGlobalCustomSignal(const CustomSignal& signal) noexcept {
+void Engine::storeGlobalCustomSignal(const CustomSignal& given) noexcept {
   absorbing(platform_, "setGlobalCustomSignal", [&] {
-    std::lock_guard<std::mutex> guard(globalSignalsMutex_);
-    for (auto& existing : globalCustomSignals_) {
-      if (existing.id() == signal.id()) {
-        existing = signal;
+    CustomSignal signal = limitedCustomSignal(given, *platform_.log);
+    {
+      std::lock_guard<std::mutex> guard(globalSignalsMutex_);
+      for (auto& existing : globalCustomSignals_) {
+        if (existing.id() == signal.id()) {
+          existing = std::move(signal);
+          return;
+        }
+      }
+      if (globalCustomSignals_.size() < HostInputLimits::kMaximumGlobalSignals) {
+        globalCustomSignals_.push_back(std::move(signal));
         return;
       }
     }
-    globalCustomSignals_.push_back(signal);
+    platform_.log->error("[Orvane] There are already " +
+                         std::to_string(HostInputLimits::kMaximumGlobalSignals) +
+                         " global custom signals; \"" + std::string(utf8Prefix(signal.id(), 40)) +
+                         "\" is not set. Remove one first.");
   });
 }
 
