@@ -289,6 +289,20 @@ ActivityRecognitionManager& Engine::activityRecognitionManager() {
 
 // ---- Setup --------------------------------------------------------------------------------
 
+namespace {
+
+// Said once, at setup: without a usable key every log is dropped later, silently.
+std::string badAppKeyMessage(const std::string& licenseKey) {
+  return "[Orvane] The app key passed to setup cannot be used: it must be at least 16 "
+         "characters long, and its first 16 characters must take 16 or 32 bytes of UTF-8 (this "
+         "key has " +
+         std::to_string(licenseKey.size()) +
+         " bytes). Until setup is called with the app key from your dashboard, no context or "
+         "outcome is recorded.";
+}
+
+}  // namespace
+
 bool Engine::setupWith(const std::string& licenseKey, LogSender logSender,
                        const std::optional<LaunchOptions>& launchOptions,
                        const Configuration& configuration) noexcept {
@@ -301,11 +315,16 @@ bool Engine::setupWith(const std::string& licenseKey, LogSender logSender,
                                   host == HostPlatform::kCompiledBridge;
     if (sinceStart >= (slowStartingHost ? 30.0 : 5.0)) platform_.log->error(kLateSetupMessage);
 
+    std::optional<std::string> encryptionKey = deriveLogEncryptionKey(licenseKey);
+    // A key whose cut is not 16 or 32 bytes is refused by the cipher at every log.
+    if (!encryptionKey || (encryptionKey->size() != 16 && encryptionKey->size() != 32)) {
+      platform_.log->error(badAppKeyMessage(licenseKey));
+    }
     {
       std::lock_guard<std::mutex> guard(stateMutex_);
       configuration_ = configuration;
       licenseKey_ = licenseKey;
-      logEncryptionKey_ = deriveLogEncryptionKey(licenseKey);
+      logEncryptionKey_ = std::move(encryptionKey);
       if (logSender) currentLogSender_ = std::move(logSender);
     }
     launchReason_->setLaunchReason(LaunchReasonHelper::determineLaunchReason(launchOptions));
