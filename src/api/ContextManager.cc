@@ -10,6 +10,7 @@
 #include "api/HostInputLimits.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "orvane/Version.h"
+#include "platform/LevelFilteredLog.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
@@ -36,7 +37,8 @@ class BoundedInput {
                const CustomSignalList& signals) noexcept
       : name_(&name), signals_(&signals) {
     try {
-      if ((limitedName_ = limitedName(what, name, *platform.log))) name_ = &*limitedName_;
+      limitedName_ = limitedName(what, name, HostInputLimits::kMaximumFlowNameBytes, *platform.log);
+      if (limitedName_) name_ = &*limitedName_;
       if ((limitedSignals_ = limitedCustomSignals(signals, *platform.log))) {
         signals_ = &*limitedSignals_;
       }
@@ -167,7 +169,8 @@ void ContextManager::registerContextObserverFor(
     const std::string& flowName, ContextCallback callbackOnFirstGoodMoment) noexcept {
   std::optional<std::string> limited;
   try {
-    limited = limitedName("flow name", flowName, *engine_->platform().log);
+    limited = limitedName("flow name", flowName, HostInputLimits::kMaximumFlowNameBytes,
+                          *engine_->platform().log);
   } catch (...) {  // without memory to cut it, the original goes on
   }
   engine_->registerContextObserverFor(limited ? *limited : flowName,
@@ -207,6 +210,8 @@ bool ContextManager::flushUploads(double timeoutSeconds) noexcept {
 }
 
 // ---- Static API ---------------------------------------------------------------------------
+
+void ContextManager::setLogLevel(SdkLogLevel level) noexcept { setProcessLogLevel(level); }
 
 bool ContextManager::setup(const std::string& licenseKey) noexcept {
   return shared().setupWith(licenseKey, nullptr, std::nullopt, Configuration{});

@@ -26,6 +26,7 @@
 #include "motion/ActivityRecognitionManager.h"
 #include "orvane/Context.h"
 #include "orvane/Log.h"
+#include "platform/LevelFilteredLog.h"
 #include "timing/FlowTimingSignalsGenerator.h"
 #include "timing/TimingCoordinator.h"
 #include "util/DateProvider.h"
@@ -49,6 +50,12 @@ constexpr const char* kLateSetupMessage =
     "sure to call ContextManager.applicationDidFinishLaunchingWithOptions() as early after app "
     "start as possible.";
 
+// Every part of the engine logs through the platform it was given: filter it once here.
+Platform withLevelFilteredLog(Platform platform) {
+  platform.log = makeLevelFilteredLog(std::move(platform.log));
+  return platform;
+}
+
 template <typename T, typename Make>
 T& lazily(std::once_flag& once, std::unique_ptr<T>& value, Make&& make) {
   std::call_once(once, [&] { value = make(); });
@@ -60,7 +67,7 @@ T& lazily(std::once_flag& once, std::unique_ptr<T>& value, Make&& make) {
 // ---- Creation -----------------------------------------------------------------------------
 
 Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> imposedSupport)
-    : platform_(std::move(platform)),
+    : platform_(withLevelFilteredLog(std::move(platform))),
       handleRelease_(std::make_shared<HandleRelease>()),
       selfHandle_(this,
                   [release = handleRelease_](Engine*) {

@@ -29,7 +29,7 @@ CustomSignal rebuilt(const CustomSignal& signal, std::string id) {
 }
 
 bool withinBounds(const CustomSignal& signal) {
-  if (signal.id().size() > HostInputLimits::kMaximumNameBytes) return false;
+  if (signal.id().size() > HostInputLimits::kMaximumSignalIdBytes) return false;
   const auto* text = std::get_if<std::string>(&signal.value());
   return text == nullptr || text->size() <= HostInputLimits::kMaximumTextValueBytes;
 }
@@ -45,18 +45,20 @@ std::string_view utf8Prefix(std::string_view text, size_t maximumBytes) {
 }
 
 std::optional<std::string> limitedName(std::string_view what, const std::string& name,
-                                       SystemLog& log) {
-  if (name.size() <= HostInputLimits::kMaximumNameBytes) return std::nullopt;
+                                       size_t maximumBytes, SystemLog& log) {
+  if (name.size() <= maximumBytes) return std::nullopt;
   log.error("[Orvane] The " + std::string(what) + " " + quotedStart(name) + " is " +
             std::to_string(name.size()) + " bytes long; only its first " +
-            std::to_string(HostInputLimits::kMaximumNameBytes) + " bytes are used.");
-  return std::string(utf8Prefix(name, HostInputLimits::kMaximumNameBytes));
+            std::to_string(maximumBytes) + " bytes are used.");
+  return std::string(utf8Prefix(name, maximumBytes));
 }
 
 CustomSignal limitedCustomSignal(const CustomSignal& signal, SystemLog& log) {
   if (withinBounds(signal)) return signal;
   std::string id = signal.id();
-  if (auto shorter = limitedName("custom signal id", id, log)) id = std::move(*shorter);
+  if (auto shorter =
+          limitedName("custom signal id", id, HostInputLimits::kMaximumSignalIdBytes, log))
+    id = std::move(*shorter);
   const auto* text = std::get_if<std::string>(&signal.value());
   if (text == nullptr || text->size() <= HostInputLimits::kMaximumTextValueBytes) {
     return rebuilt(signal, std::move(id));

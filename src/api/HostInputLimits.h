@@ -17,22 +17,24 @@
 namespace orvane {
 
 struct HostInputLimits {
-  // Flow names, tracked event names and custom signal ids, in UTF-8 bytes.
-  static constexpr size_t kMaximumNameBytes = 256;
-  // The text of a custom signal, in UTF-8 bytes.
-  static constexpr size_t kMaximumTextValueBytes = 4096;
+  // Flow and tracked event names, in UTF-8 bytes: every name of up to 500 characters (the
+  // longest the flow-name rule accepts without a warning) fits whole.
+  static constexpr size_t kMaximumFlowNameBytes = 2000;
+  // Custom signal ids and the text of a custom signal, in UTF-8 bytes.
+  static constexpr size_t kMaximumSignalIdBytes = 256;
+  static constexpr size_t kMaximumTextValueBytes = 1024;
   // Custom signals of one request, and distinct global custom signals.
-  static constexpr size_t kMaximumCustomSignals = 100;
-  static constexpr size_t kMaximumGlobalSignals = 100;
+  static constexpr size_t kMaximumCustomSignals = 64;
+  static constexpr size_t kMaximumGlobalSignals = 64;
 };
 
 // `text` cut to at most `maximumBytes` without splitting a UTF-8 sequence.
 std::string_view utf8Prefix(std::string_view text, size_t maximumBytes);
 
-// `name` within the name bound; none when it already is. `what` names it in the line logged
+// `name` within `maximumBytes`; none when it already is. `what` names it in the line logged
 // ("flow name", "event name").
 std::optional<std::string> limitedName(std::string_view what, const std::string& name,
-                                       SystemLog& log);
+                                       size_t maximumBytes, SystemLog& log);
 
 // `signals` within the bounds on count, ids and text values; none when they already are.
 std::optional<CustomSignalList> limitedCustomSignals(const CustomSignalList& signals,

@@ -54,7 +54,7 @@ TEST_F(HostInputLimitsTest, RunawayRequestIsCutAndStillAnswered) {
 
   auto context = manager.requestInstantContext(hugeFlow, 3, signals);
   ASSERT_NE(context, nullptr);
-  EXPECT_EQ(context->flowName(), hugeFlow.substr(0, Limits::kMaximumNameBytes));
+  EXPECT_EQ(context->flowName(), hugeFlow.substr(0, Limits::kMaximumFlowNameBytes));
   context->log(EventOutcome::kPositive);
   fake.drain();
 
@@ -64,19 +64,21 @@ TEST_F(HostInputLimitsTest, RunawayRequestIsCutAndStillAnswered) {
   ASSERT_EQ(recorded.size(), Limits::kMaximumCustomSignals);
   EXPECT_EQ(recorded[0], CustomSignalInt("signal0", 0));
   EXPECT_EQ(std::get<std::string>(recorded[3].value()).size(), Limits::kMaximumTextValueBytes);
-  EXPECT_EQ(recorded[4].id().size(), Limits::kMaximumNameBytes);
-  EXPECT_EQ(recorded[99].id(), "signal99");
+  EXPECT_EQ(recorded[4].id().size(), Limits::kMaximumSignalIdBytes);
+  EXPECT_EQ(recorded.back().id(), "signal63");
 
   EXPECT_EQ(linesContaining("[Orvane] The flow name \"paywall-xxx"), 1u);
   EXPECT_EQ(linesContaining("10000 custom signals were passed with one request; only the first "
-                            "100 are used."),
+                            "64 are used."),
             1u);
+  // The flow-name rule still speaks for names over 500 characters, now about the cut name.
+  EXPECT_EQ(linesContaining("exceeds the maximum allowed length of 500 characters."), 1u);
   EXPECT_EQ(linesContaining("[Orvane] The text of custom signal \"plan\" is 100000 bytes"), 1u);
   EXPECT_EQ(linesContaining("[Orvane] The custom signal id \"iii"), 1u);
 }
 
 TEST_F(HostInputLimitsTest, InputWithinBoundsPassesUntouched) {
-  const std::string flow(Limits::kMaximumNameBytes, 'f');
+  const std::string flow(500, 'f');
   CustomSignalList signals(Limits::kMaximumCustomSignals, CustomSignalInt("n", 1));
   signals[0] = CustomSignalString("plan", std::string(Limits::kMaximumTextValueBytes, 'p'));
   auto context = manager.requestInstantContext(flow, 3, signals);
@@ -99,7 +101,7 @@ TEST_F(HostInputLimitsTest, GlobalSignalsStopAtTheBoundButCanBeReplaced) {
   const CustomSignalList globals = engine.globalCustomSignals();
   ASSERT_EQ(globals.size(), Limits::kMaximumGlobalSignals);
   EXPECT_EQ(globals[0], CustomSignalInt("g0", 2));
-  EXPECT_EQ(linesContaining("global custom signals; \"g10"), 5u);
+  EXPECT_EQ(linesContaining("global custom signals; \"g6"), 5u);
 
   manager.removeGlobalCustomSignals("g1");
   manager.storeGlobalCustomSignal(CustomSignalInt("late", 3));
