@@ -1,6 +1,7 @@
 # What `cmake --install` puts under the prefix: the public headers, the libraries, the
-# resource bundle (share/orvane, where the SDK looks beside an installed program), a CMake
-# package (find_package(Orvane), Orvane::orvane) and a pkg-config file (orvane.pc).
+# resource bundle (share/orvane, where the SDK looks beside an installed program) and the
+# privacy manifest beside it, a CMake package (find_package(Orvane), Orvane::orvane) and a
+# pkg-config file (orvane.pc).
 include(CMakePackageConfigHelpers)
 
 set(ORVANE_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Orvane)
@@ -14,6 +15,8 @@ endif()
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/include/orvane/Version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvane)
 install(DIRECTORY resources/Orvane.bundle DESTINATION ${CMAKE_INSTALL_DATADIR}/orvane)
+# The privacy manifest a mobile bridge ships with the SDK (docs/privacy.md).
+install(FILES resources/PrivacyInfo.xcprivacy DESTINATION ${CMAKE_INSTALL_DATADIR}/orvane)
 
 set(ORVANE_INSTALLED_TARGETS orvane)
 if(TARGET orvane_platform_linux)
