@@ -295,6 +295,35 @@ class LockedSuiteTest : public ::testing::Test {
   sqlite3* holder_ = nullptr;
 };
 
+TEST_F(LockedSuiteTest, OpensInTheSameProcessOnceTheLockIsGone) {
+  hold();
+  auto suites = provider();
+  auto defaults = UserDefaultsProvider::open(suites.get(), "suite");
+  EXPECT_FALSE(defaults->isAvailable());
+  // Nothing written meanwhile reaches the file over what is stored there.
+  EXPECT_FALSE(defaults->set(kIdentityKey, "interim"));
+
+  std::thread releaser([&] {
+    std::this_thread::sleep_for(1s);
+    release();
+  });
+  // Readers on other threads see the suite appear.
+  std::atomic<bool> seenElsewhere{false};
+  std::thread reader([&] {
+    seenElsewhere = eventually([&] { return defaults->string(kIdentityKey).has_value(); });
+  });
+  EXPECT_TRUE(eventually([&] { return defaults->isAvailable(); }));
+  releaser.join();
+  reader.join();
+  EXPECT_TRUE(seenElsewhere);
+  EXPECT_EQ(defaults->string(kIdentityKey), "identity");
+  EXPECT_EQ(intactRecords(defaults->object(kQueueKey)).size(), 3u);
+  EXPECT_EQ(errors_.count("opened on a later attempt"), 1u)
+      << ::testing::PrintToString(errors_.messages);
+  // An open suite is the same store for every later caller.
+  EXPECT_EQ(suites->openSuite("suite"), defaults->userDefaults());
+}
+
 TEST_F(LockedSuiteTest, APlainOpenDoesNotRetryAndAGoneProviderStopsRetrying) {
   hold();
   auto suites = provider();
