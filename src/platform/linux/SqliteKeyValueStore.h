@@ -30,8 +30,9 @@ struct SqliteStoreOptions {
   // this, doubling up to the cap.
   std::chrono::milliseconds firstRetryDelay{1000};
   std::chrono::milliseconds retryDelayCap{60000};
-  // How long the opening caller waits for another process's lock before the suite is left to
-  // the background retries; those, and commits, wait longer.
+  // How long an attempt to open waits for another process's lock. The opening caller (often the
+  // host's main thread) pays it once; background retries take over from there. Commits wait
+  // longer (kCommitBusyTimeoutMs).
   std::chrono::milliseconds openingBusyTimeout{250};
 };
 
