@@ -312,8 +312,12 @@ class SqliteKeyValueStore final : public KeyValueStore {
     return rc == SQLITE_DONE;
   }
 
-  void report(const std::string& message) const {
-    if (sink_) sink_(message);
+  // On the writer thread, where an exception would end the process.
+  void report(const std::string& message) const noexcept {
+    try {
+      if (sink_) sink_(message);
+    } catch (...) {
+    }
   }
 
   const std::string suiteName_;

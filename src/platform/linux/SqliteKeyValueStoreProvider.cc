@@ -172,16 +172,25 @@ class SuiteOpener : public std::enable_shared_from_this<SuiteOpener> {
       problems.push_back("suite " + inQuotes(name) + ": opened on a later attempt");
       report(problems);
       for (SuiteOpenedLater& callback : callbacks) {
-        if (callback) callback(attempt.store);
+        try {
+          if (callback) callback(attempt.store);
+        } catch (...) {
+          // On this thread an exception would end the process; the caller loses only the
+          // hand-over, the suite stays open for its next openSuite.
+        }
       }
       lock.lock();
     }
   }
 
   // Outside every lock, so a sink may call back in.
-  void report(const std::vector<std::string>& lines) const {
+  void report(const std::vector<std::string>& lines) const noexcept {
     if (!sink_) return;
-    for (const std::string& line : lines) sink_(line);
+    try {
+      for (const std::string& line : lines) sink_(line);
+    } catch (...) {
+      // Reporting must not cost the caller its store, nor the retry thread the process.
+    }
   }
 
   const std::filesystem::path directory_;
