@@ -75,9 +75,7 @@ Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> impos
                     release->done = true;
                     release->released.notify_all();
                   }),
-      defaults_(std::make_shared<UserDefaultsProvider>(
-          platform_.keyValueStores ? platform_.keyValueStores->openSuite(kDefaultsSuite)
-                                   : nullptr)),
+      defaults_(UserDefaultsProvider::open(platform_.keyValueStores.get(), kDefaultsSuite)),
       dateProvider_(std::make_shared<DefaultDateProvider>(platform_.clock)),
       initializationDate_(dateProvider_->currentDate()),
       bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
@@ -484,18 +482,22 @@ void Engine::handleWillResignActiveNotification() noexcept {
 
 std::string Engine::installationUUID() {
   std::lock_guard<std::mutex> guard(stateMutex_);
-  if (installationUUID_) return *installationUUID_;
+  if (installationUUID_ && !installationUUIDIsInterim_) return *installationUUID_;
   if (defaults_->isAvailable()) {
+    // A suite that opened late still holds the identity of earlier launches: it wins over the
+    // interim one this process made meanwhile.
     if (auto stored = defaults_->string(kInstallationUUIDKey)) {
       installationUUID_ = *stored;
     } else {
-      installationUUID_ = makeUUIDString(*platform_.random);
+      if (!installationUUID_) installationUUID_ = makeUUIDString(*platform_.random);
       defaults_->set(kInstallationUUIDKey, *installationUUID_);
       defaults_->synchronize();  // the identity must survive a crash right after it is made
     }
-  } else {
+    installationUUIDIsInterim_ = false;
+  } else if (!installationUUID_) {
     platform_.log->error("[Orvane] Failed to get Installation UUID");
     installationUUID_ = makeUUIDString(*platform_.random);
+    installationUUIDIsInterim_ = true;
   }
   return *installationUUID_;
 }

@@ -213,6 +213,8 @@ class Engine {
   HostPlatform currentPlatform_ = HostPlatform::kNative;
   LogSender currentLogSender_;
   std::optional<std::string> installationUUID_;
+  // Made while the defaults suite was not open; replaced by the stored one once it opens.
+  bool installationUUIDIsInterim_ = false;
   std::string currentSessionId_;
   Date currentSessionStarted_;
   bool isActive_ = false;
