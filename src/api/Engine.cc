@@ -332,11 +332,21 @@ bool Engine::setupWith(const std::string& licenseKey, LogSender logSender,
       logEncryptionKey_ = std::move(encryptionKey);
       if (logSender) currentLogSender_ = std::move(logSender);
     }
+    reportStoreRepair();
     launchReason_->setLaunchReason(LaunchReasonHelper::determineLaunchReason(launchOptions));
     accelerometerSensor().setAlwaysRunInForeground(configuration.enableInstantContext);
     triggerBothUploadQueues();
   });
   return true;
+}
+
+void Engine::reportStoreRepair() {
+  std::optional<std::string> note = defaults_->string(kStoreRepairNoteKey);
+  if (!note) return;
+  // Rare and worth knowing about every time: not thinned out by the sampling rate.
+  orvaneErrorReporting().reportError("Damaged store repaired", std::nullopt, true,
+                                     PlistDictionary{{"details", std::move(*note)}});
+  defaults_->remove(kStoreRepairNoteKey);
 }
 
 void Engine::triggerBothUploadQueues() {

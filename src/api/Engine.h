@@ -177,6 +177,9 @@ class Engine {
   void runInitialBootup();
   void becomeActiveHandling();
   void triggerBothUploadQueues();
+  // A repair the store made of its damaged file, reported once (after setup, so that the
+  // host's error reporting choice applies).
+  void reportStoreRepair();
 
   // Counts the calls that hold the engine through weakHandle(); the destructor waits for the
   // last one to end.

@@ -34,6 +34,11 @@ class ORVANE_API KeyValueStore {
   virtual bool synchronize() = 0;
 };
 
+// A store that found its file damaged and rebuilt it from what could still be read leaves a
+// line saying so under this key of the rebuilt suite; the SDK reports it once through its
+// error reporting and removes it.
+inline constexpr std::string_view kStoreRepairNoteKey = "orvane_store_repair_note";
+
 // Hands over a suite that could not be opened at first, once a later attempt opens it.
 using SuiteOpenedLater = std::function<void(std::shared_ptr<KeyValueStore> store)>;
 
