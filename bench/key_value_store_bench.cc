@@ -1,9 +1,11 @@
-// The SQLite suite's costs: what a caller pays for set() on the request path, and how long
-// synchronize() takes to make a value durable.
+// The SQLite suite's costs: what a caller pays for set() on the request path, how long
+// synchronize() takes to make a value durable, and what opening a suite costs with the check
+// for damage it runs every time.
 //
 // The suites live under $ORVANE_BENCH_DIR when set, else the system temporary directory;
 // point it at the file system you care about, since fsync cost is the whole story here.
 #include <benchmark/benchmark.h>
+#include <sqlite3.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -129,6 +131,63 @@ void BM_SetAndSynchronizeSmallValue(benchmark::State& state) {
   }
 }
 
+// A suite holding an upload queue of 100 records of 5 KB, written once for the run.
+const std::string& queueSuiteDirectory() {
+  static BenchDirectory directory;
+  static const bool written = [] {
+    auto store = makeSqliteKeyValueStoreProvider(directory.path(), nullptr)->openSuite("queue");
+    if (!store) return false;
+    PlistArray queue;
+    for (int64_t id = 0; id < 100; ++id) {
+      queue.push_back(PlistDictionary{{"id", id}, {"payload", Bytes(5000, uint8_t(id))}});
+    }
+    store->set("orvane_log", std::move(queue));
+    return store->synchronize();
+  }();
+  static const std::string path = written ? directory.path() : std::string();
+  return path;
+}
+
+// What a launch pays: open, check the structure, decode every record, close.
+void BM_OpenQueueSuite(benchmark::State& state) {
+  const std::string& directory = queueSuiteDirectory();
+  if (directory.empty()) {
+    state.SkipWithError("cannot write the suite");
+    return;
+  }
+  for (auto _ : state) {
+    auto store = makeSqliteKeyValueStoreProvider(directory, nullptr)->openSuite("queue");
+    if (!store) {
+      state.SkipWithError("cannot open the suite");
+      break;
+    }
+    benchmark::DoNotOptimize(store);
+  }
+}
+
+// The structure check alone (PRAGMA quick_check) on the same file, through a fresh connection
+// each time as at open: the part of opening that looks for damage.
+void BM_StructureCheckOfQueueSuite(benchmark::State& state) {
+  const std::string& directory = queueSuiteDirectory();
+  if (directory.empty()) {
+    state.SkipWithError("cannot write the suite");
+    return;
+  }
+  const std::string file = directory + "/queue.sqlite";
+  for (auto _ : state) {
+    state.PauseTiming();
+    sqlite3* db = nullptr;
+    sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+    state.ResumeTiming();
+    if (sqlite3_exec(db, "PRAGMA quick_check(1)", nullptr, nullptr, nullptr) != SQLITE_OK) {
+      state.SkipWithError("structure check failed");
+    }
+    state.PauseTiming();
+    sqlite3_close(db);
+    state.ResumeTiming();
+  }
+}
+
 double percentile90(const std::vector<double>& samples) {
   std::vector<double> sorted = samples;
   std::sort(sorted.begin(), sorted.end());
@@ -159,6 +218,8 @@ BENCHMARK(BM_SetAndSynchronizeSmallValue)
     ->ComputeStatistics("p90", percentile90)
     ->ReportAggregatesOnly(true);
 BENCHMARK(BM_SetSmallValue)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_OpenQueueSuite)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StructureCheckOfQueueSuite)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace orvane

@@ -1,6 +1,7 @@
 # What `cmake --install` puts under the prefix: the public headers, the libraries, the
-# resource bundle (share/orvane, where the SDK looks beside an installed program), a CMake
-# package (find_package(Orvane), Orvane::orvane) and a pkg-config file (orvane.pc).
+# resource bundle (share/orvane, where the SDK looks beside an installed program) and the
+# privacy manifest beside it, a CMake package (find_package(Orvane), Orvane::orvane) and a
+# pkg-config file (orvane.pc).
 include(CMakePackageConfigHelpers)
 
 set(ORVANE_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Orvane)
@@ -14,6 +15,8 @@ endif()
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/include/orvane/Version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvane)
 install(DIRECTORY resources/Orvane.bundle DESTINATION ${CMAKE_INSTALL_DATADIR}/orvane)
+# The privacy manifest a mobile bridge ships with the SDK (docs/privacy.md).
+install(FILES resources/PrivacyInfo.xcprivacy DESTINATION ${CMAKE_INSTALL_DATADIR}/orvane)
 
 set(ORVANE_INSTALLED_TARGETS orvane)
 if(TARGET orvane_platform_linux)
@@ -46,12 +49,12 @@ set(ORVANE_PC_REQUIRES_PRIVATE "zlib protobuf-lite")
 set(ORVANE_PC_LIBS_PRIVATE "")
 if(TARGET orvane_platform_linux)
   set(ORVANE_PC_LIBS "-lorvane_platform_linux -lorvane -Wl,--undefined=orvane_platform_linux_registered")
-  string(APPEND ORVANE_PC_REQUIRES_PRIVATE " libcurl sqlite3 libcrypto")
+  string(APPEND ORVANE_PC_REQUIRES_PRIVATE " libcurl sqlite3 libssl libcrypto")
 endif()
 if(NOT BUILD_SHARED_LIBS)
   string(APPEND ORVANE_PC_LIBS " -lorvane_coreml -lprotobuf-lite -lz")
   if(TARGET orvane_platform_linux)
-    string(APPEND ORVANE_PC_LIBS " -lcurl -lsqlite3 -lcrypto")
+    string(APPEND ORVANE_PC_LIBS " -lcurl -lsqlite3 -lssl -lcrypto")
   endif()
   string(APPEND ORVANE_PC_LIBS " -lstdc++ -lm -pthread")
   set(ORVANE_PC_REQUIRES_PRIVATE "")

@@ -2,11 +2,15 @@
 // Parsing, validation, pipelines, the compiled folder, and the prediction entry point.
 #include "coreml/Model.h"
 
+#include <google/protobuf/arena.h>
+#include <google/protobuf/stubs/logging.h>
+
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <google/protobuf/stubs/logging.h>
+#include <limits>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -171,8 +175,7 @@ Result<EvaluatorPtr> buildEvaluator(const schema::Model& model, BuildContext& co
   if (context.depth >= kMaxPipelineDepth) return Error("pipelines are nested too deeply");
   if (model.specificationversion() < 0 ||
       model.specificationversion() > kNewestSpecificationVersion) {
-    return Error("unsupported format version " +
-                 std::to_string(model.specificationversion()));
+    return Error("unsupported format version " + std::to_string(model.specificationversion()));
   }
   auto description = convertDescription(model.description());
   if (!description) return description.error();
@@ -303,13 +306,13 @@ Result<FeatureValue> coerce(FeatureValue value, const FeatureDescription& input)
   }
 }
 
-Result<std::vector<uint8_t>> readFile(const std::string& path) {
+Result<std::vector<uint8_t>> readFile(const std::string& path, size_t maxBytes) {
   std::error_code ec;
   const auto size = std::filesystem::file_size(path, ec);
   if (ec) return Error("cannot read '" + path + "': " + ec.message());
-  if (size > kMaxModelFileBytes) {
+  if (size > maxBytes) {
     return Error("'" + path + "' is " + std::to_string(size) + " bytes; the limit is " +
-                 std::to_string(kMaxModelFileBytes));
+                 std::to_string(maxBytes));
   }
   std::ifstream in(path, std::ios::binary);
   if (!in) return Error("cannot open '" + path + "'");
@@ -341,17 +344,53 @@ std::string fnv1a64(const uint8_t* data, size_t size) {
   return text;
 }
 
+// The parser's arena takes its blocks from this budget, set for one parse on this thread; the
+// exception unwinds the parser, and the arena frees what it had.
+struct ParseBudgetExceeded : std::bad_alloc {};
+thread_local size_t parseBudgetLeft = std::numeric_limits<size_t>::max();
+
+void* budgetedBlock(size_t size) {
+  if (size > parseBudgetLeft) throw ParseBudgetExceeded();
+  parseBudgetLeft -= size;
+  return ::operator new(size);
+}
+void releaseBlock(void* block, size_t size) { ::operator delete(block, size); }
+
+class ParseBudget {
+ public:
+  explicit ParseBudget(size_t bytes) { parseBudgetLeft = bytes; }
+  ~ParseBudget() { parseBudgetLeft = std::numeric_limits<size_t>::max(); }
+  ParseBudget(const ParseBudget&) = delete;
+  ParseBudget& operator=(const ParseBudget&) = delete;
+};
+
+google::protobuf::ArenaOptions budgetedArenaOptions() {
+  google::protobuf::ArenaOptions options;
+  options.start_block_size = 4096;
+  options.max_block_size = 1u << 20;
+  options.block_alloc = budgetedBlock;
+  options.block_dealloc = releaseBlock;
+  return options;
+}
+
 Result<std::shared_ptr<ModelImpl>> buildModel(const void* data, size_t size) {
   if (size > kMaxModelFileBytes) {
     return Error("the model is " + std::to_string(size) + " bytes; the limit is " +
                  std::to_string(kMaxModelFileBytes));
   }
   if (size == 0) return Error("the model file is empty");
-  schema::Model model;
-  // The parser logs what it rejects to stderr; the error we return says enough.
-  const google::protobuf::LogSilencer quiet;
-  if (!model.ParseFromArray(data, static_cast<int>(size))) {
-    return Error("the model file is not a valid model (protobuf parsing failed)");
+  google::protobuf::Arena arena(budgetedArenaOptions());
+  auto& model = *google::protobuf::Arena::CreateMessage<schema::Model>(&arena);
+  try {
+    const ParseBudget budget(kMaxParsedModelBytes);
+    // The parser logs what it rejects to stderr; the error we return says enough.
+    const google::protobuf::LogSilencer quiet;
+    if (!model.ParseFromArray(data, static_cast<int>(size))) {
+      return Error("the model file is not a valid model (protobuf parsing failed)");
+    }
+  } catch (const ParseBudgetExceeded&) {
+    return Error("parsing the model would take more than " + std::to_string(kMaxParsedModelBytes) +
+                 " bytes, the limit");
   }
   const int version = model.specificationversion();
   if (version < kOldestSpecificationVersion || version > kNewestSpecificationVersion) {
@@ -402,7 +441,7 @@ Result<Model> Model::fromBytes(const void* data, size_t size) {
 
 Result<Model> Model::loadModelFile(const std::string& modelFilePath) {
   try {
-    auto bytes = readFile(modelFilePath);
+    auto bytes = readFile(modelFilePath, kMaxModelFileBytes);
     if (!bytes) return bytes.error();
     auto model = fromBytes(bytes->data(), bytes->size());
     if (!model) return Error("'" + modelFilePath + "': " + model.message());
@@ -416,7 +455,7 @@ Result<Model> Model::load(const std::string& compiledFolderPath) {
   try {
     namespace fs = std::filesystem;
     const fs::path folder(compiledFolderPath);
-    auto manifestBytes = readFile((folder / kCompiledManifestFileName).string());
+    auto manifestBytes = readFile((folder / kCompiledManifestFileName).string(), kMaxManifestBytes);
     if (!manifestBytes) return Error("not a compiled model: " + manifestBytes.message());
     const auto manifest =
         nlohmann::json::parse(manifestBytes->begin(), manifestBytes->end(), nullptr, false);
@@ -430,7 +469,7 @@ Result<Model> Model::load(const std::string& compiledFolderPath) {
                    " is not " + std::to_string(kCompiledFormatVersion) +
                    "; compile the model again");
     }
-    auto bytes = readFile((folder / kCompiledModelFileName).string());
+    auto bytes = readFile((folder / kCompiledModelFileName).string(), kMaxModelFileBytes);
     if (!bytes) return bytes.error();
     const auto size = manifest.find("modelBytes");
     const auto hash = manifest.find("modelFnv1a64");
@@ -494,7 +533,7 @@ Result<std::string> compileModel(const std::string& modelFilePath,
     namespace fs = std::filesystem;
     const std::string name = fs::path(modelFilePath).stem().string();
     if (name.empty()) return Error("'" + modelFilePath + "' has no file name");
-    auto bytes = readFile(modelFilePath);
+    auto bytes = readFile(modelFilePath, kMaxModelFileBytes);
     if (!bytes) return bytes.error();
     auto model = Model::fromBytes(bytes->data(), bytes->size());
     if (!model) return Error("'" + modelFilePath + "' is not a usable model: " + model.message());

@@ -22,6 +22,7 @@ namespace orvane {
 class Engine;
 class Log;
 class SignalsManager;
+class SystemLog;
 struct CustomModelInfo;
 struct ExtraModelExecutionInformation;
 
@@ -151,8 +152,8 @@ class ORVANE_API Context : public std::enable_shared_from_this<Context> {
 
   Context(Engine& manager, SignalList requestSignals, std::string flowName,
           CustomSignalList customSignals);
-  void decide(MethodUsed methodUsed, const ExtraModelExecutionInformation& extra);
-  void registerAsRecent();
+  void decide(Engine& owner, MethodUsed methodUsed, const ExtraModelExecutionInformation& extra);
+  void registerAsRecent(Engine& owner);
   std::optional<bool> signal21() const;
   // Observer contexts refuse a skipped outcome (logged).
   bool refusesSkipped(EventOutcome outcome) const;
@@ -162,10 +163,15 @@ class ORVANE_API Context : public std::enable_shared_from_this<Context> {
   void logRevenue(MakeMetadata&& makeMetadata, EventOutcome outcome, bool onlyIfNotLogged) noexcept;
   // Replaces the per-log signals and builds the record. Null with `failure` set when the
   // record cannot be encoded; null alone when `onlyIfNotLogged` and an outcome was logged.
-  std::shared_ptr<Log> createLog(int outcome, EventType eventType, bool onlyIfNotLogged,
-                                 std::string& failure);
+  std::shared_ptr<Log> createLog(Engine& owner, int outcome, EventType eventType,
+                                 bool onlyIfNotLogged, std::string& failure);
+  // The manager while it lives; null, with a line in the log naming `call`, once it is gone.
+  std::shared_ptr<Engine> ownerFor(const char* call) const;
 
-  Engine& owner_;
+  // A context may outlive the manager that made it (an embedded one): it reaches the manager
+  // through a handle that expires, and keeps the log to say so.
+  const std::weak_ptr<Engine> owner_;
+  const std::shared_ptr<SystemLog> log_;
   const std::string flowName_;
   const CustomSignalList customSignals_;
   const std::string contextUUID_;

@@ -40,6 +40,10 @@ enum class HostPlatform : int {
 
 enum class ContextManagerIsSupported : int { kSupported = 0, kUnsupported = 1 };
 
+// How much the SDK writes to the platform's log: errors only; also warnings (the default, and
+// every "[Orvane] " misuse line); also information such as upload failures; everything.
+enum class SdkLogLevel : int { kError = 0, kWarning = 1, kInfo = 2, kDebug = 3 };
+
 class ORVANE_API ContextManager {
  public:
   // ---- Setup -------------------------------------------------------------------------------
@@ -135,6 +139,9 @@ class ORVANE_API ContextManager {
   // Where uploads, error reports go: scheme and host, e.g. "https://api.example.com" or
   // "http://127.0.0.1:8080". Defaults to $ORVANE_SERVICE_URL, else the production service.
   static void setServiceBaseURL(const std::string& baseURL) noexcept;
+  // For the whole process and every manager in it; takes effect at once. The environment
+  // variable ORVANE_DEBUG_LOG starts a process at kDebug, for tools.
+  static void setLogLevel(SdkLogLevel level) noexcept;
 
   // ---- Diagnostics and upload control ----------------------------------------------------
   // The installation, the models in use and the upload queues; see Diagnostics.h.
@@ -154,6 +161,9 @@ class ORVANE_API ContextManager {
   // overrides the hardware check.
   explicit ContextManager(Platform platform,
                           std::optional<ContextManagerIsSupported> imposedSupport = std::nullopt);
+  // Waits for calls in progress on this manager's contexts and callbacks, stops its workers,
+  // and leaves its contexts as logged no-ops. Never destroy a manager from inside one of its
+  // own callbacks: that call is one the destructor waits for.
   ~ContextManager();
   ContextManager(const ContextManager&) = delete;
   ContextManager& operator=(const ContextManager&) = delete;

@@ -63,6 +63,15 @@ typedef enum orvane_event_outcome {
 
 /* A fact the host supplies under an id of its own. Decimals are text ("4.99", "-0.25"), so
  * that they stay exact. Strings are copied. */
+/* How much the SDK writes to its log (ContextManager::setLogLevel). */
+typedef enum orvane_sdk_log_level {
+  ORVANE_SDK_LOG_ERROR = 0,
+  ORVANE_SDK_LOG_WARNING = 1, /* the default */
+  ORVANE_SDK_LOG_INFO = 2,
+  ORVANE_SDK_LOG_DEBUG = 3,
+  ORVANE_SDK_LOG_LEVEL_MAX_ENUM = 0x7FFFFFFF
+} orvane_sdk_log_level;
+
 typedef enum orvane_custom_signal_type {
   ORVANE_CUSTOM_SIGNAL_BOOL = 0,
   ORVANE_CUSTOM_SIGNAL_INT = 1,
@@ -278,6 +287,10 @@ ORVANE_API char* orvane_diagnostics_json(void);
  * `timeout_seconds` for it. True when no outcome record is left waiting. Blocks the calling
  * thread: never call it from an SDK callback. */
 ORVANE_API bool orvane_flush(double timeout_seconds);
+
+/* Sets how much the SDK logs, for the whole process, at once. A value outside the enumeration
+ * is refused with a log line. */
+ORVANE_API void orvane_set_log_level(orvane_sdk_log_level level);
 
 /* Fills `information` with how `flow_name` is decided today and returns true; false (and
  * `information` zeroed) when the flow has neither a model nor a control assignment (it then

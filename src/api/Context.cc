@@ -116,7 +116,8 @@ std::string_view description(EventOutcome outcome) {
 
 Context::Context(Engine& manager, SignalList requestSignals, std::string flowName,
                  CustomSignalList customSignals)
-    : owner_(manager),
+    : owner_(manager.weakHandle()),
+      log_(manager.platform().log),
       flowName_(std::move(flowName)),
       customSignals_(std::move(customSignals)),
       contextUUID_(makeUUIDString(*manager.platform().random)),
@@ -132,39 +133,49 @@ std::shared_ptr<Context> Context::create(Engine& manager, SignalList requestSign
                                          const ExtraModelExecutionInformation& extra) {
   std::shared_ptr<Context> context(new Context(manager, std::move(requestSignals),
                                                std::move(flowName), std::move(customSignals)));
-  context->decide(methodUsed, extra);
-  context->registerAsRecent();
+  context->decide(manager, methodUsed, extra);
+  context->registerAsRecent(manager);
   if (logsItsCreation(methodUsed)) {
     context->logWithArbitraryOutcome(kCreatedOutcome, EventType::kCreation);
   }
   return context;
 }
 
-void Context::decide(MethodUsed methodUsed, const ExtraModelExecutionInformation& extra) {
+std::shared_ptr<Engine> Context::ownerFor(const char* call) const {
+  std::shared_ptr<Engine> owner = Engine::hold(owner_);
+  if (!owner) {
+    log_->error(std::string("[Orvane] Context.") + call + " on flow \"" + flowName_ +
+                "\" does nothing: the ContextManager that created the context is gone.");
+  }
+  return owner;
+}
+
+void Context::decide(Engine& owner, MethodUsed methodUsed,
+                     const ExtraModelExecutionInformation& extra) {
   // No lock: creation runs on one thread before the context is published (registerAsRecent
   // hands it over under the recent-contexts lock), and components are called from here.
   SignalsManager& signals = *signalsManager_;
   const int64_t requestedDuration = signals.intValue(SignalEnum::id(191)).value_or(0);
   modelInfo_ = std::make_shared<const CustomModelInfo>(
-      owner_.coreMLModelManager().getModelInfoForFlowValidatingDurationAndCallType(
+      owner.coreMLModelManager().getModelInfoForFlowValidatingDurationAndCallType(
           flowName_, requestedDuration, false));
 
   signals.append(SignalBool(SignalEnum::id(19), modelInfo_->executionInformation != nullptr));
   signals.append(SignalString(SignalEnum::id(29), contextUUID_));
   signals.append(SignalString(SignalEnum::id(20), flowName_));
-  signals.append(SignalString(SignalEnum::id(14), owner_.currentSessionId()));
-  signals.append(SignalString(SignalEnum::id(15), owner_.installationUUID()));
+  signals.append(SignalString(SignalEnum::id(14), owner.currentSessionId()));
+  signals.append(SignalString(SignalEnum::id(15), owner.installationUUID()));
   signals.append(SignalInt(SignalEnum::id(25), static_cast<int64_t>(methodUsed)));
 
-  if (owner_.isSupported() == ContextManagerIsSupported::kUnsupported) {
+  if (owner.isSupported() == ContextManagerIsSupported::kUnsupported) {
     internalShouldUpsell_ = true;
     internalWasForcedUpsell_ = false;
     modelResult_ = -3;
   } else {
-    CooldownResult cooldown = owner_.timingCoordinator().performCooldownCalculation(flowName_);
+    CooldownResult cooldown = owner.timingCoordinator().performCooldownCalculation(flowName_);
     signals.append(cooldown.signals);
 
-    ModelExecutor& executor = owner_.modelExecutor();
+    ModelExecutor& executor = owner.modelExecutor();
     const auto& execution = modelInfo_->executionInformation;
     ModelExecutorResult result;
     if (const auto* model = dynamic_cast<const CoreMLModelExecutionInformation*>(execution.get())) {
@@ -188,14 +199,14 @@ void Context::decide(MethodUsed methodUsed, const ExtraModelExecutionInformation
 
   if (secondsToDecision_ == -1.0) {
     secondsToDecision_ =
-        owner_.dateProvider()->currentDate().secondsSince1970 - createdAt_.secondsSince1970;
+        owner.dateProvider()->currentDate().secondsSince1970 - createdAt_.secondsSince1970;
   }
-  if (internalShouldUpsell_) owner_.timingCoordinator().markCurrentWindowExecuted(flowName_);
+  if (internalShouldUpsell_) owner.timingCoordinator().markCurrentWindowExecuted(flowName_);
 
   signals.append(SignalInt(SignalEnum::id(11), modelResult_));
   signals.append(SignalBool(SignalEnum::id(12), internalShouldUpsell_));
   signals.append(
-      owner_.flowTimingSignalsGenerator().trackFlowCalled(flowName_, internalShouldUpsell_));
+      owner.flowTimingSignalsGenerator().trackFlowCalled(flowName_, internalShouldUpsell_));
 }
 
 std::optional<bool> Context::signal21() const {
@@ -208,9 +219,9 @@ void Context::markReturnedAgain() {
   signalsManager_->replaceSignal(SignalBool(SignalEnum::id(27), true));
 }
 
-void Context::registerAsRecent() {
+void Context::registerAsRecent(Engine& owner) {
   const std::optional<bool> mine = signal21();
-  const bool differentMaxDelay = owner_.withRecentContexts([&](Engine::RecentContexts& recent) {
+  const bool differentMaxDelay = owner.withRecentContexts([&](Engine::RecentContexts& recent) {
     bool differs = false;
     if (auto it = recent.find(flowName_); it != recent.end() && it->second) {
       it->second->markReturnedAgain();
@@ -221,7 +232,7 @@ void Context::registerAsRecent() {
     return differs;
   });
   if (differentMaxDelay) {
-    owner_.platform().log->error(
+    owner.platform().log->error(
         "[Orvane] Detected that context for flowname \"" + flowName_ +
         "\" was obtained using different values of maxDelay. This most likely is unintended, "
         "please make sure you always use the same Orvane parameters for a given flow, and to "
@@ -244,7 +255,7 @@ bool Context::refusesSkipped(EventOutcome outcome) const {
     method = signalsManager_->intValue(SignalEnum::id(25));
   }
   if (method != static_cast<int64_t>(MethodUsed::kPeriodicEvaluation)) return false;
-  owner_.platform().log->error(kSkippedOnObserverMessage);
+  log_->error(kSkippedOnObserverMessage);
   return true;
 }
 
@@ -263,10 +274,12 @@ void Context::logWithArbitraryOutcome(int outcome, EventType eventType) noexcept
 }
 
 void Context::logOutcome(int outcome, EventType eventType, bool onlyIfNotLogged) noexcept {
-  const Platform& platform = owner_.platform();
   try {
+    const std::shared_ptr<Engine> owner = ownerFor("log");
+    if (!owner) return;
+    const Platform& platform = owner->platform();
     std::string failure;
-    std::shared_ptr<Log> record = createLog(outcome, eventType, onlyIfNotLogged, failure);
+    std::shared_ptr<Log> record = createLog(*owner, outcome, eventType, onlyIfNotLogged, failure);
     if (!failure.empty()) {
       platform.log->info("[Orvane] Failed to send log: " + failure);
       return;
@@ -280,17 +293,17 @@ void Context::logOutcome(int outcome, EventType eventType, bool onlyIfNotLogged)
       lastLoggedOutcomeMetadata_ = record->outcomeMetadata();
     }
     if (sameMetadata) platform.log->error(sameMetadataMessage(flowName_));
-    owner_.sendLog(std::move(record));
+    owner->sendLog(std::move(record));
   } catch (const std::exception& e) {
-    platform.log->info(std::string("[Orvane] Failed to send log: ") + e.what());
+    log_->info(std::string("[Orvane] Failed to send log: ") + e.what());
   } catch (...) {
-    platform.log->info("[Orvane] Failed to send log: unknown error");
+    log_->info("[Orvane] Failed to send log: unknown error");
   }
 }
 
-std::shared_ptr<Log> Context::createLog(int outcome, EventType eventType, bool onlyIfNotLogged,
-                                        std::string& failure) {
-  const Date now = owner_.dateProvider()->currentDate();
+std::shared_ptr<Log> Context::createLog(Engine& owner, int outcome, EventType eventType,
+                                        bool onlyIfNotLogged, std::string& failure) {
+  const Date now = owner.dateProvider()->currentDate();
   const double sinceCreation = now.secondsSince1970 - createdAt_.secondsSince1970;
   SignalList signals;
   CustomSignalList metadata;
@@ -302,7 +315,7 @@ std::shared_ptr<Log> Context::createLog(int outcome, EventType eventType, bool o
     manager.replaceSignal(SignalInt(SignalEnum::id(23), static_cast<int64_t>(eventType)));
     manager.replaceSignal(SignalInt(SignalEnum::id(3), outcome));
     manager.replaceSignal(
-        SignalString(SignalEnum::id(8), makeUUIDString(*owner_.platform().random)));
+        SignalString(SignalEnum::id(8), makeUUIDString(*owner.platform().random)));
     manager.replaceSignal(SignalFloat(SignalEnum::id(9), static_cast<float>(sinceCreation)));
     manager.replaceSignal(SignalString(SignalEnum::id(17), formatLogDate(now)));
     manager.replaceSignal(SignalFloat(SignalEnum::id(28), static_cast<float>(secondsToDecision_)));
@@ -310,19 +323,19 @@ std::shared_ptr<Log> Context::createLog(int outcome, EventType eventType, bool o
     metadata = outcomeMetadata_;
   }
   if (!exemptFromPrematureWarning(outcome) && sinceCreation < 0.2) {
-    owner_.platform().log->error(prematureMessage(sinceCreation));
+    owner.platform().log->error(prematureMessage(sinceCreation));
   }
   if (dropsAdditionalMotionRecord(outcome)) {
     std::erase_if(signals, [](const Signal& s) { return s.id() == SignalEnum::id(444); });
   }
-  const CustomSignalList globals = owner_.globalCustomSignals();
-  auto encoded = owner_.logEncoder().encodeLog(signals, customSignals_, globals);
+  const CustomSignalList globals = owner.globalCustomSignals();
+  auto encoded = owner.logEncoder().encodeLog(signals, customSignals_, globals);
   if (!encoded) {
     failure = encoded.error().description;
     return nullptr;
   }
   return makeEngineLog(std::move(signals), customSignals_, globals, std::move(metadata),
-                       std::move(encoded).value(), owner_.weakHandle());
+                       std::move(encoded).value(), owner.weakHandle());
 }
 
 void Context::appendOutcomeMetadata(const CustomSignalList& metadata) noexcept {
@@ -341,13 +354,14 @@ void Context::logRevenue(MakeMetadata&& makeMetadata, EventOutcome outcome,
                          bool onlyIfNotLogged) noexcept {
   if (onlyIfNotLogged && alreadyLogged()) return;
   try {
-    appendOutcomeMetadata(makeMetadata(StoreEnvironment::of(owner_.platform())));
+    const std::shared_ptr<Engine> owner = ownerFor("logRevenueOutcome");
+    if (!owner) return;
+    appendOutcomeMetadata(makeMetadata(StoreEnvironment::of(owner->platform())));
   } catch (const std::exception& e) {
-    owner_.platform().log->error(std::string("[Orvane] Internal error in revenue logging: ") +
-                                 e.what());
+    log_->error(std::string("[Orvane] Internal error in revenue logging: ") + e.what());
     return;
   } catch (...) {
-    owner_.platform().log->error("[Orvane] Internal error in revenue logging");
+    log_->error("[Orvane] Internal error in revenue logging");
     return;
   }
   if (onlyIfNotLogged) {

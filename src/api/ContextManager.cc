@@ -7,8 +7,10 @@
 
 #include "api/Absorbing.h"
 #include "api/Engine.h"
+#include "api/HostInputLimits.h"
 #include "generators/AppLaunchSignalsGenerator.h"
 #include "orvane/Version.h"
+#include "platform/LevelFilteredLog.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
@@ -26,6 +28,32 @@ bool& sharedCreated() {
   static bool created = false;
   return created;
 }
+
+// A request's name and custom signals within the host input bounds; refers to the originals
+// when they already are, so the usual request copies nothing.
+class BoundedInput {
+ public:
+  BoundedInput(const Platform& platform, const char* what, const std::string& name,
+               const CustomSignalList& signals) noexcept
+      : name_(&name), signals_(&signals) {
+    try {
+      limitedName_ = limitedName(what, name, HostInputLimits::kMaximumFlowNameBytes, *platform.log);
+      if (limitedName_) name_ = &*limitedName_;
+      if ((limitedSignals_ = limitedCustomSignals(signals, *platform.log))) {
+        signals_ = &*limitedSignals_;
+      }
+    } catch (...) {  // without memory to cut them, the originals go on
+    }
+  }
+  const std::string& name() const { return *name_; }
+  const CustomSignalList& signals() const { return *signals_; }
+
+ private:
+  std::optional<std::string> limitedName_;
+  std::optional<CustomSignalList> limitedSignals_;
+  const std::string* name_;
+  const CustomSignalList* signals_;
+};
 
 }  // namespace
 
@@ -99,14 +127,16 @@ void ContextManager::requestFetchContext(const std::string& flowName, int64_t du
                                          ContextCallback callback) noexcept {
   absorbing(engine_->platform(), "fetchContext",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
-  engine_->requestFetchContext(flowName, duration, customSignals, std::move(callback),
+  const BoundedInput input(engine_->platform(), "flow name", flowName, customSignals);
+  engine_->requestFetchContext(input.name(), duration, input.signals(), std::move(callback),
                                MethodUsed::kFetchContext);
 }
 std::shared_ptr<Context> ContextManager::requestInstantContext(
     const std::string& flowName, int64_t duration, const CustomSignalList& customSignals) noexcept {
   absorbing(engine_->platform(), "instantContext",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
-  return engine_->requestInstantContext(flowName, duration, customSignals,
+  const BoundedInput input(engine_->platform(), "flow name", flowName, customSignals);
+  return engine_->requestInstantContext(input.name(), duration, input.signals(),
                                         MethodUsed::kInstantContext);
 }
 void ContextManager::requestOptimize(const std::string& flowName, std::optional<int64_t> maxDelay,
@@ -114,14 +144,16 @@ void ContextManager::requestOptimize(const std::string& flowName, std::optional<
                                      ContextCallback callback) noexcept {
   absorbing(engine_->platform(), "optimize",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
-  engine_->requestOptimize(flowName, maxDelay, customSignals, std::move(callback));
+  const BoundedInput input(engine_->platform(), "flow name", flowName, customSignals);
+  engine_->requestOptimize(input.name(), maxDelay, input.signals(), std::move(callback));
 }
 void ContextManager::requestCalibrate(const std::string& flowName, int64_t maxDelay,
                                       const CustomSignalList& customSignals,
                                       ContextCallback callback) noexcept {
   absorbing(engine_->platform(), "calibrate",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
-  engine_->requestCalibrate(flowName, maxDelay, customSignals, std::move(callback));
+  const BoundedInput input(engine_->platform(), "flow name", flowName, customSignals);
+  engine_->requestCalibrate(input.name(), maxDelay, input.signals(), std::move(callback));
 }
 std::shared_ptr<Context> ContextManager::recentContextForFlow(
     const std::string& flowName) noexcept {
@@ -135,7 +167,14 @@ void ContextManager::cancelContextCallbackFor(const std::string& flowName) noexc
 }
 void ContextManager::registerContextObserverFor(
     const std::string& flowName, ContextCallback callbackOnFirstGoodMoment) noexcept {
-  engine_->registerContextObserverFor(flowName, std::move(callbackOnFirstGoodMoment));
+  std::optional<std::string> limited;
+  try {
+    limited = limitedName("flow name", flowName, HostInputLimits::kMaximumFlowNameBytes,
+                          *engine_->platform().log);
+  } catch (...) {  // without memory to cut it, the original goes on
+  }
+  engine_->registerContextObserverFor(limited ? *limited : flowName,
+                                      std::move(callbackOnFirstGoodMoment));
 }
 void ContextManager::unregisterContextObserverFor(const std::string& flowName) noexcept {
   engine_->unregisterContextObserverFor(flowName);
@@ -146,7 +185,8 @@ void ContextManager::recordTrackedEvent(const std::string& name,
   MethodUsed method = MethodUsed::kTrackEvent;
   if (eventType == EventType::kPageView) method = MethodUsed::kTrackPageView;
   if (eventType == EventType::kUserAction) method = MethodUsed::kTrackUserAction;
-  engine_->recordTrackedEvent(name, customSignals, method, eventType);
+  const BoundedInput input(engine_->platform(), "event name", name, customSignals);
+  engine_->recordTrackedEvent(input.name(), input.signals(), method, eventType);
 }
 PlistDictionary ContextManager::collectGoldenSignals(
     const std::optional<std::string>& trigger, const std::optional<std::string>& bidID) noexcept {
@@ -170,6 +210,8 @@ bool ContextManager::flushUploads(double timeoutSeconds) noexcept {
 }
 
 // ---- Static API ---------------------------------------------------------------------------
+
+void ContextManager::setLogLevel(SdkLogLevel level) noexcept { setProcessLogLevel(level); }
 
 bool ContextManager::setup(const std::string& licenseKey) noexcept {
   return shared().setupWith(licenseKey, nullptr, std::nullopt, Configuration{});

@@ -50,10 +50,12 @@ std::string joined(const std::vector<std::string>& lines) {
 
 std::string Context::validate() const noexcept {
   try {
+    const std::shared_ptr<Engine> owner = ownerFor("validate");
+    if (!owner) return "❌ Failed to validate the context: its ContextManager is gone";
     const bool modelAssigned = modelInfo_ && modelInfo_->executionInformation != nullptr;
     const std::string modeLine =
         modelAssigned ? "✅ Custom Model Active" : "✅ Calibration Mode active";
-    if (owner_.isSupported() == ContextManagerIsSupported::kUnsupported) {
+    if (owner->isSupported() == ContextManagerIsSupported::kUnsupported) {
       return joined(
           {"❌ You're currently running Orvane on an unsupported device (Simulator) - "
            "please run context.validate() on a physical iPhone",
@@ -69,8 +71,8 @@ std::string Context::validate() const noexcept {
       metadata = outcomeMetadata_;
       validMotion = signalsManager_->boolValue(SignalEnum::id(192));
     }
-    const CustomSignalList globals = owner_.globalCustomSignals();
-    auto encoded = owner_.logEncoder().encodeLog(signals, customSignals_, globals);
+    const CustomSignalList globals = owner->globalCustomSignals();
+    auto encoded = owner->logEncoder().encodeLog(signals, customSignals_, globals);
     if (!encoded) {
       return joined({modeLine, std::string("❌ Failed to validate the context: ") +
                                    encoded.error().description +
@@ -78,7 +80,7 @@ std::string Context::validate() const noexcept {
     }
     const Log record(std::move(signals), customSignals_, globals, std::move(metadata),
                      std::move(encoded).value());
-    const PlistDictionary raw = rawDictionary(record, owner_.platform().log.get());
+    const PlistDictionary raw = rawDictionary(record, owner->platform().log.get());
     const bool motionValid = validMotion.value_or(false);
 
     std::vector<std::string> lines{modeLine};
@@ -94,7 +96,7 @@ std::string Context::validate() const noexcept {
     lines.push_back("👉 Orvane Version: " + ContextManager::sdkVersion());
     if (modelAssigned) {
       lines.push_back("👉 Custom Model Version: " +
-                      owner_.coreMLModelManager().getCurrentAppliedGenerationId());
+                      owner->coreMLModelManager().getCurrentAppliedGenerationId());
     }
     if (!motionValid) {
       lines.push_back(

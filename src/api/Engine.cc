@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "api/Absorbing.h"
+#include "api/HostInputLimits.h"
 #include "api/PeriodicContextEvaluator.h"
 #include "config/RemoteConfiguration.h"
 #include "generators/AppLaunchReasonSignalsGenerator.h"
@@ -25,6 +26,7 @@
 #include "motion/ActivityRecognitionManager.h"
 #include "orvane/Context.h"
 #include "orvane/Log.h"
+#include "platform/LevelFilteredLog.h"
 #include "timing/FlowTimingSignalsGenerator.h"
 #include "timing/TimingCoordinator.h"
 #include "util/DateProvider.h"
@@ -48,6 +50,12 @@ constexpr const char* kLateSetupMessage =
     "sure to call ContextManager.applicationDidFinishLaunchingWithOptions() as early after app "
     "start as possible.";
 
+// Every part of the engine logs through the platform it was given: filter it once here.
+Platform withLevelFilteredLog(Platform platform) {
+  platform.log = makeLevelFilteredLog(std::move(platform.log));
+  return platform;
+}
+
 template <typename T, typename Make>
 T& lazily(std::once_flag& once, std::unique_ptr<T>& value, Make&& make) {
   std::call_once(once, [&] { value = make(); });
@@ -59,11 +67,15 @@ T& lazily(std::once_flag& once, std::unique_ptr<T>& value, Make&& make) {
 // ---- Creation -----------------------------------------------------------------------------
 
 Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> imposedSupport)
-    : platform_(std::move(platform)),
-      selfHandle_(this, [](Engine*) {}),
-      defaults_(std::make_shared<UserDefaultsProvider>(
-          platform_.keyValueStores ? platform_.keyValueStores->openSuite(kDefaultsSuite)
-                                   : nullptr)),
+    : platform_(withLevelFilteredLog(std::move(platform))),
+      handleRelease_(std::make_shared<HandleRelease>()),
+      selfHandle_(this,
+                  [release = handleRelease_](Engine*) {
+                    std::lock_guard<std::mutex> guard(release->mutex);
+                    release->done = true;
+                    release->released.notify_all();
+                  }),
+      defaults_(UserDefaultsProvider::open(platform_.keyValueStores.get(), kDefaultsSuite)),
       dateProvider_(std::make_shared<DefaultDateProvider>(platform_.clock)),
       initializationDate_(dateProvider_->currentDate()),
       bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
@@ -92,10 +104,29 @@ Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> impos
 }
 
 Engine::~Engine() {
+  // New calls through the handle now find it expired; wait for the ones in progress.
+  closing_.store(true);
   selfHandle_.reset();
+  {
+    std::unique_lock<std::mutex> lock(handleRelease_->mutex);
+    handleRelease_->released.wait(lock, [this] { return handleRelease_->done; });
+  }
   if (observerToken_ != 0 && platform_.application) {
     platform_.application->removeObserver(observerToken_);
   }
+  // Leaf first: what starts work goes before the components that work uses. The rest go in
+  // reverse order of declaration, which already puts the error reporting they all use last.
+  periodicEvaluator_.value.reset();
+  activityRecognition_.value.reset();
+  accelerometerSensor_.value.reset();
+  logSender_.value.reset();  // its uploads apply answers to the model manager, timing, geo-IP
+  withRecentContexts([](RecentContexts& recent) { recent.clear(); });
+}
+
+std::shared_ptr<Engine> Engine::hold(const std::weak_ptr<Engine>& handle) {
+  std::shared_ptr<Engine> engine = handle.lock();
+  if (engine && engine->closing_.load()) return nullptr;
+  return engine;
 }
 
 void Engine::runInitialBootup() {
@@ -263,6 +294,20 @@ ActivityRecognitionManager& Engine::activityRecognitionManager() {
 
 // ---- Setup --------------------------------------------------------------------------------
 
+namespace {
+
+// Said once, at setup: without a usable key every log is dropped later, silently.
+std::string badAppKeyMessage(const std::string& licenseKey) {
+  return "[Orvane] The app key passed to setup cannot be used: it must be at least 16 "
+         "characters long, and its first 16 characters must take 16 or 32 bytes of UTF-8 (this "
+         "key has " +
+         std::to_string(licenseKey.size()) +
+         " bytes). Until setup is called with the app key from your dashboard, no context or "
+         "outcome is recorded.";
+}
+
+}  // namespace
+
 bool Engine::setupWith(const std::string& licenseKey, LogSender logSender,
                        const std::optional<LaunchOptions>& launchOptions,
                        const Configuration& configuration) noexcept {
@@ -275,18 +320,33 @@ bool Engine::setupWith(const std::string& licenseKey, LogSender logSender,
                                   host == HostPlatform::kCompiledBridge;
     if (sinceStart >= (slowStartingHost ? 30.0 : 5.0)) platform_.log->error(kLateSetupMessage);
 
+    std::optional<std::string> encryptionKey = deriveLogEncryptionKey(licenseKey);
+    // A key whose cut is not 16 or 32 bytes is refused by the cipher at every log.
+    if (!encryptionKey || (encryptionKey->size() != 16 && encryptionKey->size() != 32)) {
+      platform_.log->error(badAppKeyMessage(licenseKey));
+    }
     {
       std::lock_guard<std::mutex> guard(stateMutex_);
       configuration_ = configuration;
       licenseKey_ = licenseKey;
-      logEncryptionKey_ = deriveLogEncryptionKey(licenseKey);
+      logEncryptionKey_ = std::move(encryptionKey);
       if (logSender) currentLogSender_ = std::move(logSender);
     }
+    reportStoreRepair();
     launchReason_->setLaunchReason(LaunchReasonHelper::determineLaunchReason(launchOptions));
     accelerometerSensor().setAlwaysRunInForeground(configuration.enableInstantContext);
     triggerBothUploadQueues();
   });
   return true;
+}
+
+void Engine::reportStoreRepair() {
+  std::optional<std::string> note = defaults_->string(kStoreRepairNoteKey);
+  if (!note) return;
+  // Rare and worth knowing about every time: not thinned out by the sampling rate.
+  orvaneErrorReporting().reportError("Damaged store repaired", std::nullopt, true,
+                                     PlistDictionary{{"details", std::move(*note)}});
+  defaults_->remove(kStoreRepairNoteKey);
 }
 
 void Engine::triggerBothUploadQueues() {
@@ -321,7 +381,7 @@ void Engine::sendLog(std::shared_ptr<Log> log) noexcept {
     } else {
       std::weak_ptr<Engine> alive = selfHandle_;
       main->async([alive, deliver = std::move(deliver)] {
-        if (alive.lock()) deliver();
+        if (const auto held = hold(alive)) deliver();
       });
     }
   });
@@ -432,18 +492,22 @@ void Engine::handleWillResignActiveNotification() noexcept {
 
 std::string Engine::installationUUID() {
   std::lock_guard<std::mutex> guard(stateMutex_);
-  if (installationUUID_) return *installationUUID_;
+  if (installationUUID_ && !installationUUIDIsInterim_) return *installationUUID_;
   if (defaults_->isAvailable()) {
+    // A suite that opened late still holds the identity of earlier launches: it wins over the
+    // interim one this process made meanwhile.
     if (auto stored = defaults_->string(kInstallationUUIDKey)) {
       installationUUID_ = *stored;
     } else {
-      installationUUID_ = makeUUIDString(*platform_.random);
+      if (!installationUUID_) installationUUID_ = makeUUIDString(*platform_.random);
       defaults_->set(kInstallationUUIDKey, *installationUUID_);
       defaults_->synchronize();  // the identity must survive a crash right after it is made
     }
-  } else {
+    installationUUIDIsInterim_ = false;
+  } else if (!installationUUID_) {
     platform_.log->error("[Orvane] Failed to get Installation UUID");
     installationUUID_ = makeUUIDString(*platform_.random);
+    installationUUIDIsInterim_ = true;
   }
   return *installationUUID_;
 }
@@ -537,16 +601,26 @@ bool Engine::flush(double timeoutSeconds) { return orvaneLogSender().flush(timeo
 
 // ---- Global custom signals ----------------------------------------------------------------
 
-void Engine::storeGlobalCustomSignal(const CustomSignal& signal) noexcept {
+void Engine::storeGlobalCustomSignal(const CustomSignal& given) noexcept {
   absorbing(platform_, "setGlobalCustomSignal", [&] {
-    std::lock_guard<std::mutex> guard(globalSignalsMutex_);
-    for (auto& existing : globalCustomSignals_) {
-      if (existing.id() == signal.id()) {
-        existing = signal;
+    CustomSignal signal = limitedCustomSignal(given, *platform_.log);
+    {
+      std::lock_guard<std::mutex> guard(globalSignalsMutex_);
+      for (auto& existing : globalCustomSignals_) {
+        if (existing.id() == signal.id()) {
+          existing = std::move(signal);
+          return;
+        }
+      }
+      if (globalCustomSignals_.size() < HostInputLimits::kMaximumGlobalSignals) {
+        globalCustomSignals_.push_back(std::move(signal));
         return;
       }
     }
-    globalCustomSignals_.push_back(signal);
+    platform_.log->error("[Orvane] There are already " +
+                         std::to_string(HostInputLimits::kMaximumGlobalSignals) +
+                         " global custom signals; \"" + std::string(utf8Prefix(signal.id(), 40)) +
+                         "\" is not set. Remove one first.");
   });
 }
 

@@ -4,6 +4,8 @@
 // manager's engine; tests and tools build engines of their own on fake platforms.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -107,8 +109,13 @@ class Engine {
   std::optional<std::string> licenseKey() const;
   // The first 16 UTF-16 code units of the app key; none before setup or for a short key.
   std::optional<std::string> logEncryptionKey() const;
-  // A handle that expires when this manager is destroyed; logs hold it.
+  // A handle that expires when this manager is destroyed; contexts, logs and queued work reach
+  // the manager through it. Hold what lock() returns only for the call at hand: destruction
+  // waits until every such hold is released (so never destroy a manager inside a call that
+  // holds it).
   std::weak_ptr<Engine> weakHandle() const { return selfHandle_; }
+  // The engine behind `handle` for the call at hand; null once its destruction has begun.
+  static std::shared_ptr<Engine> hold(const std::weak_ptr<Engine>& handle);
   HostPlatform currentPlatform() const;
   void setCurrentPlatform(HostPlatform platform);
   Date initializationDate() const { return initializationDate_; }
@@ -170,9 +177,23 @@ class Engine {
   void runInitialBootup();
   void becomeActiveHandling();
   void triggerBothUploadQueues();
+  // A repair the store made of its damaged file, reported once (after setup, so that the
+  // host's error reporting choice applies).
+  void reportStoreRepair();
+
+  // Counts the calls that hold the engine through weakHandle(); the destructor waits for the
+  // last one to end.
+  struct HandleRelease {
+    std::mutex mutex;
+    std::condition_variable released;
+    bool done = false;
+  };
 
   Platform platform_;
-  // Owns nothing (no-op deleter); only its expiry matters.
+  const std::shared_ptr<HandleRelease> handleRelease_;
+  // Set when destruction begins, so that new holds stop keeping the handle alive.
+  std::atomic<bool> closing_{false};
+  // Owns nothing: its deleter only says that no call holds the engine any more.
   std::shared_ptr<Engine> selfHandle_;
   std::shared_ptr<UserDefaultsProvider> defaults_;
   std::shared_ptr<DateProvider> dateProvider_;
@@ -195,6 +216,8 @@ class Engine {
   HostPlatform currentPlatform_ = HostPlatform::kNative;
   LogSender currentLogSender_;
   std::optional<std::string> installationUUID_;
+  // Made while the defaults suite was not open; replaced by the stored one once it opens.
+  bool installationUUIDIsInterim_ = false;
   std::string currentSessionId_;
   Date currentSessionStarted_;
   bool isActive_ = false;

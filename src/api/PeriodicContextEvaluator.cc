@@ -119,7 +119,8 @@ struct PeriodicContextEvaluator::Core : std::enable_shared_from_this<Core> {
 
   void scheduleNextRoundIfRequired() {
     if (nextEvaluation || registeredCallbacks.empty() || !appActive) return;
-    if (!ownerAlive.lock()) return;
+    const auto alive = Engine::hold(ownerAlive);  // held: the manager cannot go while we use it
+    if (!alive) return;
     const double configured = static_cast<double>(
         owner.remoteConfiguration().getConfiguration().automaticEntryPointPollingIntervalSeconds);
     std::weak_ptr<Core> weak = weak_from_this();
@@ -155,7 +156,8 @@ void PeriodicContextEvaluator::Core::evaluateCurrentFlow() {
   while (round->current < round->flows.size()) {
     const std::string& flow = round->flows[round->current];
     auto it = registeredCallbacks.find(flow);
-    if (it == registeredCallbacks.end() || !ownerAlive.lock()) {
+    const auto alive = Engine::hold(ownerAlive);
+    if (it == registeredCallbacks.end() || !alive) {
       ++round->current;
       continue;
     }

@@ -293,6 +293,16 @@ bool orvane_flush(double timeout_seconds) {
   return guarded("orvane_flush", false, [&] { return ContextManager::flush(timeout_seconds); });
 }
 
+void orvane_set_log_level(orvane_sdk_log_level level) {
+  const int value = static_cast<int>(level);  // a C caller may pass any int
+  if (value < ORVANE_SDK_LOG_ERROR || value > ORVANE_SDK_LOG_DEBUG) {
+    logLine(LogLevel::kError, "[Orvane] orvane_set_log_level: " + std::to_string(value) +
+                                  " is not a log level; the level is unchanged.");
+    return;
+  }
+  ContextManager::setLogLevel(static_cast<SdkLogLevel>(value));
+}
+
 bool orvane_get_custom_model(const char* flow_name, orvane_model_information* information) {
   constexpr const char* kFunction = "orvane_get_custom_model";
   if (!present(information, kFunction, "information")) return false;

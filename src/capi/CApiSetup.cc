@@ -9,6 +9,7 @@
 
 #include "capi/CApi.h"
 #include "orvane/platform/Platform.h"
+#include "platform/LevelFilteredLog.h"
 
 struct orvane_main_job {
   std::unique_ptr<orvane::HostMainQueue::Job> job;
@@ -58,7 +59,7 @@ std::atomic<bool> managerStarted{false};
 
 // Lines before the manager exists, with no sink chosen.
 void writeToStderr(LogLevel level, std::string_view line) {
-  if (level == LogLevel::kDebug && std::getenv("ORVANE_DEBUG_LOG") == nullptr) return;
+  if (level == LogLevel::kDebug && processLogLevel() != SdkLogLevel::kDebug) return;
   std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
 }
 

@@ -119,7 +119,8 @@ std::shared_ptr<const ConfigurationData> RemoteConfiguration::State::current() {
   std::shared_ptr<const ConfigurationData> loaded;
   std::optional<std::string> loadError;
   std::optional<Bytes> stored;
-  if (hasStore()) stored = defaults->data(kLatestConfigurationKey);
+  const bool fromStore = hasStore();
+  if (fromStore) stored = defaults->data(kLatestConfigurationKey);
   if (stored) {
     std::string error;
     auto decoded = decodeConfigurationData(
@@ -136,6 +137,8 @@ std::shared_ptr<const ConfigurationData> RemoteConfiguration::State::current() {
   std::shared_ptr<const ConfigurationData> result;
   {
     std::lock_guard<std::mutex> guard(mutex);
+    // Without the suite the defaults stand in, uncached, until it opens with the stored ones.
+    if (!latest && !fromStore) return loaded;
     if (!latest) {
       latest = loaded;
       installed = true;

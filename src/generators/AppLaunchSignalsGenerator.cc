@@ -67,6 +67,9 @@ AppLaunchSignalsGenerator::History& AppLaunchSignalsGenerator::history(const cha
                : name == kOrvaneTriggersKey ? triggers_
                                             : seconds_;
   if (h.loaded) return h;
+  // A suite that opens late still holds the history of earlier launches: it is read once the
+  // suite is there, never replaced by what this process saw before (appendToToday waits too).
+  if (!defaults_->isAvailable()) return h;
   const bool isDates = name != kAppSecondsKey;
   h.loaded = true;
   // A stored value of another type, or a day whose list is not a list, counts as empty.

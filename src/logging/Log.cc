@@ -86,7 +86,7 @@ Log::Log(SignalList signals, CustomSignalList customSignals, CustomSignalList gl
 
 void Log::send() noexcept {
   try {
-    auto owner = std::static_pointer_cast<Engine>(owner_.lock());
+    auto owner = Engine::hold(std::static_pointer_cast<Engine>(owner_.lock()));
     if (!owner) return;
     OrvaneLogSender& sender = owner->orvaneLogSender();
     const Signal* outcome = nullptr;

@@ -5,6 +5,7 @@
 #include "api/Engine.h"
 #include "config/RemoteConfiguration.h"
 #include "logging/AnyEncodable.h"
+#include "logging/ReportTextLimit.h"
 #include "models/ControlGrouper.h"
 #include "util/UserDefaultsProvider.h"
 
@@ -34,6 +35,10 @@ OrvaneErrorReporting::OrvaneErrorReporting(Engine& owner)
     : owner_(owner),
       reportingOperationQueue_(
           owner.platform().executors->makeSerialQueue("com.orvane.OrvaneErrorReporting")) {}
+
+OrvaneErrorReporting::~OrvaneErrorReporting() {
+  if (!reportingOperationQueue_->isCurrent()) reportingOperationQueue_->sync([] {});
+}
 
 bool OrvaneErrorReporting::shouldReportError(bool usingDefaultConfiguration) {
   if (!owner_.configuration().enableErrorReporting) return false;
@@ -86,7 +91,7 @@ Result<std::string> OrvaneErrorReporting::requestBody(
     out.push_back(':');
   };
   member("message");
-  appendJsonString(out, message);
+  appendJsonString(out, boundedReportText(message));
   member("bundle_id");
   appendJsonString(out, owner_.bundleIdentifier());
   member("license_key");
@@ -103,9 +108,9 @@ Result<std::string> OrvaneErrorReporting::requestBody(
   // The error details come first and keep their values: additional data cannot overwrite them.
   out += "{\"err\":";
   if (error) {
-    appendJsonString(out, error->description);
+    appendJsonString(out, boundedReportText(error->description));
     out += ",\"err_domain\":";
-    appendJsonString(out, error->domain);
+    appendJsonString(out, boundedReportText(error->domain));
     out += ",\"err_code\":" + std::to_string(error->code);
   } else {
     out += "null,\"err_domain\":null,\"err_code\":null";
@@ -115,9 +120,9 @@ Result<std::string> OrvaneErrorReporting::requestBody(
     for (const auto& [key, value] : *additionalData) {
       if (key == "err" || key == "err_domain" || key == "err_code") continue;
       out.push_back(',');
-      appendJsonString(out, key);
+      appendJsonString(out, boundedReportText(key));
       out.push_back(':');
-      AnyEncodable(value).appendJson(out, encodingError);
+      appendJsonValue(out, boundedReportValue(value), encodingError);
     }
   }
   out += "}}";

@@ -2,7 +2,8 @@
 // Sends internal failures to the service's error endpoint: one request per report, from one
 // serial queue, never retried. The host's switch turns it off; a per-installation draw
 // against the remotely configured sampling rate thins it out; transient network failures are
-// never sent.
+// never sent. Every text a report carries is cut to 4 KiB (ReportTextLimit.h), so a server
+// answer echoed into a report cannot make it large.
 #pragma once
 
 #include <memory>
@@ -21,6 +22,8 @@ class OrvaneErrorReporting : public ErrorReporter {
   static constexpr const char* kPath = "/v2/error-reporting";
 
   explicit OrvaneErrorReporting(Engine& owner);
+  // Reports already queued are sent first: they use this object.
+  ~OrvaneErrorReporting() override;
 
   using ErrorReporter::reportError;
   // Returns at once; the request is built and sent on the reporting queue.

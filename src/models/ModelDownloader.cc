@@ -42,11 +42,15 @@ Result<ModelDownloader::Downloaded> ModelDownloader::downloadAndCompileModel(
         std::to_string(counter.fetch_add(1))))
           .string();
 
+  DownloadRequest request;
+  request.url = url;
+  request.temporaryDirectory = temporaryDirectory_;
+  request.timeoutSeconds = timeoutSeconds_;
+  request.maximumFileBytes = kDefaultMaximumDownloadBytes;
   session_->download(
-      url, temporaryDirectory_, timeoutSeconds_,
-      [weakSelf, answer, compileFolder](std::optional<std::string> file,
-                                        std::optional<HttpResponse> response,
-                                        std::optional<PlatformError> error) {
+      std::move(request), [weakSelf, answer, compileFolder](std::optional<std::string> file,
+                                                            std::optional<HttpResponse> response,
+                                                            std::optional<PlatformError> error) {
         auto self = weakSelf.lock();
         if (!self) return answer(DownloadError::unknown());
         if (error) return answer(*error);

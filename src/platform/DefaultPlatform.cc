@@ -51,7 +51,7 @@ class UnavailableHttpTransport final : public HttpTransport {
     if (!completion) return;
     queue_->async([completion = std::move(completion)] { completion(std::nullopt, error()); });
   }
-  void download(std::string, std::string, double, DownloadCompletion completion) override {
+  void download(DownloadRequest, DownloadCompletion completion) override {
     if (!completion) return;
     queue_->async(
         [completion = std::move(completion)] { completion(std::nullopt, std::nullopt, error()); });

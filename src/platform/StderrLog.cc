@@ -1,7 +1,6 @@
 // Log lines to standard error, for hosts and tools that run in a terminal or under a
 // service manager that collects stderr.
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <string>
 
@@ -12,10 +11,8 @@ namespace {
 
 class StderrLog : public SystemLog {
  public:
-  StderrLog() : debugEnabled_(std::getenv("ORVANE_DEBUG_LOG") != nullptr) {}
-
-  void write(LogLevel level, std::string_view line) override {
-    if (level == LogLevel::kDebug && !debugEnabled_) return;
+  // Every line it is given: the host's log level filters before lines get here.
+  void write(LogLevel, std::string_view line) override {
     std::string text;
     text.reserve(line.size() + 1);
     text.append(line);
@@ -27,7 +24,6 @@ class StderrLog : public SystemLog {
   }
 
  private:
-  const bool debugEnabled_;
   std::mutex mutex_;
 };
 

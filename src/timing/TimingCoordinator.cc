@@ -108,7 +108,8 @@ TimingCoordinator::TimingCoordinator(std::shared_ptr<UserDefaultsProvider> userD
     : defaults_(std::move(userDefaultsProvider)),
       dateProvider_(std::move(dateProvider)),
       random_(std::move(random)),
-      errorReporter_(std::move(errorReporter)) {
+      errorReporter_(std::move(errorReporter)),
+      persists_(defaults_ && defaults_->isAvailable()) {
   if (!hasStore()) return;
   LazyErrorReporter lazy(errorReporter_);
   // An unreadable record starts empty and stays in the store until the next write replaces

@@ -91,7 +91,10 @@ class TimingCoordinator {
 
  private:
   ErrorReporter& reporter() const { return errorReporter_(); }
-  bool hasStore() const { return defaults_ && defaults_->isAvailable(); }
+  // Whether the records were read from the suite at construction. A coordinator made before
+  // the suite opened keeps its records in memory for the process rather than write them over
+  // the stored ones it never read.
+  bool hasStore() const { return persists_; }
   // True when written, or when there is nowhere to write; false when the record could not
   // be encoded (nothing is written then).
   bool persist(std::string_view key, const std::optional<std::string>& encoded);
@@ -103,6 +106,7 @@ class TimingCoordinator {
   std::shared_ptr<DateProvider> dateProvider_;
   std::shared_ptr<RandomSource> random_;
   std::function<ErrorReporter&()> errorReporter_;
+  const bool persists_;
   mutable WrappingLock<TimingConfiguration> currentClientTimingConfiguration_;
   mutable WrappingLock<TimingStates> currentPerFlowStats_;
 };

@@ -2,13 +2,43 @@
 
 namespace orvane {
 
+UserDefaultsProvider::UserDefaultsProvider(std::shared_ptr<KeyValueStore> store) {
+  adopt(std::move(store));
+}
+
+std::shared_ptr<UserDefaultsProvider> UserDefaultsProvider::open(KeyValueStoreProvider* provider,
+                                                                 std::string_view suiteName) {
+  auto defaults = std::make_shared<UserDefaultsProvider>(nullptr);
+  if (!provider) return defaults;
+  std::weak_ptr<UserDefaultsProvider> weak = defaults;
+  defaults->adopt(
+      provider->openSuiteOrRetry(suiteName, [weak](std::shared_ptr<KeyValueStore> store) {
+        if (auto self = weak.lock()) self->adopt(std::move(store));
+      }));
+  return defaults;
+}
+
+void UserDefaultsProvider::adopt(std::shared_ptr<KeyValueStore> store) {
+  if (!store) return;
+  std::lock_guard<std::mutex> guard(adoptMutex_);
+  if (isAvailable()) return;
+  store_ = std::move(store);
+  available_.store(true, std::memory_order_release);
+}
+
+std::shared_ptr<KeyValueStore> UserDefaultsProvider::userDefaults() const {
+  return isAvailable() ? store_ : nullptr;
+}
+
 std::shared_ptr<const PlistValue> UserDefaultsProvider::sharedObject(std::string_view key) const {
-  return store_ ? store_->getShared(key) : nullptr;
+  KeyValueStore* store = this->store();
+  return store ? store->getShared(key) : nullptr;
 }
 
 std::optional<PlistValue> UserDefaultsProvider::object(std::string_view key) const {
-  if (!store_) return std::nullopt;
-  return store_->get(key);
+  KeyValueStore* store = this->store();
+  if (!store) return std::nullopt;
+  return store->get(key);
 }
 
 std::optional<std::string> UserDefaultsProvider::string(std::string_view key) const {
@@ -62,17 +92,22 @@ std::optional<bool> UserDefaultsProvider::boolean(std::string_view key) const {
 }
 
 bool UserDefaultsProvider::set(std::string_view key, PlistValue value) {
-  if (!store_) return false;
-  store_->set(key, std::move(value));
+  KeyValueStore* store = this->store();
+  if (!store) return false;
+  store->set(key, std::move(value));
   return true;
 }
 
 bool UserDefaultsProvider::remove(std::string_view key) {
-  if (!store_) return false;
-  store_->remove(key);
+  KeyValueStore* store = this->store();
+  if (!store) return false;
+  store->remove(key);
   return true;
 }
 
-bool UserDefaultsProvider::synchronize() { return store_ && store_->synchronize(); }
+bool UserDefaultsProvider::synchronize() {
+  KeyValueStore* store = this->store();
+  return store && store->synchronize();
+}
 
 }  // namespace orvane

@@ -1,9 +1,11 @@
 // File: UserDefaultsProvider.h
-// The persistence handle every component receives: the defaults suite, or nothing when the
-// suite could not be opened. Without a suite reads yield nothing and writes are dropped.
+// The persistence handle every component receives: the defaults suite, or nothing while the
+// suite cannot be opened. Without a suite reads yield nothing and writes are dropped.
 #pragma once
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,10 +17,21 @@ namespace orvane {
 
 class UserDefaultsProvider {
  public:
-  explicit UserDefaultsProvider(std::shared_ptr<KeyValueStore> store) : store_(std::move(store)) {}
+  // Over a suite already opened, or none for good.
+  explicit UserDefaultsProvider(std::shared_ptr<KeyValueStore> store);
 
-  bool isAvailable() const { return store_ != nullptr; }
-  const std::shared_ptr<KeyValueStore>& userDefaults() const { return store_; }
+  // Opens `suiteName` through `provider` (none: no suite). When the suite cannot be opened
+  // yet (another process holds its file), the provider may open it later in the process, and
+  // isAvailable() then turns true.
+  static std::shared_ptr<UserDefaultsProvider> open(KeyValueStoreProvider* provider,
+                                                    std::string_view suiteName);
+
+  // False while there is no suite. It may turn true later in the process, from any thread,
+  // and never turns back. Nothing written while it was false reached the suite, so once true
+  // reads answer what is on disk; callers that kept state in memory meanwhile merge it into
+  // what they read then rather than write it over the suite.
+  bool isAvailable() const { return available_.load(std::memory_order_acquire); }
+  std::shared_ptr<KeyValueStore> userDefaults() const;
 
   std::optional<PlistValue> object(std::string_view key) const;
   // The stored value itself, shared rather than copied; null when absent.
@@ -37,10 +50,21 @@ class UserDefaultsProvider {
   // False when there is no suite.
   bool set(std::string_view key, PlistValue value);
   bool remove(std::string_view key);
+  // True once everything written before it is durable. False when there is no suite, or when
+  // the writes are not durable yet: the suite keeps them in memory and keeps committing them,
+  // so a later call may answer true.
   bool synchronize();
 
  private:
+  // Installs the suite once; later calls are ignored.
+  void adopt(std::shared_ptr<KeyValueStore> store);
+  KeyValueStore* store() const { return isAvailable() ? store_.get() : nullptr; }
+
+  std::mutex adoptMutex_;
+  // Written once, before available_ turns true, and never again: readers that saw
+  // available_ read it without a lock.
   std::shared_ptr<KeyValueStore> store_;
+  std::atomic<bool> available_{false};
 };
 
 }  // namespace orvane

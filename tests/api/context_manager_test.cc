@@ -180,6 +180,34 @@ TEST(ContextManagerTest, InstallationIdentitySurvivesRestartsOnlyWithASuite) {
   EXPECT_EQ(a.numberOfAppLaunches(), 0);
 }
 
+TEST(ContextManagerTest, ASuiteThatOpensLateKeepsTheStoredIdentity) {
+  FakePlatform fake;
+  auto late = std::make_shared<testing::LateKeyValueStoreProvider>();
+  fake.platform.keyValueStores = late;
+  auto suites = makeInMemoryKeyValueStoreProvider();
+
+  // Stored by an earlier launch: it wins over the identity made while the suite was shut.
+  auto stored = suites->openSuite("earlier launch");
+  stored->set("orvane_installation_uuid", "from disk");
+  Engine engine(fake.platform);
+  const std::string interim = engine.installationUUID();
+  EXPECT_NE(interim, "from disk");
+  EXPECT_FALSE(engine.userDefaultsProvider()->isAvailable());
+  late->open(stored);
+  EXPECT_TRUE(engine.userDefaultsProvider()->isAvailable());
+  EXPECT_EQ(engine.installationUUID(), "from disk");
+  EXPECT_EQ(stored->get("orvane_installation_uuid"), PlistValue("from disk"));
+
+  // Nothing stored: the interim identity, already in records, is the one kept.
+  auto empty = suites->openSuite("first launch");
+  Engine fresh(fake.platform);
+  const std::string freshInterim = fresh.installationUUID();
+  late->open(empty);
+  EXPECT_EQ(fresh.installationUUID(), freshInterim);
+  EXPECT_EQ(empty->get("orvane_installation_uuid"), PlistValue(freshInterim));
+  EXPECT_EQ(fake.log->count("[Orvane] Failed to get Installation UUID"), 2u);
+}
+
 TEST(ContextManagerTest, PublicModelViewFollowsTheStoreAndTheSwitch) {
   FakePlatform fake;
   Engine manager(fake.platform);

@@ -339,6 +339,24 @@ static void test_sdk_lines_reach_the_sink_with_their_level(void) {
   orvane_context_release(context);
 }
 
+static void test_the_log_level_filters_sdk_lines(void) {
+  char flow[520];
+  orvane_context* context;
+  size_t before = lines_seen();
+  memset(flow, 'f', sizeof flow - 1);
+  flow[sizeof flow - 1] = '\0';
+  orvane_set_log_level((orvane_sdk_log_level)99);
+  CHECK_NUMBER(lines_containing(before, "99 is not a log level", NULL), 1);
+  /* Error lines pass at every level. */
+  orvane_set_log_level(ORVANE_SDK_LOG_ERROR);
+  before = lines_seen();
+  context = orvane_instant_context(flow, 1, NULL, 0);
+  CHECK(context != NULL);
+  CHECK_NUMBER(lines_containing(before, "exceeds the maximum allowed length", NULL), 1);
+  orvane_context_release(context);
+  orvane_set_log_level(ORVANE_SDK_LOG_WARNING);
+}
+
 /* ---- A request on the SDK's own main thread -------------------------------------------- */
 
 typedef struct answer {
@@ -407,6 +425,7 @@ int main(void) {
            test_services_the_host_does_not_drive_refuse_its_values);
   run_test("SDK lines reach the sink with their level",
            test_sdk_lines_reach_the_sink_with_their_level);
+  run_test("the log level is checked and errors always pass", test_the_log_level_filters_sdk_lines);
   run_test("a request answers on the SDK's main thread with the user data",
            test_a_request_answers_on_the_sdk_main_thread_with_the_user_data);
   return finish_tests();

@@ -81,6 +81,17 @@ TEST_F(RemoteConfigurationTest, PartialUpdateIsMergedWithDefaultsStoredAndSurviv
   EXPECT_TRUE(reporter.reports().empty());
 }
 
+TEST_F(RemoteConfigurationTest, ASuiteThatOpensLateGivesItsStoredConfiguration) {
+  ServerConfiguration update;
+  update.goldenSignalsDurationSeconds = 10;
+  apply(*make(), update);
+  testing::LateKeyValueStoreProvider late;
+  auto config = make(UserDefaultsProvider::open(&late, "com.orvane.ads"), reporter);
+  EXPECT_EQ(config->getConfiguration(), kDefaults);
+  late.open(fake.platform.keyValueStores->openSuite("com.orvane.ads"));
+  EXPECT_EQ(config->getConfiguration().goldenSignalsDurationSeconds, 10);
+}
+
 TEST_F(RemoteConfigurationTest, TaggerVersionIsCheckedButAlwaysStored) {
   for (const std::string version : {"1.2.3", "1", "1.x", "1.2."}) {
     RecordingErrorReporter fresh;

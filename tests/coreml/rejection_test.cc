@@ -3,6 +3,10 @@
 // may crash or load.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 #include <functional>
 
 #include "coreml_test_support.h"
@@ -212,6 +216,45 @@ TEST(coremlRejection, GarbageAndOversizedInputsFail) {
   auto huge = Model::fromBytes(garbage.data(), kMaxModelFileBytes + 1);
   ASSERT_FALSE(huge.ok());
   EXPECT_NE(huge.message().find("limit"), std::string::npos);
+}
+
+TEST(coremlRejection, AFileThatExpandsWhenParsedIsRefusedWithinItsBudget) {
+  // A million empty tree nodes: two bytes each in the file, far more once parsed. The same
+  // nodes with contents, as real models have them, stay well inside the budget.
+  M bomb = smallTreeClassifier();
+  for (int i = 0; i < 1'000'000; ++i) trees(bomb)->add_nodes();
+  const std::string bytes = bomb.SerializeAsString();
+  ASSERT_LT(bytes.size(), size_t{3} << 20);
+  auto refused = Model::fromBytes(bytes.data(), bytes.size());
+  ASSERT_FALSE(refused.ok());
+  EXPECT_NE(refused.message().find(std::to_string(kMaxParsedModelBytes)), std::string::npos)
+      << refused.message();
+
+  M large = smallTreeClassifier();
+  for (uint64_t tree = 1; tree < 20'000; ++tree) {
+    addBranch(trees(large), tree, 0, 0, 0.5, 1, 2);
+    addLeaf(trees(large), tree, 1, 2.0);
+    addLeaf(trees(large), tree, 2, -2.0);
+  }
+  EXPECT_TRUE(build(large).ok()) << build(large).message();
+}
+
+TEST(coremlRejection, AnOversizedManifestIsNotRead) {
+  namespace fs = std::filesystem;
+  const fs::path dir = fs::temp_directory_path() / ("coreml_manifest_" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  std::ofstream(dir / "Flow.mlmodel", std::ios::binary)
+      << smallTreeClassifier().SerializeAsString();
+  auto compiled = compileModel((dir / "Flow.mlmodel").string(), dir.string());
+  ASSERT_TRUE(compiled.ok()) << compiled.message();
+  ASSERT_TRUE(Model::load(compiled.value()).ok());
+  // Still valid JSON with the same members, padded past the limit.
+  std::ofstream(fs::path(compiled.value()) / kCompiledManifestFileName, std::ios::app)
+      << std::string(kMaxManifestBytes, ' ');
+  auto refused = Model::load(compiled.value());
+  ASSERT_FALSE(refused.ok());
+  EXPECT_NE(refused.message().find("limit"), std::string::npos) << refused.message();
+  fs::remove_all(dir);
 }
 
 TEST(coremlRejection, MissingFilesAndFoldersAreErrors) {

@@ -33,6 +33,20 @@ class AppLaunchHistoryTest : public ::testing::Test {
   }
 };
 
+TEST_F(AppLaunchHistoryTest, ASuiteThatOpensLateKeepsEarlierLaunches) {
+  generator.incrementAndGetNumberOfAppLaunches();
+  generator.incrementAndGetNumberOfAppLaunches();
+  testing::LateKeyValueStoreProvider late;
+  auto lateDefaults = UserDefaultsProvider::open(&late, "s");
+  AppLaunchSignalsGenerator lateGenerator{dates, lateDefaults, calendar};
+  // Nothing to count or keep while the suite is shut; read before it opens, the history is
+  // still read from it afterwards rather than written over.
+  EXPECT_EQ(lateGenerator.incrementAndGetNumberOfAppLaunches(), 0);
+  late.open(store);
+  EXPECT_EQ(lateGenerator.incrementAndGetNumberOfAppLaunches(), 3);
+  EXPECT_EQ(todaysEntries("app_launches"), 3u);
+}
+
 TEST_F(AppLaunchHistoryTest, WronglyTypedHistoryCountsAsEmpty) {
   store->set("app_launches", "garbage");
   store->set("app_seconds", PlistDictionary{{generator.currentDateFormatted(), "not a list"}});

@@ -80,6 +80,25 @@ TEST_F(ErrorReportingTest, SendsOneJsonRequestPerReport) {
   EXPECT_EQ(second["last_ota_update"], 0);
 }
 
+TEST_F(ErrorReportingTest, EchoedServerDataAndLongTextsAreCut) {
+  setSampleRate(1.0f);
+  const std::string answer(size_t{52} << 20, '{');
+  manager->orvaneErrorReporting().reportError(
+      "Failed to parse V3 JSON returned by server.",
+      PlatformError{kDecodingErrorDomain, 0, std::string(10000, 'e')}, false,
+      PlistDictionary{{"serverData", answer}, {"flowName", "upsell"}});
+  const auto bodies = sentBodies();
+  ASSERT_EQ(bodies.size(), 1u);
+  EXPECT_LT(http->requests()[0].body.size(), size_t{12} * 1024);
+  const auto& payload = bodies[0]["payload"];
+  const std::string serverData = payload["serverData"];
+  EXPECT_LE(serverData.size(), 4096u);
+  EXPECT_EQ(serverData.rfind("{{{{", 0), 0u);
+  EXPECT_NE(serverData.find(std::to_string(answer.size()) + " bytes"), std::string::npos);
+  EXPECT_LE(payload["err"].get<std::string>().size(), 4096u);
+  EXPECT_EQ(payload["flowName"], "upsell");
+}
+
 TEST_F(ErrorReportingTest, HostSwitchAndSamplingDecide) {
   OrvaneErrorReporting& reporting = manager->orvaneErrorReporting();
   setSampleRate(1.0f);

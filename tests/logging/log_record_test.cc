@@ -125,8 +125,18 @@ TEST_F(LogRecordTest, ManagerDerivesTheLogKeyAtSetup) {
   EXPECT_EQ(manager->logEncryptionKey(), "0123456789abcdef");
   auto encoded = manager->logEncoder().encodeLog({SignalInt(SignalEnum::id(3), 1)}, {}, {});
   EXPECT_TRUE(encoded.ok());
+  const char* kBadKeyLine = "[Orvane] The app key passed to setup cannot be used";
+  EXPECT_EQ(fake.log->countContaining(kBadKeyLine), 0u);
   manager->setupWith("short", nullptr, std::nullopt, Configuration{});
   EXPECT_FALSE(manager->logEncoder().encodeLog({}, {}, {}).ok());
+  EXPECT_EQ(fake.log->countContaining(kBadKeyLine), 1u);
+  // 16 characters, but the first 16 take 17 bytes: as unusable as a short key.
+  manager->setupWith(
+      "\xC3\xA9"
+      "0123456789abcdeXYZ",
+      nullptr, std::nullopt, Configuration{});
+  EXPECT_FALSE(manager->logEncoder().encodeLog({}, {}, {}).ok());
+  EXPECT_EQ(fake.log->countContaining(kBadKeyLine), 2u);
 }
 
 }  // namespace

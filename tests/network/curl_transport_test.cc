@@ -1,47 +1,21 @@
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <future>
 
+#include "network/LoopbackServers.h"
+#include "network/TransportCalls.h"
 #include "orvane/platform/HttpTransport.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
 
 namespace orvane {
 namespace {
 
-struct Outcome {
-  std::optional<HttpResponse> response;
-  std::optional<PlatformError> error;
-  std::optional<std::string> fileContent;
-};
-
-// A loopback server on a free port, stopped with the test.
-class LoopbackServer {
- public:
-  LoopbackServer() {
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  ~LoopbackServer() {
-    server_.stop();
-    thread_.join();
-  }
-  httplib::Server& server() { return server_; }
-  std::string url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
-  }
-
- private:
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
-};
+using LoopbackServer = testing::LoopbackServer<>;
+using testing::Outcome;
+using testing::sendAndWait;
 
 // A port that was free a moment ago: bound, read back and closed again.
 int unusedPort() {
@@ -54,14 +28,6 @@ int unusedPort() {
   getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
   close(fd);
   return ntohs(address.sin_port);
-}
-
-Outcome send(HttpTransport& transport, HttpRequest request) {
-  std::promise<Outcome> done;
-  transport.send(std::move(request), [&](auto response, auto error) {
-    done.set_value({std::move(response), std::move(error), std::nullopt});
-  });
-  return done.get_future().get();
 }
 
 TEST(CurlTransportTest, PostsBodyAndHeadersAndReturnsTheAnswer) {
@@ -77,11 +43,11 @@ TEST(CurlTransportTest, PostsBodyAndHeadersAndReturnsTheAnswer) {
                          });
   auto transport = makeCurlHttpTransport();
   const std::string body = "{\"records\":[1,2,3]}";
-  Outcome outcome = send(*transport, HttpRequest{loopback.url("/v3/queue/tech"),
-                                                 "POST",
-                                                 {{"Content-Type", "application/json"}},
-                                                 Bytes(body.begin(), body.end()),
-                                                 60});
+  Outcome outcome = sendAndWait(*transport, HttpRequest{loopback.url("/v3/queue/tech"),
+                                                        "POST",
+                                                        {{"Content-Type", "application/json"}},
+                                                        Bytes(body.begin(), body.end()),
+                                                        60});
   ASSERT_TRUE(outcome.response) << outcome.error->description;
   EXPECT_FALSE(outcome.error);
   EXPECT_EQ(outcome.response->statusCode, 202);
@@ -100,7 +66,7 @@ TEST(CurlTransportTest, FailuresCarryPortableDomainsAndCodes) {
   });
   auto transport = makeCurlHttpTransport();
   auto failure = [&](std::string url, double timeout) {
-    Outcome outcome = send(*transport, HttpRequest{std::move(url), "POST", {}, {}, timeout});
+    Outcome outcome = sendAndWait(*transport, HttpRequest{std::move(url), "POST", {}, {}, timeout});
     EXPECT_FALSE(outcome.response);
     return outcome.error.value_or(PlatformError{"none", 0, ""});
   };
@@ -126,33 +92,21 @@ TEST(CurlTransportTest, DownloadsIntoATemporaryFileThatIsRemovedAfterTheCompleti
   auto transport = makeCurlHttpTransport();
   const std::string dir = ::testing::TempDir() + "orvane-downloads";
 
-  auto download = [&](const std::string& path) {
-    std::promise<Outcome> done;
-    std::string seenPath;
-    transport->download(loopback.url(path), dir, 10, [&](auto file, auto response, auto error) {
-      Outcome o{std::move(response), std::move(error), std::nullopt};
-      if (file) {
-        seenPath = *file;
-        std::ifstream in(*file, std::ios::binary);
-        o.fileContent.emplace(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-      }
-      done.set_value(std::move(o));
-    });
-    Outcome outcome = done.get_future().get();
-    return std::make_pair(outcome, seenPath);
+  auto fetch = [&](const std::string& path) {
+    return testing::downloadAndWait(*transport, {loopback.url(path), dir, 10});
   };
 
-  auto [ok, path] = download("/model.mlmodel");
+  const Outcome ok = fetch("/model.mlmodel");
   ASSERT_TRUE(ok.response);
   EXPECT_EQ(ok.response->statusCode, 200);
   EXPECT_EQ(ok.fileContent, payload);
   // The transport removes the file once the completion returned; give its worker a moment.
-  for (int i = 0; i < 100 && std::filesystem::exists(path); ++i) {
+  for (int i = 0; i < 100 && std::filesystem::exists(ok.filePath); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_FALSE(std::filesystem::exists(ok.filePath));
 
-  auto [missing, missingPath] = download("/missing");
+  const Outcome missing = fetch("/missing");
   ASSERT_TRUE(missing.response);
   EXPECT_EQ(missing.response->statusCode, 404);
 }

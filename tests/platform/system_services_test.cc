@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include "orvane/ContextManager.h"
 #include "orvane/platform/RandomSource.h"
 #include "orvane/platform/SystemLog.h"
+#include "platform/LevelFilteredLog.h"
+#include "testutil/FakePlatform.h"
 
 namespace orvane {
 namespace {
@@ -39,17 +42,32 @@ TEST(SystemRandomSource, IntegersCoverBothBoundsEvenAtTheExtremes) {
   EXPECT_NE(a, b);
 }
 
-TEST(StderrLog, WritesWholeLinesAndDebugOnlyWhenAskedFor) {
-  unsetenv("ORVANE_DEBUG_LOG");
-  auto quiet = makeStderrLog();
-  setenv("ORVANE_DEBUG_LOG", "1", 1);
-  auto verbose = makeStderrLog();
-  unsetenv("ORVANE_DEBUG_LOG");
+TEST(StderrLog, WritesWholeLines) {
+  auto log = makeStderrLog();
   ::testing::internal::CaptureStderr();
-  quiet->write(LogLevel::kDebug, "[Orvane] hidden");
-  quiet->error("[Orvane] failed");
-  verbose->write(LogLevel::kDebug, "[Orvane] detail");
+  log->error("[Orvane] failed");
+  log->write(LogLevel::kDebug, "[Orvane] detail");
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "[Orvane] failed\n[Orvane] detail\n");
+}
+
+TEST(LevelFilteredLog, ShowsWhatTheHostChose) {
+  auto lines = std::make_shared<testing::CapturingLog>();
+  auto log = makeLevelFilteredLog(lines);
+  const SdkLogLevel before = processLogLevel();
+  const std::pair<SdkLogLevel, size_t> settings[] = {{SdkLogLevel::kError, 1},
+                                                     {SdkLogLevel::kWarning, 2},
+                                                     {SdkLogLevel::kInfo, 3},
+                                                     {SdkLogLevel::kDebug, 4}};
+  for (const auto& [setting, shown] : settings) {
+    ContextManager::setLogLevel(setting);
+    const size_t already = lines->lines().size();
+    log->error("e");
+    log->notice("w");
+    log->info("i");
+    log->write(LogLevel::kDebug, "d");
+    EXPECT_EQ(lines->lines().size() - already, shown) << static_cast<int>(setting);
+  }
+  setProcessLogLevel(before);
 }
 
 }  // namespace

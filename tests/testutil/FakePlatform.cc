@@ -1,5 +1,7 @@
 #include "testutil/FakePlatform.h"
 
+#include "platform/LevelFilteredLog.h"
+
 #include <algorithm>
 
 #include <gtest/gtest.h>
@@ -183,6 +185,8 @@ FakePlatform::FakePlatform()
       motion(std::make_shared<ManualMotionService>(clock)),
       network(std::make_shared<HostNetworkPathService>()),
       notifications(std::make_shared<HostNotificationSettingsService>()) {
+  // Suites check the lines a manager writes at every level.
+  setProcessLogLevel(SdkLogLevel::kDebug);
   application =
       std::make_shared<HostApplicationService>(executors->mainQueue(), ApplicationState::kInactive);
   platform.clock = clock;

@@ -213,4 +213,21 @@ struct FakePlatform {
 // A provider whose suites can never be opened.
 std::shared_ptr<KeyValueStoreProvider> makeUnavailableKeyValueStoreProvider();
 
+// A provider whose suite opens only when the test hands it over, as one another process held
+// at start does: openSuiteOrRetry answers null and keeps the caller's callback.
+class LateKeyValueStoreProvider : public KeyValueStoreProvider {
+ public:
+  std::shared_ptr<KeyValueStore> openSuite(std::string_view) override { return nullptr; }
+  std::shared_ptr<KeyValueStore> openSuiteOrRetry(std::string_view,
+                                                  SuiteOpenedLater openedLater) override {
+    openedLater_ = std::move(openedLater);
+    return nullptr;
+  }
+  // Hands `store` to the latest caller of openSuiteOrRetry.
+  void open(std::shared_ptr<KeyValueStore> store) { openedLater_(std::move(store)); }
+
+ private:
+  SuiteOpenedLater openedLater_;
+};
+
 }  // namespace orvane::testing

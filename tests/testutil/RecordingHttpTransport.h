@@ -30,20 +30,21 @@ class RecordingHttpTransport : public HttpTransport {
     }
     completion(answer.response, answer.error);
   }
-  void download(std::string url, std::string directory, double,
-                DownloadCompletion completion) override {
+  void download(DownloadRequest download, DownloadCompletion completion) override {
     Answer answer = next();
     {
       std::lock_guard<std::mutex> guard(mutex_);
       HttpRequest request;
-      request.url = std::move(url);
+      request.url = download.url;
       request.method = "GET";
+      request.timeoutSeconds = download.timeoutSeconds;
+      request.maximumResponseBytes = download.maximumFileBytes;
       requests_.push_back(std::move(request));
     }
     std::optional<std::string> file;
     if (answer.fileContent) {
-      std::filesystem::create_directories(directory);
-      file = directory + "/download-" + std::to_string(requests().size());
+      std::filesystem::create_directories(download.temporaryDirectory);
+      file = download.temporaryDirectory + "/download-" + std::to_string(requests().size());
       std::ofstream(*file, std::ios::binary) << *answer.fileContent;
     }
     completion(file, answer.response, answer.error);

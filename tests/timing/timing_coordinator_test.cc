@@ -225,6 +225,23 @@ TEST_F(TimingCoordinatorTest, WindowThatCannotBeStoredIsReportedAndStaysInForce)
   EXPECT_TRUE(make()->currentStates().flowState.empty());  // the stored record was kept
 }
 
+TEST_F(TimingCoordinatorTest, MadeBeforeTheSuiteOpenedItNeverWritesOverTheStoredRecords) {
+  apply({{"f", rules(ServerTiming{"days", 1}, std::nullopt)}});
+  ask();
+  const auto storedStates = store_->get(TimingCoordinator::kPerFlowStateKey);
+  ASSERT_TRUE(storedStates);
+  testing::LateKeyValueStoreProvider late;
+  auto lateDefaults = UserDefaultsProvider::open(&late, "com.orvane.ads");
+  auto coordinator = make(lateDefaults, reporter_);
+  late.open(store_);
+  coordinator->applyLatestConfiguration(
+      payload({{"g", rules(ServerTiming{"days", 2}, std::nullopt)}}));
+  coordinator->performCooldownCalculation("g");
+  coordinator->storeFlowTimingState();
+  EXPECT_EQ(store_->get(TimingCoordinator::kPerFlowStateKey), storedStates);
+  EXPECT_EQ(coordinator->currentStates().flowState.count("g"), 1u);
+}
+
 TEST(CombineDecisionsTest, EveryTimingDecisionWithEveryModelCode) {
   const Signal blocked = SignalBool(SignalEnum::id(650), true);
   const Signal forced = SignalBool(SignalEnum::id(651), true);

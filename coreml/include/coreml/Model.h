@@ -21,6 +21,11 @@ namespace orvane::coreml {
 
 // Limits that keep a hostile or broken file from exhausting memory or time.
 inline constexpr size_t kMaxModelFileBytes = 256u * 1024u * 1024u;
+// What the parsed file may take in memory. A message of a hundred bytes can stand on two bytes
+// of the file, so the file's size alone bounds nothing; real models take a few MiB.
+inline constexpr size_t kMaxParsedModelBytes = 32u * 1024u * 1024u;
+// A compiled folder's manifest is a few hundred bytes of JSON.
+inline constexpr size_t kMaxManifestBytes = 64u * 1024u;
 inline constexpr size_t kMaxTreeNodes = 10'000'000;
 inline constexpr int kOldestSpecificationVersion = 1;
 inline constexpr int kNewestSpecificationVersion = 9;

@@ -4,6 +4,7 @@
 // synchronize() returns once everything written before it is durable.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,9 +29,18 @@ class ORVANE_API KeyValueStore {
   virtual void set(std::string_view key, PlistValue value) = 0;
   virtual void remove(std::string_view key) = 0;
   virtual std::vector<std::string> keys() const = 0;
-  // Blocks until every earlier write is durable. False when persisting failed.
+  // Blocks until every earlier write is durable. False when they are not durable yet: the
+  // store keeps them and keeps trying, so a later call may answer true.
   virtual bool synchronize() = 0;
 };
+
+// A store that found its file damaged and rebuilt it from what could still be read leaves a
+// line saying so under this key of the rebuilt suite; the SDK reports it once through its
+// error reporting and removes it.
+inline constexpr std::string_view kStoreRepairNoteKey = "orvane_store_repair_note";
+
+// Hands over a suite that could not be opened at first, once a later attempt opens it.
+using SuiteOpenedLater = std::function<void(std::shared_ptr<KeyValueStore> store)>;
 
 // Opens named suites. Returns null when the suite cannot be opened; callers then behave as
 // if nothing can be stored.
@@ -38,6 +48,17 @@ class ORVANE_API KeyValueStoreProvider {
  public:
   virtual ~KeyValueStoreProvider() = default;
   virtual std::shared_ptr<KeyValueStore> openSuite(std::string_view suiteName) = 0;
+
+  // As openSuite, for a caller that can start using the suite later. When it cannot be opened
+  // now for a reason that may pass (another process holds its file, the disk refuses), the
+  // provider keeps trying in the background and calls `openedLater` once with the store, from
+  // a thread of its own. Never called when this returns the store, nor once the provider is
+  // gone. Providers that never retry answer as openSuite and drop `openedLater`.
+  virtual std::shared_ptr<KeyValueStore> openSuiteOrRetry(std::string_view suiteName,
+                                                          SuiteOpenedLater openedLater) {
+    (void)openedLater;
+    return openSuite(suiteName);
+  }
 };
 
 // Suites that live in memory only, shared by name for the provider's lifetime.

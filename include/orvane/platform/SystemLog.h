@@ -23,7 +23,8 @@ class ORVANE_API SystemLog {
   void notice(std::string_view line) { write(LogLevel::kDefault, line); }
 };
 
-// Lines to standard error; kDebug lines only when ORVANE_DEBUG_LOG is set.
+// Lines to standard error. A manager passes its lines through the host's log level
+// (ContextManager::setLogLevel) first.
 ORVANE_API std::shared_ptr<SystemLog> makeStderrLog();
 
 // Where a host wants the lines: every level, debug included (the host filters). Calls are made

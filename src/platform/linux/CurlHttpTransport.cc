@@ -1,20 +1,28 @@
 // HTTP over libcurl. A fixed pool of workers takes requests in order; each request uses its
-// own easy handle, so requests run concurrently up to the pool size.
+// own easy handle, so requests run concurrently up to the pool size. Answers and downloads
+// are capped as the request says, and redirects never leave https (see HttpTransport.h).
 #include <curl/curl.h>
 
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <limits>
 #include <mutex>
+#include <string_view>
 #include <thread>
-
-#include <unistd.h>
 
 #include "orvane/platform/HttpTransport.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
+#include "platform/linux/CurlHttpTransport.h"
+#include "platform/linux/OpenSslInit.h"
 
 namespace orvane {
 namespace {
@@ -67,6 +75,8 @@ PlatformError errorFor(CURLcode code, long osErrno) {
     case CURLE_URL_MALFORMAT:
     case CURLE_UNSUPPORTED_PROTOCOL:
       return {kUrlErrorDomain, -1000, "Bad URL. (" + text + ")"};
+    case CURLE_TOO_MANY_REDIRECTS:
+      return {kUrlErrorDomain, -1007, "Too many HTTP redirects. (" + text + ")"};
     case CURLE_WRITE_ERROR:
       return {kUrlErrorDomain, -3003, "Cannot write the downloaded file. (" + text + ")"};
     default:
@@ -74,35 +84,118 @@ PlatformError errorFor(CURLcode code, long osErrno) {
   }
 }
 
-size_t appendToBytes(char* data, size_t size, size_t count, void* target) {
-  auto* bytes = static_cast<Bytes*>(target);
-  bytes->insert(bytes->end(), data, data + size * count);
-  return size * count;
+PlatformError tooLargeError(uint64_t maximumBytes) {
+  return {kUrlErrorDomain, kResourceExceedsMaximumSize,
+          "The resource exceeds the maximum size of " + std::to_string(maximumBytes) + " bytes."};
 }
 
-size_t appendToFile(char* data, size_t size, size_t count, void* target) {
-  return std::fwrite(data, size, count, static_cast<FILE*>(target)) * size;
+PlatformError refusedRedirectError(const std::string& location) {
+  constexpr size_t kShownLocationBytes = 256;
+  return {kUrlErrorDomain, kRedirectLeavesSecureConnection,
+          "Refused to follow a redirect from https to a connection that is not secure: " +
+              location.substr(0, kShownLocationBytes)};
 }
 
-size_t collectHeader(char* data, size_t size, size_t count, void* target) {
-  auto* headers = static_cast<std::vector<std::pair<std::string, std::string>>*>(target);
-  std::string line(data, size * count);
-  const size_t colon = line.find(':');
-  if (colon != std::string::npos) {
-    std::string value = line.substr(colon + 1);
-    const size_t begin = value.find_first_not_of(" \t");
-    const size_t end = value.find_last_not_of(" \t\r\n");
-    value = begin == std::string::npos ? "" : value.substr(begin, end - begin + 1);
-    headers->emplace_back(line.substr(0, colon), value);
+// Headers are a few hundred bytes; a server that sends more is misbehaving.
+constexpr size_t kMaximumHeaderBytes = 64 * 1024;
+
+bool isHttps(const std::string& url) {
+  return url.size() >= 6 && strncasecmp(url.c_str(), "https:", 6) == 0;
+}
+
+// One transfer's sink and limits, and why it stopped early. Curl hands the write callback
+// decoded bytes, so the cap holds after any content decoding.
+struct TransferState {
+  CURL* curl = nullptr;
+  uint64_t maximumBodyBytes = 0;
+  HttpResponse* response = nullptr;
+  Bytes* body = nullptr;   // an answer kept in memory
+  FILE* file = nullptr;    // or a download
+  uint64_t bodyBytes = 0;  // never above maximumBodyBytes
+  size_t headerBytes = 0;
+  long status = 0;  // of the response whose headers are arriving
+  bool tooLarge = false;
+  bool sinkFailed = false;
+  std::optional<std::string> refusedLocation;
+};
+
+size_t receiveBody(char* data, size_t size, size_t count, void* target) {
+  auto& state = *static_cast<TransferState*>(target);
+  const size_t length = size * count;
+  if (length > state.maximumBodyBytes - state.bodyBytes) {
+    state.tooLarge = true;
+    return 0;  // aborts the transfer
   }
-  return size * count;
+  state.bodyBytes += length;
+  if (state.file) {
+    if (std::fwrite(data, 1, length, state.file) == length) return length;
+    state.sinkFailed = true;
+    return 0;
+  }
+  try {
+    state.body->insert(state.body->end(), data, data + length);
+    return length;
+  } catch (...) {  // no exception may cross libcurl
+    state.sinkFailed = true;
+    return 0;
+  }
+}
+
+std::string trimmed(std::string_view text) {
+  const size_t begin = text.find_first_not_of(" \t");
+  if (begin == std::string_view::npos) return "";
+  const size_t end = text.find_last_not_of(" \t\r\n");
+  return std::string(text.substr(begin, end - begin + 1));
+}
+
+// Keeps the headers of the last response only (not of redirect hops), and refuses a redirect
+// that leaves https before curl follows it.
+size_t receiveHeader(char* data, size_t size, size_t count, void* target) {
+  auto& state = *static_cast<TransferState*>(target);
+  const size_t length = size * count;
+  try {
+    const std::string_view line(data, length);
+    if (line.starts_with("HTTP/")) {
+      const size_t space = line.find(' ');
+      state.status = space == std::string_view::npos ? 0 : std::atol(line.data() + space + 1);
+      state.response->headers.clear();
+      state.headerBytes = 0;
+      return length;
+    }
+    state.headerBytes += length;
+    if (state.headerBytes > kMaximumHeaderBytes) {
+      state.tooLarge = true;
+      return 0;
+    }
+    const size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return length;
+    std::string name(line.substr(0, colon));
+    std::string value = trimmed(line.substr(colon + 1));
+    if (state.status >= 300 && state.status < 400 && strcasecmp(name.c_str(), "Location") == 0) {
+      const char* current = nullptr;
+      curl_easy_getinfo(state.curl, CURLINFO_EFFECTIVE_URL, &current);
+      if (!current || !mayFollowRedirect(current, value)) {
+        state.refusedLocation = value;
+        return 0;
+      }
+    }
+    state.response->headers.emplace_back(std::move(name), std::move(value));
+    return length;
+  } catch (...) {  // no exception may cross libcurl
+    state.sinkFailed = true;
+    return 0;
+  }
 }
 
 class CurlHttpTransport : public HttpTransport {
  public:
-  explicit CurlHttpTransport(size_t workers) {
+  CurlHttpTransport(size_t workers, std::string trustedAuthoritiesPem)
+      : trustedAuthoritiesPem_(std::move(trustedAuthoritiesPem)) {
     static std::once_flag globalInit;
-    std::call_once(globalInit, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    std::call_once(globalInit, [] {
+      initializeOpenSslWithoutExitHandler();  // before curl initialises it with the handler
+      curl_global_init(CURL_GLOBAL_DEFAULT);
+    });
     for (size_t i = 0; i < std::max<size_t>(1, workers); ++i) {
       threads_.emplace_back([this] { work(); });
     }
@@ -124,16 +217,15 @@ class CurlHttpTransport : public HttpTransport {
   }
 
   void send(HttpRequest request, HttpCompletion completion) override {
-    enqueue([request = std::move(request), completion = std::move(completion)] {
-      performSend(request, completion);
-    });
+    enqueue(
+        [request = std::move(request), completion = std::move(completion),
+         authorities = trustedAuthoritiesPem_] { performSend(request, completion, authorities); });
   }
 
-  void download(std::string url, std::string temporaryDirectory, double timeoutSeconds,
-                DownloadCompletion completion) override {
-    enqueue([url = std::move(url), dir = std::move(temporaryDirectory), timeoutSeconds,
-             completion = std::move(completion)] {
-      performDownload(url, dir, timeoutSeconds, completion);
+  void download(DownloadRequest request, DownloadCompletion completion) override {
+    enqueue([request = std::move(request), completion = std::move(completion),
+             authorities = trustedAuthoritiesPem_] {
+      performDownload(request, completion, authorities);
     });
   }
 
@@ -168,27 +260,49 @@ class CurlHttpTransport : public HttpTransport {
     long osErrno;
   };
 
-  // Runs the transfer with its body going to `sink` and its headers and status into
-  // `response`, then releases the handle.
-  static Transfer perform(CURL* curl, curl_write_callback write, void* sink,
-                          HttpResponse& response) {
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, write);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
+  // Runs the transfer into `state`, then releases the handle.
+  static Transfer perform(CURL* curl, TransferState& state) {
+    state.curl = curl;
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, receiveBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &state);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, receiveHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &state);
+    // A declared length above the cap fails before any of the body arrives.
+    if (state.maximumBodyBytes > 0) {
+      curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
+                       static_cast<curl_off_t>(std::min<uint64_t>(
+                           state.maximumBodyBytes, std::numeric_limits<curl_off_t>::max())));
+    }
     const CURLcode code = curl_easy_perform(curl);
     long status = 0;
     long osErrno = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &osErrno);
     curl_easy_cleanup(curl);
-    response.statusCode = static_cast<int>(status);
+    state.response->statusCode = static_cast<int>(status);
     return {code, osErrno};
   }
 
-  static CURL* makeHandle(const std::string& url, double timeoutSeconds) {
+  // The failure of a transfer that did not end with CURLE_OK, most specific first.
+  static PlatformError failureOf(const Transfer& transfer, const TransferState& state,
+                                 PlatformError sinkFailure) {
+    if (state.refusedLocation) return refusedRedirectError(*state.refusedLocation);
+    if (state.tooLarge || transfer.code == CURLE_FILESIZE_EXCEEDED) {
+      return tooLargeError(state.maximumBodyBytes);
+    }
+    if (state.sinkFailed) return sinkFailure;
+    return errorFor(transfer.code, transfer.osErrno);
+  }
+
+  static CURL* makeHandle(const std::string& url, double timeoutSeconds,
+                          const std::string& trustedAuthoritiesPem) {
     CURL* curl = curl_easy_init();
     if (!curl) return nullptr;
+    if (!trustedAuthoritiesPem.empty()) {
+      curl_blob authorities{const_cast<char*>(trustedAuthoritiesPem.data()),
+                            trustedAuthoritiesPem.size(), CURL_BLOB_COPY};
+      curl_easy_setopt(curl, CURLOPT_CAINFO_BLOB, &authorities);
+    }
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutSeconds * 1000));
@@ -198,13 +312,16 @@ class CurlHttpTransport : public HttpTransport {
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
     // URLs come from the network: never let one read local files or speak other protocols.
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    // A request that starts on https stays there; the header callback also checks every hop,
+    // which catches http -> https -> http and says why.
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, isHttps(url) ? "https" : "http,https");
     curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
     return curl;
   }
 
-  static void performSend(const HttpRequest& request, const HttpCompletion& completion) {
-    CURL* curl = makeHandle(request.url, request.timeoutSeconds);
+  static void performSend(const HttpRequest& request, const HttpCompletion& completion,
+                          const std::string& trustedAuthoritiesPem) {
+    CURL* curl = makeHandle(request.url, request.timeoutSeconds, trustedAuthoritiesPem);
     if (!curl) {
       completion(std::nullopt, PlatformError{kUrlErrorDomain, -1, "Cannot create a request"});
       return;
@@ -227,20 +344,27 @@ class CurlHttpTransport : public HttpTransport {
       curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
     }
     HttpResponse response;
-    const Transfer transfer = perform(curl, appendToBytes, &response.body, response);
+    TransferState state;
+    state.maximumBodyBytes = request.maximumResponseBytes;
+    state.response = &response;
+    state.body = &response.body;
+    const Transfer transfer = perform(curl, state);
     curl_slist_free_all(headers);
     if (transfer.code != CURLE_OK) {
-      completion(std::nullopt, errorFor(transfer.code, transfer.osErrno));
+      completion(
+          std::nullopt,
+          failureOf(transfer, state, PlatformError{kUrlErrorDomain, -1, "Cannot hold the answer"}));
       return;
     }
     completion(std::move(response), std::nullopt);
   }
 
-  static void performDownload(const std::string& url, const std::string& dir, double timeoutSeconds,
-                              const DownloadCompletion& completion) {
+  static void performDownload(const DownloadRequest& request, const DownloadCompletion& completion,
+                              const std::string& trustedAuthoritiesPem) {
     std::error_code ec;
-    std::filesystem::create_directories(dir, ec);
-    std::string path = (std::filesystem::path(dir) / "download-XXXXXX").string();
+    std::filesystem::create_directories(request.temporaryDirectory, ec);
+    std::string path =
+        (std::filesystem::path(request.temporaryDirectory) / "download-XXXXXX").string();
     const int fd = mkstemp(path.data());
     FILE* file = fd >= 0 ? fdopen(fd, "wb") : nullptr;
     if (!file) {
@@ -255,7 +379,7 @@ class CurlHttpTransport : public HttpTransport {
                                "Cannot create a temporary file"});
       return;
     }
-    CURL* curl = makeHandle(url, timeoutSeconds);
+    CURL* curl = makeHandle(request.url, request.timeoutSeconds, trustedAuthoritiesPem);
     if (!curl) {
       std::fclose(file);
       std::filesystem::remove(path, ec);
@@ -264,21 +388,24 @@ class CurlHttpTransport : public HttpTransport {
       return;
     }
     HttpResponse response;
-    const Transfer transfer = perform(curl, appendToFile, file, response);
-    const CURLcode code = transfer.code;
+    TransferState state;
+    state.maximumBodyBytes = request.maximumFileBytes;
+    state.response = &response;
+    state.file = file;
+    const Transfer transfer = perform(curl, state);
     const bool closed = std::fclose(file) == 0;
-    if (code != CURLE_OK || !closed) {
+    if (transfer.code != CURLE_OK || !closed) {
       std::filesystem::remove(path, ec);
+      const PlatformError cannotWrite{kUrlErrorDomain, -3003, "Cannot write the downloaded file"};
       completion(std::nullopt, std::nullopt,
-                 code != CURLE_OK
-                     ? errorFor(code, transfer.osErrno)
-                     : PlatformError{kUrlErrorDomain, -3003, "Cannot write the downloaded file"});
+                 transfer.code != CURLE_OK ? failureOf(transfer, state, cannotWrite) : cannotWrite);
       return;
     }
     completion(path, std::move(response), std::nullopt);
     std::filesystem::remove(path, ec);
   }
 
+  const std::string trustedAuthoritiesPem_;  // empty: the system's
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<std::function<void()>> jobs_;
@@ -289,7 +416,12 @@ class CurlHttpTransport : public HttpTransport {
 }  // namespace
 
 std::shared_ptr<HttpTransport> makeCurlHttpTransport(size_t workers) {
-  return std::make_shared<CurlHttpTransport>(workers);
+  return std::make_shared<CurlHttpTransport>(workers, std::string());
+}
+
+std::shared_ptr<HttpTransport> makeCurlHttpTransportTrusting(std::string certificateAuthoritiesPem,
+                                                             size_t workers) {
+  return std::make_shared<CurlHttpTransport>(workers, std::move(certificateAuthoritiesPem));
 }
 
 }  // namespace orvane

@@ -4,6 +4,11 @@
 #include "orvane/platform/linux/LinuxPlatform.h"
 
 #include <cstdlib>
+#include <string>
+
+#include "platform/linux/SqliteKeyValueStore.h"
+
+#include "platform/linux/OpenSslInit.h"
 
 namespace orvane {
 
@@ -11,7 +16,12 @@ Platform makeLinuxPlatform() {
   const std::string dataDirectory = Platform::defaultDataDirectory();
   // Start from the portable services and replace what Linux does better.
   Platform platform = Platform::portablePlatform(dataDirectory);
-  platform.keyValueStores = makeSqliteKeyValueStoreProvider(dataDirectory + "/defaults");
+  // The suites' reports (a damaged file set aside, writes the disk refuses) go where the SDK's
+  // other lines go, so a host's log sink sees them.
+  platform.keyValueStores = makeSqliteKeyValueStoreProvider(
+      dataDirectory + "/defaults", [log = platform.log](std::string_view message) {
+        if (log) log->error("[Orvane] " + std::string(message));
+      });
   platform.crypto = makeOpenSslCrypto();
   platform.http = makeCurlHttpTransport();
   platform.device = makeLinuxDeviceService();
@@ -24,6 +34,7 @@ Platform makeLinuxPlatform() {
 // Referenced by the library's link interface (-Wl,--undefined), so that even a static link
 // keeps this object and its registration.
 extern "C" ORVANE_API const int orvane_platform_linux_registered = [] {
+  orvane::initializeOpenSslWithoutExitHandler();
   orvane::Platform::setDefaultFactory(&orvane::makeLinuxPlatform);
   return 1;
 }();

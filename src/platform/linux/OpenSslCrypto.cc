@@ -6,6 +6,7 @@
 
 #include "orvane/platform/Crypto.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
+#include "platform/linux/OpenSslInit.h"
 
 namespace orvane {
 namespace {
@@ -98,6 +99,9 @@ class OpenSslCrypto : public Crypto {
 
 }  // namespace
 
-std::shared_ptr<Crypto> makeOpenSslCrypto() { return std::make_shared<OpenSslCrypto>(); }
+std::shared_ptr<Crypto> makeOpenSslCrypto() {
+  initializeOpenSslWithoutExitHandler();
+  return std::make_shared<OpenSslCrypto>();
+}
 
 }  // namespace orvane

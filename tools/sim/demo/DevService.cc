@@ -124,6 +124,8 @@ std::optional<nlohmann::json> ServiceClient::stored() {
   HttpRequest request;
   request.method = "GET";
   request.url = url_ + "/stored";
+  // Everything the development service stored in this run: it grows past a service answer.
+  request.maximumResponseBytes = uint64_t{64} << 20;
   auto response = exchange(std::move(request));
   if (!response || response->statusCode != 200) return std::nullopt;
   auto listing = nlohmann::json::parse(response->body.begin(), response->body.end(), nullptr,

@@ -95,14 +95,13 @@ void RecordingHttpTransport::send(HttpRequest request, HttpCompletion completion
                });
 }
 
-void RecordingHttpTransport::download(std::string url, std::string temporaryDirectory,
-                                      double timeoutSeconds, DownloadCompletion completion) {
+void RecordingHttpTransport::download(DownloadRequest request, DownloadCompletion completion) {
   Exchange exchange;
   exchange.kind = Exchange::Kind::kModelDownload;
   exchange.start = recorder_->now();
-  const std::string name = fileName(url);
+  const std::string name = fileName(request.url);
   inner_->download(
-      std::move(url), std::move(temporaryDirectory), timeoutSeconds,
+      std::move(request),
       [recorder = recorder_, exchange, name, completion = std::move(completion)](
           std::optional<std::string> file, std::optional<HttpResponse> response,
           std::optional<PlatformError> error) mutable {

@@ -20,8 +20,7 @@ class RecordingHttpTransport : public HttpTransport {
  public:
   RecordingHttpTransport(std::shared_ptr<HttpTransport> inner, std::shared_ptr<Recorder> recorder);
   void send(HttpRequest request, HttpCompletion completion) override;
-  void download(std::string url, std::string temporaryDirectory, double timeoutSeconds,
-                DownloadCompletion completion) override;
+  void download(DownloadRequest request, DownloadCompletion completion) override;
 
  private:
   const std::shared_ptr<HttpTransport> inner_;
