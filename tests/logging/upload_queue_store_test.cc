@@ -46,6 +46,24 @@ class OneSuiteProvider : public KeyValueStoreProvider {
   std::shared_ptr<KeyValueStore> suite_;
 };
 
+// A suite that cannot be opened at first and opens when the test says so, as a suite held by
+// another process does.
+class LateSuiteProvider : public KeyValueStoreProvider {
+ public:
+  std::shared_ptr<KeyValueStore> openSuite(std::string_view) override { return nullptr; }
+  std::shared_ptr<KeyValueStore> openSuiteOrRetry(std::string_view,
+                                                  SuiteOpenedLater openedLater) override {
+    openedLater_ = std::move(openedLater);
+    return nullptr;
+  }
+  void open(std::shared_ptr<KeyValueStore> suite) {
+    if (openedLater_) openedLater_(std::move(suite));
+  }
+
+ private:
+  SuiteOpenedLater openedLater_;
+};
+
 class UploadQueueStoreTest : public ::testing::Test {
  protected:
   void start(std::shared_ptr<KeyValueStoreProvider> stores) {
@@ -92,7 +110,8 @@ class UploadQueueStoreTest : public ::testing::Test {
 };
 
 TEST_F(UploadQueueStoreTest, RecordsWaitInMemoryUntilTheStoreOpensAndKeepTheNewestInOrder) {
-  start(testing::makeUnavailableKeyValueStoreProvider());
+  auto late = std::make_shared<LateSuiteProvider>();
+  start(late);
   add(1, -101);  // a creation record, answered below: it must not come back
   manager->orvaneLogSender().removeUnloggedEventFromQueue("ctx-0");
   add(102);
@@ -107,7 +126,7 @@ TEST_F(UploadQueueStoreTest, RecordsWaitInMemoryUntilTheStoreOpensAndKeepTheNewe
   // The store opens later in the session (as a suite that failed to open may).
   auto suite = makeInMemoryKeyValueStoreProvider()->openSuite("com.orvane.ads");
   suite->set("orvane_log", PlistArray{PlistDictionary{{"ctx_8", "from-last-session"}}});
-  *manager->userDefaultsProvider() = UserDefaultsProvider(suite);
+  late->open(suite);
   fake.advance(OrvaneLogSender::kStoreRetryFirstDelayS);
   EXPECT_EQ(waiting(), 0u);
   const auto queue = manager->orvaneLogSender().mainQueue();
