@@ -381,9 +381,7 @@ std::shared_ptr<KeyValueStore> openSqliteSuite(const std::filesystem::path& file
   SuiteRepair repair = repairDamagedSuite(file, prefix, damage, vfs);
   problems.push_back(repair.report);
   if (!repair.replaced) return nullptr;
-  auto store = open(loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems));
-  if (store) store->set(kStoreRepairNoteKey, PlistValue(std::move(repair.report)));
-  return store;
+  return open(loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems));
 }
 
 }  // namespace orvane
