@@ -46,24 +46,6 @@ class OneSuiteProvider : public KeyValueStoreProvider {
   std::shared_ptr<KeyValueStore> suite_;
 };
 
-// A suite that cannot be opened at first and opens when the test says so, as a suite held by
-// another process does.
-class LateSuiteProvider : public KeyValueStoreProvider {
- public:
-  std::shared_ptr<KeyValueStore> openSuite(std::string_view) override { return nullptr; }
-  std::shared_ptr<KeyValueStore> openSuiteOrRetry(std::string_view,
-                                                  SuiteOpenedLater openedLater) override {
-    openedLater_ = std::move(openedLater);
-    return nullptr;
-  }
-  void open(std::shared_ptr<KeyValueStore> suite) {
-    if (openedLater_) openedLater_(std::move(suite));
-  }
-
- private:
-  SuiteOpenedLater openedLater_;
-};
-
 class UploadQueueStoreTest : public ::testing::Test {
  protected:
   void start(std::shared_ptr<KeyValueStoreProvider> stores) {
@@ -110,7 +92,7 @@ class UploadQueueStoreTest : public ::testing::Test {
 };
 
 TEST_F(UploadQueueStoreTest, RecordsWaitInMemoryUntilTheStoreOpensAndKeepTheNewestInOrder) {
-  auto late = std::make_shared<LateSuiteProvider>();
+  auto late = std::make_shared<testing::LateKeyValueStoreProvider>();
   start(late);
   add(1, -101);  // a creation record, answered below: it must not come back
   manager->orvaneLogSender().removeUnloggedEventFromQueue("ctx-0");
