@@ -28,10 +28,20 @@ if [ -n "$library" ]; then
   # Public names, and what the compiler emits for them (type info, vtables, guards).
   stray=$(echo "$exported" |
     grep -Ev '^(orvane_|(typeinfo( name)? for |vtable for |VTT for |guard variable for )?orvane::)' |
-    grep -Ev '^(std::|__gnu_cxx::|(typeinfo( name)? for |vtable for )?std::)' || true)
+    grep -Ev '^((void |bool )?std::|__gnu_cxx::|(typeinfo( name)? for |vtable for )?std::)' || true)
   if [ -n "$stray" ]; then
     echo "liborvane exports names outside the public API:"
     echo "$stray" | head -40
+    exit 1
+  fi
+  # Every C function orvane.h declares is there: a bridge binds them by name.
+  header=$(dirname "$0")/../include/orvane/orvane.h
+  missing=$(comm -23 <(grep -oE 'ORVANE_API [^(]*\b(orvane_[a-z0-9_]+)\(' "$header" |
+                         grep -oE 'orvane_[a-z0-9_]+\($' | tr -d '(' | sort -u) \
+                     <(echo "$exported" | grep -oE '^orvane_[a-z0-9_]+$' | sort -u))
+  if [ -n "$missing" ]; then
+    echo "liborvane does not export these functions of orvane.h:"
+    echo "$missing" | head -40
     exit 1
   fi
   # The engine and its components stay inside (private members of public classes may name

@@ -183,79 +183,81 @@ constexpr uint16_t kEventTypeSignal = 23;
 
 }  // namespace
 // Defined in the namespace for its names; C linkage makes them the functions orvane.h
-// declares.
+// declares. GCC does not carry the header's visibility over to a definition in another
+// namespace, so each definition repeats ORVANE_API.
 extern "C" {
 
 // ---- References ---------------------------------------------------------------------------
 
-orvane_context* orvane_context_retain(orvane_context* context) {
+ORVANE_API orvane_context* orvane_context_retain(orvane_context* context) {
   if (!present(context, "orvane_context_retain", "context")) return nullptr;
   context->references.fetch_add(1, std::memory_order_relaxed);
   return context;
 }
 
-void orvane_context_release(orvane_context* context) {
+ORVANE_API void orvane_context_release(orvane_context* context) {
   if (context == nullptr) return;
   if (context->references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete context;
 }
 
-orvane_log* orvane_log_retain(orvane_log* log) {
+ORVANE_API orvane_log* orvane_log_retain(orvane_log* log) {
   if (!present(log, "orvane_log_retain", "log")) return nullptr;
   log->references.fetch_add(1, std::memory_order_relaxed);
   return log;
 }
 
-void orvane_log_release(orvane_log* log) {
+ORVANE_API void orvane_log_release(orvane_log* log) {
   if (log == nullptr) return;
   if (log->references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete log;
 }
 
 // ---- Queries ------------------------------------------------------------------------------
 
-bool orvane_context_should_upsell(const orvane_context* context) {
+ORVANE_API bool orvane_context_should_upsell(const orvane_context* context) {
   return readContext(context, "orvane_context_should_upsell", false,
                      [](const Context& c) { return c.shouldUpsell(); });
 }
 
-bool orvane_context_was_forced_upsell(const orvane_context* context) {
+ORVANE_API bool orvane_context_was_forced_upsell(const orvane_context* context) {
   return readContext(context, "orvane_context_was_forced_upsell", false,
                      [](const Context& c) { return c.wasForcedUpsell(); });
 }
 
-double orvane_context_created_at(const orvane_context* context) {
+ORVANE_API double orvane_context_created_at(const orvane_context* context) {
   return readContext(context, "orvane_context_created_at", 0.0,
                      [](const Context& c) { return c.createdAt().secondsSince1970; });
 }
 
-bool orvane_context_already_logged(const orvane_context* context) {
+ORVANE_API bool orvane_context_already_logged(const orvane_context* context) {
   return readContext(context, "orvane_context_already_logged", false,
                      [](const Context& c) { return c.alreadyLogged(); });
 }
 
-char* orvane_context_flow_name(const orvane_context* context) {
+ORVANE_API char* orvane_context_flow_name(const orvane_context* context) {
   return readContext(context, "orvane_context_flow_name", static_cast<char*>(nullptr),
                      [](const Context& c) { return copyString(c.flowName()); });
 }
 
-char* orvane_context_uuid(const orvane_context* context) {
+ORVANE_API char* orvane_context_uuid(const orvane_context* context) {
   return readContext(context, "orvane_context_uuid", static_cast<char*>(nullptr),
                      [](const Context& c) { return copyString(c.contextUUID()); });
 }
 
-char* orvane_context_validate(const orvane_context* context) {
+ORVANE_API char* orvane_context_validate(const orvane_context* context) {
   return readContext(context, "orvane_context_validate", static_cast<char*>(nullptr),
                      [](const Context& c) { return copyString(c.validate()); });
 }
 
 // ---- Outcomes -----------------------------------------------------------------------------
 
-void orvane_context_log(orvane_context* context, orvane_event_outcome outcome) {
+ORVANE_API void orvane_context_log(orvane_context* context, orvane_event_outcome outcome) {
   actOnContext(context, "orvane_context_log", [&](Context& c) {
     if (auto value = capi::outcome(cValue(outcome), "orvane_context_log")) c.log(*value);
   });
 }
 
-void orvane_context_log_if_not_logged_yet(orvane_context* context, orvane_event_outcome outcome) {
+ORVANE_API void orvane_context_log_if_not_logged_yet(orvane_context* context,
+                                                     orvane_event_outcome outcome) {
   actOnContext(context, "orvane_context_log_if_not_logged_yet", [&](Context& c) {
     if (auto value = capi::outcome(cValue(outcome), "orvane_context_log_if_not_logged_yet")) {
       c.logIfNotLoggedYet(*value);
@@ -263,9 +265,9 @@ void orvane_context_log_if_not_logged_yet(orvane_context* context, orvane_event_
   });
 }
 
-void orvane_context_append_outcome_metadata(orvane_context* context,
-                                            const orvane_custom_signal* metadata,
-                                            size_t metadata_count) {
+ORVANE_API void orvane_context_append_outcome_metadata(orvane_context* context,
+                                                       const orvane_custom_signal* metadata,
+                                                       size_t metadata_count) {
   constexpr const char* kFunction = "orvane_context_append_outcome_metadata";
   actOnContext(context, kFunction, [&](Context& c) {
     c.appendOutcomeMetadata(customSignals(metadata, metadata_count, kFunction));
@@ -274,48 +276,48 @@ void orvane_context_append_outcome_metadata(orvane_context* context,
 
 // ---- Revenue ------------------------------------------------------------------------------
 
-void orvane_context_log_storekit2_revenue(orvane_context* context,
-                                          const orvane_storekit2_product* product,
-                                          orvane_event_outcome outcome) {
+ORVANE_API void orvane_context_log_storekit2_revenue(orvane_context* context,
+                                                     const orvane_storekit2_product* product,
+                                                     orvane_event_outcome outcome) {
   logRevenue(
       context, product, outcome, "orvane_context_log_storekit2_revenue", storeKit2Product,
       [](Context& c, const StoreKit2Product& p, EventOutcome o) { c.logRevenueOutcome(p, o); });
 }
 
-void orvane_context_log_storekit2_revenue_if_not_logged_yet(orvane_context* context,
-                                                            const orvane_storekit2_product* product,
-                                                            orvane_event_outcome outcome) {
+ORVANE_API void orvane_context_log_storekit2_revenue_if_not_logged_yet(
+    orvane_context* context, const orvane_storekit2_product* product,
+    orvane_event_outcome outcome) {
   logRevenue(context, product, outcome, "orvane_context_log_storekit2_revenue_if_not_logged_yet",
              storeKit2Product, [](Context& c, const StoreKit2Product& p, EventOutcome o) {
                c.logRevenueOutcomeIfNotLoggedYet(p, o);
              });
 }
 
-void orvane_context_log_revenue_event(orvane_context* context, const orvane_revenue_event* event,
-                                      orvane_event_outcome outcome) {
+ORVANE_API void orvane_context_log_revenue_event(orvane_context* context,
+                                                 const orvane_revenue_event* event,
+                                                 orvane_event_outcome outcome) {
   logRevenue(context, event, outcome, "orvane_context_log_revenue_event", revenueEvent,
              [](Context& c, const RevenueEvent& e, EventOutcome o) { c.logRevenueOutcome(e, o); });
 }
 
-void orvane_context_log_revenue_event_if_not_logged_yet(orvane_context* context,
-                                                        const orvane_revenue_event* event,
-                                                        orvane_event_outcome outcome) {
+ORVANE_API void orvane_context_log_revenue_event_if_not_logged_yet(
+    orvane_context* context, const orvane_revenue_event* event, orvane_event_outcome outcome) {
   logRevenue(context, event, outcome, "orvane_context_log_revenue_event_if_not_logged_yet",
              revenueEvent, [](Context& c, const RevenueEvent& e, EventOutcome o) {
                c.logRevenueOutcomeIfNotLoggedYet(e, o);
              });
 }
 
-void orvane_context_log_storekit1_product_revenue(orvane_context* context,
-                                                  const orvane_storekit1_product* product,
-                                                  orvane_event_outcome outcome) {
+ORVANE_API void orvane_context_log_storekit1_product_revenue(
+    orvane_context* context, const orvane_storekit1_product* product,
+    orvane_event_outcome outcome) {
   logRevenue(context, product, outcome, "orvane_context_log_storekit1_product_revenue",
              storeKit1Product, [](Context& c, const StoreKit1Product& p, EventOutcome o) {
                c.logStoreKit1RevenueOutcome(p, o);
              });
 }
 
-void orvane_context_log_storekit1_product_revenue_if_not_logged_yet(
+ORVANE_API void orvane_context_log_storekit1_product_revenue_if_not_logged_yet(
     orvane_context* context, const orvane_storekit1_product* product,
     orvane_event_outcome outcome) {
   logRevenue(context, product, outcome,
@@ -325,7 +327,7 @@ void orvane_context_log_storekit1_product_revenue_if_not_logged_yet(
              });
 }
 
-void orvane_context_log_storekit1_transaction_revenue(
+ORVANE_API void orvane_context_log_storekit1_transaction_revenue(
     orvane_context* context, const orvane_storekit1_transaction* transaction,
     const orvane_storekit1_product* product, orvane_event_outcome outcome) {
   logRevenue(context, transaction, outcome, "orvane_context_log_storekit1_transaction_revenue",
@@ -334,7 +336,7 @@ void orvane_context_log_storekit1_transaction_revenue(
              });
 }
 
-void orvane_context_log_storekit1_transaction_revenue_if_not_logged_yet(
+ORVANE_API void orvane_context_log_storekit1_transaction_revenue_if_not_logged_yet(
     orvane_context* context, const orvane_storekit1_transaction* transaction,
     const orvane_storekit1_product* product, orvane_event_outcome outcome) {
   logRevenue(context, transaction, outcome,
@@ -346,52 +348,52 @@ void orvane_context_log_storekit1_transaction_revenue_if_not_logged_yet(
 
 // ---- Logs ---------------------------------------------------------------------------------
 
-int32_t orvane_log_outcome(const orvane_log* log) {
+ORVANE_API int32_t orvane_log_outcome(const orvane_log* log) {
   const auto* record = logOf(log, "orvane_log_outcome");
   if (record == nullptr) return ORVANE_LOG_NO_VALUE;
   return guarded("orvane_log_outcome", static_cast<int32_t>(ORVANE_LOG_NO_VALUE),
                  [&] { return intSignal(**record, kOutcomeSignal); });
 }
 
-int32_t orvane_log_event_type(const orvane_log* log) {
+ORVANE_API int32_t orvane_log_event_type(const orvane_log* log) {
   const auto* record = logOf(log, "orvane_log_event_type");
   if (record == nullptr) return ORVANE_LOG_NO_VALUE;
   return guarded("orvane_log_event_type", static_cast<int32_t>(ORVANE_LOG_NO_VALUE),
                  [&] { return intSignal(**record, kEventTypeSignal); });
 }
 
-char* orvane_log_id(const orvane_log* log) {
+ORVANE_API char* orvane_log_id(const orvane_log* log) {
   return readLogText(log, "orvane_log_id",
                      [](const Log& l) { return textSignal(l, kLogIdSignal); });
 }
 
-char* orvane_log_context_uuid(const orvane_log* log) {
+ORVANE_API char* orvane_log_context_uuid(const orvane_log* log) {
   return readLogText(log, "orvane_log_context_uuid",
                      [](const Log& l) { return textSignal(l, kContextUUIDSignal); });
 }
 
-char* orvane_log_flow_name(const orvane_log* log) {
+ORVANE_API char* orvane_log_flow_name(const orvane_log* log) {
   return readLogText(log, "orvane_log_flow_name",
                      [](const Log& l) { return textSignal(l, kFlowNameSignal); });
 }
 
-char* orvane_log_json(const orvane_log* log) {
+ORVANE_API char* orvane_log_json(const orvane_log* log) {
   return readLogText(log, "orvane_log_json",
                      [](const Log& l) { return std::optional<std::string>(l.toJSONString()); });
 }
 
-char* orvane_log_base64(const orvane_log* log) {
+ORVANE_API char* orvane_log_base64(const orvane_log* log) {
   return readLogText(log, "orvane_log_base64",
                      [](const Log& l) { return std::optional<std::string>(l.toBase64()); });
 }
 
-char* orvane_log_raw_json(const orvane_log* log) {
+ORVANE_API char* orvane_log_raw_json(const orvane_log* log) {
   return readLogText(log, "orvane_log_raw_json", [](const Log& l) {
     return std::optional<std::string>(toJson(PlistValue(rawDictionary(l, nullptr))));
   });
 }
 
-void orvane_log_send(orvane_log* log) {
+ORVANE_API void orvane_log_send(orvane_log* log) {
   const auto* record = logOf(log, "orvane_log_send");
   if (record == nullptr) return;
   guardedVoid("orvane_log_send", [&] { (*record)->send(); });

@@ -158,12 +158,13 @@ void setGlobal(const char* function, const char* id, Set&& set) {
 }  // namespace
 
 // Defined in the namespace for its names; C linkage makes them the functions orvane.h
-// declares.
+// declares. GCC does not carry the header's visibility over to a definition in another
+// namespace, so each definition repeats ORVANE_API.
 extern "C" {
 
 // ---- Setup --------------------------------------------------------------------------------
 
-void orvane_configuration_init(orvane_configuration* configuration) {
+ORVANE_API void orvane_configuration_init(orvane_configuration* configuration) {
   if (!present(configuration, "orvane_configuration_init", "configuration")) return;
   const Configuration defaults;
   std::memset(configuration, 0, sizeof *configuration);
@@ -178,7 +179,7 @@ void orvane_configuration_init(orvane_configuration* configuration) {
   configuration->enable_instant_context = defaults.enableInstantContext;
 }
 
-bool orvane_setup(const char* license_key, const orvane_configuration* configuration) {
+ORVANE_API bool orvane_setup(const char* license_key, const orvane_configuration* configuration) {
   if (!present(license_key, "orvane_setup", "license key")) return false;
   return guarded("orvane_setup", false, [&] {
     sharedManager();
@@ -186,10 +187,10 @@ bool orvane_setup(const char* license_key, const orvane_configuration* configura
   });
 }
 
-bool orvane_setup_with_log_sender(const char* license_key,
-                                  const orvane_configuration* configuration,
-                                  orvane_log_sender_fn log_sender, void* user_data,
-                                  orvane_release_fn release_user_data) {
+ORVANE_API bool orvane_setup_with_log_sender(const char* license_key,
+                                             const orvane_configuration* configuration,
+                                             orvane_log_sender_fn log_sender, void* user_data,
+                                             orvane_release_fn release_user_data) {
   auto data = std::make_shared<UserData>(user_data, release_user_data);
   if (!present(license_key, "orvane_setup_with_log_sender", "license key")) return false;
   return guarded("orvane_setup_with_log_sender", false, [&] {
@@ -199,9 +200,9 @@ bool orvane_setup_with_log_sender(const char* license_key,
   });
 }
 
-bool orvane_application_did_finish_launching(const char* launch_options_json,
-                                             const char* license_key,
-                                             const orvane_configuration* configuration) {
+ORVANE_API bool orvane_application_did_finish_launching(const char* launch_options_json,
+                                                        const char* license_key,
+                                                        const orvane_configuration* configuration) {
   constexpr const char* kFunction = "orvane_application_did_finish_launching";
   if (!present(license_key, kFunction, "license key")) return false;
   return guarded(kFunction, false, [&] {
@@ -221,8 +222,8 @@ bool orvane_application_did_finish_launching(const char* launch_options_json,
   });
 }
 
-void orvane_set_log_sender(orvane_log_sender_fn log_sender, void* user_data,
-                           orvane_release_fn release_user_data) {
+ORVANE_API void orvane_set_log_sender(orvane_log_sender_fn log_sender, void* user_data,
+                                      orvane_release_fn release_user_data) {
   auto data = std::make_shared<UserData>(user_data, release_user_data);
   guardedVoid("orvane_set_log_sender", [&] {
     sharedManager();
@@ -236,7 +237,7 @@ void orvane_set_log_sender(orvane_log_sender_fn log_sender, void* user_data,
   });
 }
 
-void orvane_set_service_base_url(const char* base_url) {
+ORVANE_API void orvane_set_service_base_url(const char* base_url) {
   if (!present(base_url, "orvane_set_service_base_url", "base URL")) return;
   guardedVoid("orvane_set_service_base_url", [&] {
     sharedManager();
@@ -244,28 +245,28 @@ void orvane_set_service_base_url(const char* base_url) {
   });
 }
 
-void orvane_set_decisions_enabled(bool enabled) {
+ORVANE_API void orvane_set_decisions_enabled(bool enabled) {
   guardedVoid("orvane_set_decisions_enabled", [&] {
     sharedManager();
     ContextManager::setDecisionsEnabled(enabled);
   });
 }
 
-void orvane_set_control_mode(bool enabled) {
+ORVANE_API void orvane_set_control_mode(bool enabled) {
   guardedVoid("orvane_set_control_mode", [&] {
     sharedManager();
     ContextManager::setControlMode(enabled);
   });
 }
 
-char* orvane_current_applied_custom_model_version(void) {
+ORVANE_API char* orvane_current_applied_custom_model_version(void) {
   return guarded("orvane_current_applied_custom_model_version", static_cast<char*>(nullptr), [] {
     sharedManager();
     return copyString(ContextManager::currentAppliedCustomModelVersion());
   });
 }
 
-char* orvane_diagnostics_json(void) {
+ORVANE_API char* orvane_diagnostics_json(void) {
   return guarded("orvane_diagnostics_json", static_cast<char*>(nullptr), [] {
     const Diagnostics d = ContextManager::diagnostics();
     auto texts = [](const std::vector<std::string>& values) {
@@ -289,11 +290,11 @@ char* orvane_diagnostics_json(void) {
   });
 }
 
-bool orvane_flush(double timeout_seconds) {
+ORVANE_API bool orvane_flush(double timeout_seconds) {
   return guarded("orvane_flush", false, [&] { return ContextManager::flush(timeout_seconds); });
 }
 
-void orvane_set_log_level(orvane_sdk_log_level level) {
+ORVANE_API void orvane_set_log_level(orvane_sdk_log_level level) {
   const int value = static_cast<int>(level);  // a C caller may pass any int
   if (value < ORVANE_SDK_LOG_ERROR || value > ORVANE_SDK_LOG_DEBUG) {
     logLine(LogLevel::kError, "[Orvane] orvane_set_log_level: " + std::to_string(value) +
@@ -303,7 +304,8 @@ void orvane_set_log_level(orvane_sdk_log_level level) {
   ContextManager::setLogLevel(static_cast<SdkLogLevel>(value));
 }
 
-bool orvane_get_custom_model(const char* flow_name, orvane_model_information* information) {
+ORVANE_API bool orvane_get_custom_model(const char* flow_name,
+                                        orvane_model_information* information) {
   constexpr const char* kFunction = "orvane_get_custom_model";
   if (!present(information, kFunction, "information")) return false;
   *information = orvane_model_information{};
@@ -327,27 +329,27 @@ bool orvane_get_custom_model(const char* flow_name, orvane_model_information* in
 
 // ---- Global custom signals ----------------------------------------------------------------
 
-void orvane_set_global_custom_signal_bool(const char* id, bool value) {
+ORVANE_API void orvane_set_global_custom_signal_bool(const char* id, bool value) {
   setGlobal("orvane_set_global_custom_signal_bool", id,
             [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, value); });
 }
 
-void orvane_set_global_custom_signal_int(const char* id, int64_t value) {
+ORVANE_API void orvane_set_global_custom_signal_int(const char* id, int64_t value) {
   setGlobal("orvane_set_global_custom_signal_int", id,
             [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, value); });
 }
 
-void orvane_set_global_custom_signal_float(const char* id, float value) {
+ORVANE_API void orvane_set_global_custom_signal_float(const char* id, float value) {
   setGlobal("orvane_set_global_custom_signal_float", id,
             [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, value); });
 }
 
-void orvane_set_global_custom_signal_double(const char* id, double value) {
+ORVANE_API void orvane_set_global_custom_signal_double(const char* id, double value) {
   setGlobal("orvane_set_global_custom_signal_double", id,
             [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, value); });
 }
 
-void orvane_set_global_custom_signal_decimal(const char* id, const char* decimal_text) {
+ORVANE_API void orvane_set_global_custom_signal_decimal(const char* id, const char* decimal_text) {
   constexpr const char* kFunction = "orvane_set_global_custom_signal_decimal";
   if (!present(id, kFunction, "id")) return;
   const auto value = guarded(kFunction, std::optional<Decimal>(),
@@ -357,14 +359,14 @@ void orvane_set_global_custom_signal_decimal(const char* id, const char* decimal
             [&](const std::string& key) { ContextManager::setGlobalCustomSignal(key, *value); });
 }
 
-void orvane_set_global_custom_signal_string(const char* id, const char* value) {
+ORVANE_API void orvane_set_global_custom_signal_string(const char* id, const char* value) {
   setGlobal("orvane_set_global_custom_signal_string", id, [&](const std::string& key) {
     ContextManager::setGlobalCustomSignal(
         key, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
   });
 }
 
-void orvane_remove_global_custom_signal(const char* id) {
+ORVANE_API void orvane_remove_global_custom_signal(const char* id) {
   setGlobal("orvane_remove_global_custom_signal", id, [](const std::string& key) {
     ContextManager::setGlobalCustomSignal(key, std::optional<std::string>());
   });
@@ -372,10 +374,10 @@ void orvane_remove_global_custom_signal(const char* id) {
 
 // ---- Requests -----------------------------------------------------------------------------
 
-void orvane_fetch_context(const char* flow_name, int64_t duration,
-                          const orvane_custom_signal* signals, size_t signal_count,
-                          orvane_context_fn callback, void* user_data,
-                          orvane_release_fn release_user_data) {
+ORVANE_API void orvane_fetch_context(const char* flow_name, int64_t duration,
+                                     const orvane_custom_signal* signals, size_t signal_count,
+                                     orvane_context_fn callback, void* user_data,
+                                     orvane_release_fn release_user_data) {
   requestWithCallback("orvane_fetch_context", flow_name, signals, signal_count, callback, user_data,
                       release_user_data,
                       [&](const std::string& flow, const CustomSignalList& list,
@@ -385,8 +387,9 @@ void orvane_fetch_context(const char* flow_name, int64_t duration,
                       });
 }
 
-orvane_context* orvane_instant_context(const char* flow_name, int64_t duration,
-                                       const orvane_custom_signal* signals, size_t signal_count) {
+ORVANE_API orvane_context* orvane_instant_context(const char* flow_name, int64_t duration,
+                                                  const orvane_custom_signal* signals,
+                                                  size_t signal_count) {
   constexpr const char* kFunction = "orvane_instant_context";
   if (!present(flow_name, kFunction, "flow name")) return nullptr;
   return guarded(kFunction, static_cast<orvane_context*>(nullptr), [&] {
@@ -396,9 +399,10 @@ orvane_context* orvane_instant_context(const char* flow_name, int64_t duration,
   });
 }
 
-void orvane_optimize(const char* flow_name, int64_t max_delay, const orvane_custom_signal* signals,
-                     size_t signal_count, orvane_context_fn callback, void* user_data,
-                     orvane_release_fn release_user_data) {
+ORVANE_API void orvane_optimize(const char* flow_name, int64_t max_delay,
+                                const orvane_custom_signal* signals, size_t signal_count,
+                                orvane_context_fn callback, void* user_data,
+                                orvane_release_fn release_user_data) {
   requestWithCallback("orvane_optimize", flow_name, signals, signal_count, callback, user_data,
                       release_user_data,
                       [&](const std::string& flow, const CustomSignalList& list,
@@ -410,9 +414,10 @@ void orvane_optimize(const char* flow_name, int64_t max_delay, const orvane_cust
                       });
 }
 
-void orvane_calibrate(const char* flow_name, int64_t max_delay, const orvane_custom_signal* signals,
-                      size_t signal_count, orvane_context_fn callback, void* user_data,
-                      orvane_release_fn release_user_data) {
+ORVANE_API void orvane_calibrate(const char* flow_name, int64_t max_delay,
+                                 const orvane_custom_signal* signals, size_t signal_count,
+                                 orvane_context_fn callback, void* user_data,
+                                 orvane_release_fn release_user_data) {
   requestWithCallback("orvane_calibrate", flow_name, signals, signal_count, callback, user_data,
                       release_user_data,
                       [&](const std::string& flow, const CustomSignalList& list,
@@ -422,7 +427,7 @@ void orvane_calibrate(const char* flow_name, int64_t max_delay, const orvane_cus
                       });
 }
 
-orvane_context* orvane_recent_context(const char* flow_name) {
+ORVANE_API orvane_context* orvane_recent_context(const char* flow_name) {
   if (!present(flow_name, "orvane_recent_context", "flow name")) return nullptr;
   return guarded("orvane_recent_context", static_cast<orvane_context*>(nullptr), [&] {
     sharedManager();
@@ -430,7 +435,7 @@ orvane_context* orvane_recent_context(const char* flow_name) {
   });
 }
 
-void orvane_cancel_context_callback(const char* flow_name) {
+ORVANE_API void orvane_cancel_context_callback(const char* flow_name) {
   if (!present(flow_name, "orvane_cancel_context_callback", "flow name")) return;
   guardedVoid("orvane_cancel_context_callback", [&] {
     sharedManager();
@@ -440,8 +445,9 @@ void orvane_cancel_context_callback(const char* flow_name) {
 
 // ---- Observers ----------------------------------------------------------------------------
 
-void orvane_register_context_observer(const char* flow_name, orvane_context_fn callback,
-                                      void* user_data, orvane_release_fn release_user_data) {
+ORVANE_API void orvane_register_context_observer(const char* flow_name, orvane_context_fn callback,
+                                                 void* user_data,
+                                                 orvane_release_fn release_user_data) {
   constexpr const char* kFunction = "orvane_register_context_observer";
   auto data = std::make_shared<UserData>(user_data, release_user_data);
   if (!present(flow_name, kFunction, "flow name")) return;
@@ -452,7 +458,7 @@ void orvane_register_context_observer(const char* flow_name, orvane_context_fn c
   });
 }
 
-void orvane_unregister_context_observer(const char* flow_name) {
+ORVANE_API void orvane_unregister_context_observer(const char* flow_name) {
   if (!present(flow_name, "orvane_unregister_context_observer", "flow name")) return;
   guardedVoid("orvane_unregister_context_observer", [&] {
     sharedManager();
@@ -462,31 +468,31 @@ void orvane_unregister_context_observer(const char* flow_name) {
 
 // ---- Tracked events and golden signals ----------------------------------------------------
 
-void orvane_track_event(const char* name, const orvane_custom_signal* signals,
-                        size_t signal_count) {
+ORVANE_API void orvane_track_event(const char* name, const orvane_custom_signal* signals,
+                                   size_t signal_count) {
   trackWith("orvane_track_event", name, signals, signal_count,
             [](const std::string& event, const CustomSignalList& list) {
               ContextManager::trackEvent(event, list);
             });
 }
 
-void orvane_track_page_view(const char* name, const orvane_custom_signal* signals,
-                            size_t signal_count) {
+ORVANE_API void orvane_track_page_view(const char* name, const orvane_custom_signal* signals,
+                                       size_t signal_count) {
   trackWith("orvane_track_page_view", name, signals, signal_count,
             [](const std::string& page, const CustomSignalList& list) {
               ContextManager::trackPageView(page, list);
             });
 }
 
-void orvane_track_user_action(const char* name, const orvane_custom_signal* signals,
-                              size_t signal_count) {
+ORVANE_API void orvane_track_user_action(const char* name, const orvane_custom_signal* signals,
+                                         size_t signal_count) {
   trackWith("orvane_track_user_action", name, signals, signal_count,
             [](const std::string& action, const CustomSignalList& list) {
               ContextManager::trackUserAction(action, list);
             });
 }
 
-char* orvane_golden_signals(const char* trigger, const char* bid_id) {
+ORVANE_API char* orvane_golden_signals(const char* trigger, const char* bid_id) {
   return guarded("orvane_golden_signals", static_cast<char*>(nullptr), [&] {
     sharedManager();
     const auto optional = [](const char* text) {

@@ -51,41 +51,42 @@ std::optional<NotificationSetting> optionalSetting(int32_t raw) {
 
 }  // namespace
 // Defined in the namespace for its names; C linkage makes them the functions orvane.h
-// declares.
+// declares. GCC does not carry the header's visibility over to a definition in another
+// namespace, so each definition repeats ORVANE_API.
 extern "C" {
 
 // ---- Lifecycle ----------------------------------------------------------------------------
 
-void orvane_application_did_become_active(void) {
+ORVANE_API void orvane_application_did_become_active(void) {
   withApplication("orvane_application_did_become_active",
                   [](HostApplicationService& app) { app.becomeActive(); });
 }
 
-void orvane_application_will_resign_active(void) {
+ORVANE_API void orvane_application_will_resign_active(void) {
   withApplication("orvane_application_will_resign_active",
                   [](HostApplicationService& app) { app.resignActive(); });
 }
 
-void orvane_application_did_enter_background(void) {
+ORVANE_API void orvane_application_did_enter_background(void) {
   withApplication("orvane_application_did_enter_background",
                   [](HostApplicationService& app) { app.enterBackground(); });
 }
 
-void orvane_application_set_background_refresh_status(int32_t status) {
+ORVANE_API void orvane_application_set_background_refresh_status(int32_t status) {
   withApplication("orvane_application_set_background_refresh_status",
                   [&](HostApplicationService& app) {
                     app.setBackgroundRefreshStatus(static_cast<BackgroundRefreshStatus>(status));
                   });
 }
 
-void orvane_application_set_protected_data_available(bool available) {
+ORVANE_API void orvane_application_set_protected_data_available(bool available) {
   withApplication("orvane_application_set_protected_data_available",
                   [&](HostApplicationService& app) { app.setProtectedDataAvailable(available); });
 }
 
 // ---- Motion -------------------------------------------------------------------------------
 
-bool orvane_push_device_motion(const orvane_device_motion* motion) {
+ORVANE_API bool orvane_push_device_motion(const orvane_device_motion* motion) {
   constexpr const char* kFunction = "orvane_push_device_motion";
   if (!present(motion, kFunction, "motion")) return false;
   return guarded(kFunction, false, [&] {
@@ -105,7 +106,7 @@ bool orvane_push_device_motion(const orvane_device_motion* motion) {
 
 // ---- Device, network, notifications -------------------------------------------------------
 
-bool orvane_update_device_facts(const char* facts_json) {
+ORVANE_API bool orvane_update_device_facts(const char* facts_json) {
   constexpr const char* kFunction = "orvane_update_device_facts";
   if (!present(facts_json, kFunction, "facts")) return false;
   return guarded(kFunction, false, [&] {
@@ -132,8 +133,9 @@ bool orvane_update_device_facts(const char* facts_json) {
   });
 }
 
-void orvane_set_network_path(orvane_network_interface kind, bool is_satisfied,
-                             orvane_tristate is_constrained, orvane_tristate is_expensive) {
+ORVANE_API void orvane_set_network_path(orvane_network_interface kind, bool is_satisfied,
+                                        orvane_tristate is_constrained,
+                                        orvane_tristate is_expensive) {
   constexpr const char* kFunction = "orvane_set_network_path";
   guardedVoid(kFunction, [&] {
     const int raw = cValue(kind);
@@ -152,7 +154,7 @@ void orvane_set_network_path(orvane_network_interface kind, bool is_satisfied,
   });
 }
 
-void orvane_set_notification_settings(const orvane_notification_settings* settings) {
+ORVANE_API void orvane_set_notification_settings(const orvane_notification_settings* settings) {
   constexpr const char* kFunction = "orvane_set_notification_settings";
   guardedVoid(kFunction, [&] {
     static std::once_flag reported;

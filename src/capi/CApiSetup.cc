@@ -192,10 +192,11 @@ char* copyString(std::string_view text) noexcept {
 }
 
 // Defined in the namespace for its names; C linkage makes them the functions orvane.h
-// declares.
+// declares. GCC does not carry the header's visibility over to a definition in another
+// namespace, so each definition repeats ORVANE_API.
 extern "C" {
 
-const char* orvane_sdk_version(void) {
+ORVANE_API const char* orvane_sdk_version(void) {
   // Computed once; the text then lives as long as the process.
   static const std::string* const version =
       guarded("orvane_sdk_version", static_cast<std::string*>(nullptr),
@@ -203,10 +204,10 @@ const char* orvane_sdk_version(void) {
   return version != nullptr ? version->c_str() : "";
 }
 
-void orvane_string_free(char* string) { std::free(string); }
+ORVANE_API void orvane_string_free(char* string) { std::free(string); }
 
-bool orvane_use_host_motion(bool accelerometer_available, bool gyroscope_available,
-                            orvane_motion_state_fn on_state_change, void* user_data) {
+ORVANE_API bool orvane_use_host_motion(bool accelerometer_available, bool gyroscope_available,
+                                       orvane_motion_state_fn on_state_change, void* user_data) {
   return guarded("orvane_use_host_motion", false, [&] {
     return choose("orvane_use_host_motion", [&](SetupChoices& choices) {
       choices.motion = HostMotionChoice{accelerometer_available, gyroscope_available,
@@ -215,7 +216,7 @@ bool orvane_use_host_motion(bool accelerometer_available, bool gyroscope_availab
   });
 }
 
-bool orvane_use_log_sink(orvane_log_sink_fn sink, void* user_data) {
+ORVANE_API bool orvane_use_log_sink(orvane_log_sink_fn sink, void* user_data) {
   return guarded("orvane_use_log_sink", false, [&] {
     if (!present(reinterpret_cast<const void*>(sink), "orvane_use_log_sink", "sink")) {
       return false;
@@ -229,7 +230,7 @@ bool orvane_use_log_sink(orvane_log_sink_fn sink, void* user_data) {
   });
 }
 
-bool orvane_use_main_dispatcher(orvane_main_dispatcher_fn dispatcher, void* user_data) {
+ORVANE_API bool orvane_use_main_dispatcher(orvane_main_dispatcher_fn dispatcher, void* user_data) {
   return guarded("orvane_use_main_dispatcher", false, [&] {
     if (!present(reinterpret_cast<const void*>(dispatcher), "orvane_use_main_dispatcher",
                  "dispatcher")) {
@@ -241,14 +242,14 @@ bool orvane_use_main_dispatcher(orvane_main_dispatcher_fn dispatcher, void* user
   });
 }
 
-bool orvane_use_host_network(void) {
+ORVANE_API bool orvane_use_host_network(void) {
   return guarded("orvane_use_host_network", false, [] {
     return choose("orvane_use_host_network",
                   [](SetupChoices& choices) { choices.hostNetwork = true; });
   });
 }
 
-void orvane_main_job_run(orvane_main_job* job) {
+ORVANE_API void orvane_main_job_run(orvane_main_job* job) {
   if (!present(job, "orvane_main_job_run", "job")) return;
   guardedVoid("orvane_main_job_run", [&] {
     // Freed even if running fails: the host has handed the job back for good.
@@ -257,12 +258,12 @@ void orvane_main_job_run(orvane_main_job* job) {
   });
 }
 
-void orvane_main_job_discard(orvane_main_job* job) {
+ORVANE_API void orvane_main_job_discard(orvane_main_job* job) {
   if (!present(job, "orvane_main_job_discard", "job")) return;
   guardedVoid("orvane_main_job_discard", [&] { delete job; });
 }
 
-void orvane_main_thread_set_current(void) {
+ORVANE_API void orvane_main_thread_set_current(void) {
   guardedVoid("orvane_main_thread_set_current", [] {
     std::shared_ptr<orvane::HostMainQueue> queue;
     {
