@@ -394,30 +394,42 @@ void OrvaneLogSender::sendPart(const std::shared_ptr<UploadRun>& run) {
   // second finds nothing, and neither keeps the batch alive.
   std::weak_ptr<UploadRun> weakRun = run;
   auto answer = [weakRun, attempt](OrvaneLogSender& sender,
-                                   const std::optional<HttpResponse>& response) {
+                                   const std::optional<HttpResponse>& response,
+                                   const std::optional<PlatformError>& error) {
     auto current = weakRun.lock();
     if (!current || current->attempt != attempt ||
         sender.uploadsOf(current->queue).current != current) {
       return;  // the guard gave up on this attempt, or its answer came already
     }
-    sender.handleAnswer(current, response);
+    sender.handleAnswer(current, response, error);
   };
   std::weak_ptr<Shared> weak = shared_;
   run->guard = dispatchQueue_->asyncAfter(kCompletionGuardSeconds, [weak, this, answer] {
-    postToQueue(weak, this, [answer](OrvaneLogSender& sender) { answer(sender, std::nullopt); });
+    postToQueue(weak, this,
+                [answer](OrvaneLogSender& sender) { answer(sender, std::nullopt, std::nullopt); });
   });
   owner_.platform().http->send(
       std::move(request), [weak, this, answer](std::optional<HttpResponse> response,
-                                               const std::optional<PlatformError>&) {
-        postToQueue(weak, this, [answer, response = std::move(response)](OrvaneLogSender& sender) {
-          answer(sender, response);
-        });
+                                               const std::optional<PlatformError>& error) {
+        postToQueue(weak, this,
+                    [answer, response = std::move(response), error](OrvaneLogSender& sender) {
+                      answer(sender, response, error);
+                    });
       });
 }
 
 void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
-                                   const std::optional<HttpResponse>& response) {
+                                   const std::optional<HttpResponse>& response,
+                                   const std::optional<PlatformError>& error) {
   if (run->guard) run->guard->cancel();
+  if (auto failure = UploadFailureNotes::describe(response, error)) {
+    failureNotes_.noteFailure(*owner_.platform().log, *failure);
+    if (error && error->code == kResourceExceedsMaximumSize) {
+      // Rare and a sign of a service gone wrong: not thinned out by the sampling rate.
+      owner_.orvaneErrorReporting().reportError("Upload answer exceeded the size limit", *error,
+                                                true, std::nullopt);
+    }
+  }
   const auto [begin, end] = run->parts.front();
   const bool tooLarge = response && response->statusCode == 413 && end > begin;
   if (tooLarge && end - begin > 1) {
@@ -434,6 +446,8 @@ void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
   } else if (completeUpload(response)) {
     removeLogsFromQueue(run->key, logIdsOf(run->nextPart()));
   } else {
+    UploadFailureNotes::noteBackoff(*owner_.platform().log, currentBackoffSeconds(),
+                                    viewStoredQueue(store_->stored(run->key)).records.size());
     endRun(run->queue);  // backing off; what was not sent waits for the next attempt
     return;
   }

@@ -25,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "logging/UploadFailureNotes.h"
 #include "logging/UploadQueueStore.h"
 #include "orvane/PlistValue.h"
 #include "orvane/platform/Executors.h"
@@ -148,7 +149,8 @@ class OrvaneLogSender {
   bool beginUpload(UploadQueueKind queue, UploadFlags flags);
   void sendPart(const std::shared_ptr<UploadRun>& run);
   void handleAnswer(const std::shared_ptr<UploadRun>& run,
-                    const std::optional<HttpResponse>& response);
+                    const std::optional<HttpResponse>& response,
+                    const std::optional<PlatformError>& error);
   void dropRefusedRecord(const UploadRun& run);
   void endRun(UploadQueueKind queue);
   QueueUploads& uploadsOf(UploadQueueKind queue);
@@ -169,6 +171,7 @@ class OrvaneLogSender {
   QueueUploads unloggedUploads_;
   std::vector<FlushWaiter> flushWaiters_;
   uint64_t attempts_ = 0;
+  UploadFailureNotes failureNotes_;
   std::shared_ptr<Cancellable> storeRetry_;
   double storeRetryDelayS_ = kStoreRetryFirstDelayS;
 };

@@ -1,7 +1,9 @@
 // How uploads take the service's refusals, beyond what the loopback suite shows: an answer
-// other than 413 while a batch is being split, and the bounds of a Retry-After floor.
+// other than 413 while a batch is being split, the bounds of a Retry-After floor, and what
+// the host's log and error reporting hear of failures.
 #include <gtest/gtest.h>
 
+#include "logging/UploadFailureNotes.h"
 #include "logging/UploadQueueFixture.h"
 
 namespace orvane {
@@ -48,6 +50,48 @@ TEST_F(UploadRefusalsTest, TheFloorIsCappedAtTheLongestBackoffAndOnlyFor429And50
   fake.advance(40);  // past the plain back-off (38.1 s): a 500 sets no floor
   EXPECT_TRUE(attemptPosts(false));
   EXPECT_TRUE(sender().mainQueue().empty());
+}
+
+TEST_F(UploadRefusalsTest, EachKindOfFailureIsLoggedOnceAndAnOversizedAnswerIsReported) {
+  add(1);
+  const auto transportError = [](int64_t code) {
+    return testing::Answer{std::nullopt, PlatformError{kUrlErrorDomain, code, "described"},
+                           std::nullopt};
+  };
+  http->script({status(500), status(500), transportError(-1001), transportError(-1001), status(503),
+                transportError(kResourceExceedsMaximumSize)});
+  for (int attempt = 0; attempt < 6; ++attempt) {
+    ASSERT_TRUE(attemptPosts(true)) << attempt;
+    fake.advance(10);
+  }
+  EXPECT_EQ(fake.log->countContaining("Upload failed: the service answered with HTTP status 500"),
+            1u);
+  EXPECT_EQ(fake.log->countContaining("Upload failed: the service answered with HTTP status 503"),
+            1u);
+  EXPECT_EQ(fake.log->countContaining("(NSURLErrorDomain -1001)"), 1u);
+  EXPECT_EQ(fake.log->countContaining("Upload back-off "), 6u);
+  EXPECT_EQ(fake.log->countContaining("; 1 records waiting."), 6u);
+  EXPECT_EQ(sender().mainQueue().size(), 1u);
+
+  size_t oversizedReports = 0;
+  for (const HttpRequest& request : http->requests()) {
+    const std::string body(request.body.begin(), request.body.end());
+    if (request.url.ends_with("/v2/error-reporting") &&
+        body.find("Upload answer exceeded the size limit") != std::string::npos) {
+      ++oversizedReports;
+    }
+  }
+  EXPECT_EQ(oversizedReports, 1u);
+}
+
+TEST(UploadFailureNotesTest, CertificateFailuresAreNamedAsSuch) {
+  const auto failure = UploadFailureNotes::describe(
+      std::nullopt, PlatformError{kUrlErrorDomain, -1202, "The certificate is invalid."});
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->kind, "NSURLErrorDomain -1202");
+  EXPECT_NE(failure->sentence.find("secure connection failed"), std::string::npos);
+  EXPECT_FALSE(UploadFailureNotes::describe(HttpResponse{202, {}, {}}, std::nullopt));
+  EXPECT_EQ(UploadFailureNotes::describe(std::nullopt, std::nullopt)->kind, "no answer");
 }
 
 }  // namespace

@@ -143,6 +143,7 @@ TEST_F(TlsRedirectTest, TheServerIsStillVerified) {
   auto untrusting = makeCurlHttpTransport();
   const Outcome outcome = sendAndWait(*untrusting, post(tls.url("/landing"), "{}"));
   EXPECT_FALSE(outcome.response);
+  EXPECT_EQ(outcome.errorCode(), -1202) << "a certificate failure, reported as one";
   EXPECT_TRUE(tlsLandedBody.empty());
 }
 

@@ -75,6 +75,12 @@ PlatformError errorFor(CURLcode code, long osErrno) {
     case CURLE_URL_MALFORMAT:
     case CURLE_UNSUPPORTED_PROTOCOL:
       return {kUrlErrorDomain, -1000, "Bad URL. (" + text + ")"};
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return {kUrlErrorDomain, -1202, "The certificate for this server is invalid. (" + text + ")"};
+    case CURLE_SSL_CONNECT_ERROR:
+      return {kUrlErrorDomain, -1200,
+              "An SSL error has occurred and a secure connection to the server cannot be made. (" +
+                  text + ")"};
     case CURLE_TOO_MANY_REDIRECTS:
       return {kUrlErrorDomain, -1007, "Too many HTTP redirects. (" + text + ")"};
     case CURLE_WRITE_ERROR:
