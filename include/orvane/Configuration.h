@@ -22,6 +22,9 @@ struct ORVANE_API Configuration {
   // Keeps motion sampling running in the foreground so that instant contexts have data
   // (signal 800).
   bool enableInstantContext = true;
+  // Collect only once the user has granted consent (ContextManager::setConsent). The
+  // requirement is remembered, so the next launch holds back from its first moment.
+  bool requireConsent = false;
   // The A/B test assignment used until the service sends one.
   std::optional<ABTestInformation> defaultABTestInformation;
 

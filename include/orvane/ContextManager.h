@@ -44,6 +44,9 @@ enum class ContextManagerIsSupported : int { kSupported = 0, kUnsupported = 1 };
 // every "[Orvane] " misuse line); also information such as upload failures; everything.
 enum class SdkLogLevel : int { kError = 0, kWarning = 1, kInfo = 2, kDebug = 3 };
 
+// Whether the user agreed that the SDK keeps and sends data (ContextManager::setConsent).
+enum class ConsentState : int { kUnknown = 0, kGranted = 1, kDenied = 2 };
+
 class ORVANE_API ContextManager {
  public:
   // ---- Setup -------------------------------------------------------------------------------
@@ -151,6 +154,22 @@ class ORVANE_API ContextManager {
   // from a callback of the SDK's own queues; from the main queue it blocks the main queue.
   static bool flush(double timeoutSeconds) noexcept;
 
+  // ---- Consent, erase and shutdown ---------------------------------------------------------
+  // The user's choice, kept across launches. While collection is not allowed (kDenied, or
+  // kUnknown with Configuration::requireConsent) contexts are still created and decided on the
+  // device, but nothing is written to the data folder and nothing is sent: no upload, no error
+  // report, no model download. Granting starts normal operation from that moment; denying or
+  // revoking deletes the queued records. Never asked, the SDK collects as it always has.
+  static void setConsent(ConsentState state) noexcept;
+  static ConsentState consent() noexcept;
+  // Deletes queued records, launch and session history, flow timing state, the stored
+  // configuration, models and the installation identity: the next start is a new
+  // installation. The consent choice stays. Any thread, at any moment.
+  static void resetAllData() noexcept;
+  // Flushes (at most `timeoutSeconds`), stops motion sampling and timers, and turns every
+  // later call into a logged no-op. Returns what the flush returned.
+  static bool shutdown(double timeoutSeconds) noexcept;
+
   // ---- The process-wide manager -----------------------------------------------------------
   static ContextManager& shared() noexcept;
   // Chooses the platform `shared()` is created with. False (and nothing changes) once the
@@ -201,11 +220,18 @@ class ORVANE_API ContextManager {
 
   Diagnostics currentDiagnostics() noexcept;
   bool flushUploads(double timeoutSeconds) noexcept;
+  void applyConsent(ConsentState state) noexcept;
+  ConsentState currentConsent() noexcept;
+  void eraseAllData() noexcept;
+  bool shutdownManager(double timeoutSeconds) noexcept;
 
   // The services this manager runs on; a bridge drives the host-driven ones through them.
   const Platform& platform() const noexcept;
 
  private:
+  // True, with a logged line, once the manager was shut down.
+  bool refusedAfterShutdown(const char* operation) const noexcept;
+
   friend struct ContextManagerAccess;  // the SDK's own tools and tests (src/api/Engine.h)
   std::unique_ptr<Engine> engine_;
 };

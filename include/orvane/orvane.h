@@ -64,6 +64,14 @@ typedef enum orvane_event_outcome {
 /* A fact the host supplies under an id of its own. Decimals are text ("4.99", "-0.25"), so
  * that they stay exact. Strings are copied. */
 /* How much the SDK writes to its log (ContextManager::setLogLevel). */
+/* The user's choice about collection (orvane_set_consent). */
+typedef enum orvane_consent_state {
+  ORVANE_CONSENT_UNKNOWN = 0,
+  ORVANE_CONSENT_GRANTED = 1,
+  ORVANE_CONSENT_DENIED = 2,
+  ORVANE_CONSENT_STATE_MAX_ENUM = 0x7FFFFFFF
+} orvane_consent_state;
+
 typedef enum orvane_sdk_log_level {
   ORVANE_SDK_LOG_ERROR = 0,
   ORVANE_SDK_LOG_WARNING = 1, /* the default */
@@ -108,6 +116,8 @@ typedef struct orvane_configuration {
   /* The A/B test used until the service sends one; used when both are not NULL. */
   const char* default_ab_test_name;
   const char* default_ab_cohort_name;
+  /* Collect only once the user granted consent (orvane_set_consent). */
+  bool require_consent;
 } orvane_configuration;
 
 /* How a flow is decided today (orvane_get_custom_model). */
@@ -287,6 +297,19 @@ ORVANE_API char* orvane_diagnostics_json(void);
  * `timeout_seconds` for it. True when no outcome record is left waiting. Blocks the calling
  * thread: never call it from an SDK callback. */
 ORVANE_API bool orvane_flush(double timeout_seconds);
+
+/* Records the user's choice, kept across launches. While collection is not allowed
+ * (ORVANE_CONSENT_DENIED, or ORVANE_CONSENT_UNKNOWN with require_consent) decisions are still
+ * made on the device, but nothing is stored or sent; denying or revoking deletes the queued
+ * records. A value outside the enumeration is refused with a log line. */
+ORVANE_API void orvane_set_consent(orvane_consent_state state);
+ORVANE_API orvane_consent_state orvane_consent(void);
+/* Deletes queued records, history, timing state, stored configuration, models and the
+ * installation identity; the next start is a new installation. The consent choice stays. */
+ORVANE_API void orvane_reset_all_data(void);
+/* Flushes (at most `timeout_seconds`), stops sampling and timers; every later call does
+ * nothing but log. Returns what the flush returned. */
+ORVANE_API bool orvane_shutdown(double timeout_seconds);
 
 /* Sets how much the SDK logs, for the whole process, at once. A value outside the enumeration
  * is refused with a log line. */

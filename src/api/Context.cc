@@ -146,6 +146,10 @@ std::shared_ptr<Engine> Context::ownerFor(const char* call) const {
   if (!owner) {
     log_->error(std::string("[Orvane] Context.") + call + " on flow \"" + flowName_ +
                 "\" does nothing: the ContextManager that created the context is gone.");
+  } else if (owner->isShutDown()) {
+    log_->error(std::string("[Orvane] Context.") + call + " on flow \"" + flowName_ +
+                "\" does nothing: the SDK was shut down.");
+    return nullptr;
   }
   return owner;
 }

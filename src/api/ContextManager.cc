@@ -97,12 +97,15 @@ bool ContextManager::installDefaultPlatform(Platform platform) noexcept {
 bool ContextManager::setupWith(const std::string& licenseKey, LogSender logSender,
                                const std::optional<LaunchOptions>& launchOptions,
                                const Configuration& configuration) noexcept {
+  if (refusedAfterShutdown("setup")) return true;
   return engine_->setupWith(licenseKey, std::move(logSender), launchOptions, configuration);
 }
 void ContextManager::replaceLogSender(LogSender sender) noexcept {
+  if (refusedAfterShutdown("setLogSender")) return;
   engine_->replaceLogSender(std::move(sender));
 }
 void ContextManager::setDecisionsSwitch(bool enabled) noexcept {
+  if (refusedAfterShutdown("setDecisionsEnabled")) return;
   engine_->setDecisionsSwitch(enabled);
 }
 std::string ContextManager::appliedModelGenerationId() noexcept {
@@ -113,18 +116,22 @@ std::optional<ContextModelInformation> ContextManager::modelInformation(
   return engine_->modelInformation(flowName);
 }
 void ContextManager::setServiceBaseURLValue(const std::string& baseURL) noexcept {
+  if (refusedAfterShutdown("setServiceBaseURL")) return;
   engine_->setServiceBaseURLValue(baseURL);
 }
 void ContextManager::storeGlobalCustomSignal(const CustomSignal& signal) noexcept {
+  if (refusedAfterShutdown("setGlobalCustomSignal")) return;
   engine_->storeGlobalCustomSignal(signal);
 }
 void ContextManager::removeGlobalCustomSignals(const std::string& id) noexcept {
+  if (refusedAfterShutdown("setGlobalCustomSignal")) return;
   engine_->removeGlobalCustomSignals(id);
 }
 
 void ContextManager::requestFetchContext(const std::string& flowName, int64_t duration,
                                          const CustomSignalList& customSignals,
                                          ContextCallback callback) noexcept {
+  if (refusedAfterShutdown("fetchContext")) return;
   absorbing(engine_->platform(), "fetchContext",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
   const BoundedInput input(engine_->platform(), "flow name", flowName, customSignals);
@@ -133,6 +140,7 @@ void ContextManager::requestFetchContext(const std::string& flowName, int64_t du
 }
 std::shared_ptr<Context> ContextManager::requestInstantContext(
     const std::string& flowName, int64_t duration, const CustomSignalList& customSignals) noexcept {
+  if (refusedAfterShutdown("instantContext")) return nullptr;
   absorbing(engine_->platform(), "instantContext",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
   const BoundedInput input(engine_->platform(), "flow name", flowName, customSignals);
@@ -142,6 +150,7 @@ std::shared_ptr<Context> ContextManager::requestInstantContext(
 void ContextManager::requestOptimize(const std::string& flowName, std::optional<int64_t> maxDelay,
                                      const CustomSignalList& customSignals,
                                      ContextCallback callback) noexcept {
+  if (refusedAfterShutdown("optimize")) return;
   absorbing(engine_->platform(), "optimize",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
   const BoundedInput input(engine_->platform(), "flow name", flowName, customSignals);
@@ -150,6 +159,7 @@ void ContextManager::requestOptimize(const std::string& flowName, std::optional<
 void ContextManager::requestCalibrate(const std::string& flowName, int64_t maxDelay,
                                       const CustomSignalList& customSignals,
                                       ContextCallback callback) noexcept {
+  if (refusedAfterShutdown("calibrate")) return;
   absorbing(engine_->platform(), "calibrate",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
   const BoundedInput input(engine_->platform(), "flow name", flowName, customSignals);
@@ -157,16 +167,19 @@ void ContextManager::requestCalibrate(const std::string& flowName, int64_t maxDe
 }
 std::shared_ptr<Context> ContextManager::recentContextForFlow(
     const std::string& flowName) noexcept {
+  if (refusedAfterShutdown("recentContext")) return nullptr;
   std::shared_ptr<Context> context;
   absorbing(engine_->platform(), "recentContext",
             [&] { context = engine_->recentContextForFlow(flowName); });
   return context;
 }
 void ContextManager::cancelContextCallbackFor(const std::string& flowName) noexcept {
+  if (refusedAfterShutdown("cancelContextCallback")) return;
   engine_->cancelContextCallbackFor(flowName);
 }
 void ContextManager::registerContextObserverFor(
     const std::string& flowName, ContextCallback callbackOnFirstGoodMoment) noexcept {
+  if (refusedAfterShutdown("registerContextObserver")) return;
   std::optional<std::string> limited;
   try {
     limited = limitedName("flow name", flowName, HostInputLimits::kMaximumFlowNameBytes,
@@ -177,11 +190,13 @@ void ContextManager::registerContextObserverFor(
                                       std::move(callbackOnFirstGoodMoment));
 }
 void ContextManager::unregisterContextObserverFor(const std::string& flowName) noexcept {
+  if (refusedAfterShutdown("unregisterContextObserver")) return;
   engine_->unregisterContextObserverFor(flowName);
 }
 void ContextManager::recordTrackedEvent(const std::string& name,
                                         const CustomSignalList& customSignals,
                                         EventType eventType) noexcept {
+  if (refusedAfterShutdown("trackEvent")) return;
   MethodUsed method = MethodUsed::kTrackEvent;
   if (eventType == EventType::kPageView) method = MethodUsed::kTrackPageView;
   if (eventType == EventType::kUserAction) method = MethodUsed::kTrackUserAction;
@@ -190,6 +205,7 @@ void ContextManager::recordTrackedEvent(const std::string& name,
 }
 PlistDictionary ContextManager::collectGoldenSignals(
     const std::optional<std::string>& trigger, const std::optional<std::string>& bidID) noexcept {
+  if (refusedAfterShutdown("goldenSignals")) return {};
   absorbing(engine_->platform(), "goldenSignals",
             [&] { engine_->appLaunchSignalsGenerator().didUserTriggerOrvane(); });
   return engine_->collectGoldenSignals(trigger, bidID);
@@ -204,9 +220,26 @@ Diagnostics ContextManager::currentDiagnostics() noexcept {
 }
 
 bool ContextManager::flushUploads(double timeoutSeconds) noexcept {
+  if (refusedAfterShutdown("flush")) return false;
   bool emptied = false;
   absorbing(engine_->platform(), "flush", [&] { emptied = engine_->flush(timeoutSeconds); });
   return emptied;
+}
+
+void ContextManager::applyConsent(ConsentState state) noexcept { engine_->setConsent(state); }
+ConsentState ContextManager::currentConsent() noexcept { return engine_->consent(); }
+void ContextManager::eraseAllData() noexcept { engine_->resetAllData(); }
+bool ContextManager::shutdownManager(double timeoutSeconds) noexcept {
+  return engine_->shutdown(timeoutSeconds);
+}
+
+bool ContextManager::refusedAfterShutdown(const char* operation) const noexcept {
+  if (!engine_->isShutDown()) return false;
+  absorbing(engine_->platform(), operation, [&] {
+    engine_->platform().log->error(std::string("[Orvane] ContextManager.") + operation +
+                                   " does nothing: the SDK was shut down.");
+  });
+  return true;
 }
 
 // ---- Static API ---------------------------------------------------------------------------
@@ -253,6 +286,12 @@ std::optional<ContextModelInformation> ContextManager::getCustomModel(
 Diagnostics ContextManager::diagnostics() noexcept { return shared().currentDiagnostics(); }
 bool ContextManager::flush(double timeoutSeconds) noexcept {
   return shared().flushUploads(timeoutSeconds);
+}
+void ContextManager::setConsent(ConsentState state) noexcept { shared().applyConsent(state); }
+ConsentState ContextManager::consent() noexcept { return shared().currentConsent(); }
+void ContextManager::resetAllData() noexcept { shared().eraseAllData(); }
+bool ContextManager::shutdown(double timeoutSeconds) noexcept {
+  return shared().shutdownManager(timeoutSeconds);
 }
 void ContextManager::setServiceBaseURL(const std::string& baseURL) noexcept {
   shared().setServiceBaseURLValue(baseURL);

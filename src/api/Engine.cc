@@ -76,6 +76,7 @@ Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> impos
                     release->released.notify_all();
                   }),
       defaults_(UserDefaultsProvider::open(platform_.keyValueStores.get(), kDefaultsSuite)),
+      consent_(std::make_unique<CollectionConsent>(defaults_)),
       dateProvider_(std::make_shared<DefaultDateProvider>(platform_.clock)),
       initializationDate_(dateProvider_->currentDate()),
       bundleIdentifier_(platform_.bundle.bundleIdentifier.value_or("unknown")),
@@ -99,6 +100,7 @@ Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> impos
     isSupported_ = hasHardware ? ContextManagerIsSupported::kSupported
                                : ContextManagerIsSupported::kUnsupported;
   }
+  if (platform_.http) platform_.http = consent_->gate(std::move(platform_.http));
   runInitialBootup();
   setCurrentPlatform(HostPlatform::kNative);
 }
@@ -332,6 +334,7 @@ bool Engine::setupWith(const std::string& licenseKey, LogSender logSender,
       logEncryptionKey_ = std::move(encryptionKey);
       if (logSender) currentLogSender_ = std::move(logSender);
     }
+    collectionChanged(consent_->setRequired(configuration.requireConsent), "setup");
     reportStoreRepair();
     launchReason_->setLaunchReason(LaunchReasonHelper::determineLaunchReason(launchOptions));
     accelerometerSensor().setAlwaysRunInForeground(configuration.enableInstantContext);
@@ -448,6 +451,7 @@ void Engine::becomeActiveHandling() {
 }
 
 void Engine::handleDidBecomeActiveNotification() noexcept {
+  if (isShutDown()) return;
   absorbing(platform_, "didBecomeActive", [&] {
     becomeActiveHandling();
     bool firstStart = false;
@@ -461,6 +465,7 @@ void Engine::handleDidBecomeActiveNotification() noexcept {
 }
 
 void Engine::handleWillResignActiveNotification() noexcept {
+  if (isShutDown()) return;
   absorbing(platform_, "willResignActive", [&] {
     {
       std::lock_guard<std::mutex> guard(stateMutex_);

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "api/CollectionConsent.h"
 #include "orvane/Configuration.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
@@ -74,6 +75,14 @@ class Engine {
   // See ContextManager::diagnostics() and flush().
   Diagnostics diagnostics();
   bool flush(double timeoutSeconds);
+  // See ContextManager::setConsent, resetAllData and shutdown.
+  void setConsent(ConsentState state) noexcept;
+  ConsentState consent() const;
+  // Whether anything may be written to the data folder or sent.
+  bool collectionAllowed() const;
+  void resetAllData() noexcept;
+  bool shutdown(double timeoutSeconds) noexcept;
+  bool isShutDown() const { return shutDown_.load(); }
   // Hands a finished log to the current log sender.
   void sendLog(std::shared_ptr<Log> log) noexcept;
 
@@ -180,6 +189,8 @@ class Engine {
   // A repair the store made of its damaged file, reported once (after setup, so that the
   // host's error reporting choice applies).
   void reportStoreRepair();
+  // Acts on a change of whether collection is allowed: queues deleted, or uploads started.
+  void collectionChanged(CollectionConsent::Change change, const char* why);
 
   // Counts the calls that hold the engine through weakHandle(); the destructor waits for the
   // last one to end.
@@ -196,6 +207,9 @@ class Engine {
   // Owns nothing: its deleter only says that no call holds the engine any more.
   std::shared_ptr<Engine> selfHandle_;
   std::shared_ptr<UserDefaultsProvider> defaults_;
+  // Before any component: it decides whether the suite and the network may be used.
+  std::unique_ptr<CollectionConsent> consent_;
+  std::atomic<bool> shutDown_{false};
   std::shared_ptr<DateProvider> dateProvider_;
   const Date initializationDate_;
   const std::string bundleIdentifier_;

@@ -114,6 +114,7 @@ Configuration configurationFrom(const orvane_configuration* c) {
       c->enable_automatic_app_launch_behaviour_logging;
   configuration.enableErrorReporting = c->enable_error_reporting;
   configuration.enableInstantContext = c->enable_instant_context;
+  configuration.requireConsent = c->require_consent;
   if (c->default_ab_test_name != nullptr && c->default_ab_cohort_name != nullptr) {
     configuration.defaultABTestInformation =
         ABTestInformation{c->default_ab_test_name, c->default_ab_cohort_name};
@@ -177,6 +178,7 @@ ORVANE_API void orvane_configuration_init(orvane_configuration* configuration) {
       defaults.enableAutomaticAppLaunchBehaviourLogging;
   configuration->enable_error_reporting = defaults.enableErrorReporting;
   configuration->enable_instant_context = defaults.enableInstantContext;
+  configuration->require_consent = defaults.requireConsent;
 }
 
 ORVANE_API bool orvane_setup(const char* license_key, const orvane_configuration* configuration) {
@@ -292,6 +294,31 @@ ORVANE_API char* orvane_diagnostics_json(void) {
 
 ORVANE_API bool orvane_flush(double timeout_seconds) {
   return guarded("orvane_flush", false, [&] { return ContextManager::flush(timeout_seconds); });
+}
+
+ORVANE_API void orvane_set_consent(orvane_consent_state state) {
+  const int value = static_cast<int>(state);  // a C caller may pass any int
+  if (value < ORVANE_CONSENT_UNKNOWN || value > ORVANE_CONSENT_DENIED) {
+    logLine(LogLevel::kError, "[Orvane] orvane_set_consent: " + std::to_string(value) +
+                                  " is not a consent state; nothing changes.");
+    return;
+  }
+  guardedVoid("orvane_set_consent",
+              [&] { ContextManager::setConsent(static_cast<ConsentState>(value)); });
+}
+
+ORVANE_API orvane_consent_state orvane_consent(void) {
+  return guarded("orvane_consent", ORVANE_CONSENT_UNKNOWN,
+                 [] { return static_cast<orvane_consent_state>(ContextManager::consent()); });
+}
+
+ORVANE_API void orvane_reset_all_data(void) {
+  guardedVoid("orvane_reset_all_data", [] { ContextManager::resetAllData(); });
+}
+
+ORVANE_API bool orvane_shutdown(double timeout_seconds) {
+  return guarded("orvane_shutdown", false,
+                 [&] { return ContextManager::shutdown(timeout_seconds); });
 }
 
 ORVANE_API void orvane_set_log_level(orvane_sdk_log_level level) {

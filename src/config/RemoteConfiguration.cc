@@ -110,6 +110,11 @@ void RemoteConfiguration::State::apply(const std::optional<ServerConfiguration>&
   if (!stored) errorReporter().reportError(kStoreFailedMessage);
 }
 
+void RemoteConfiguration::forgetStored() {
+  std::lock_guard<std::mutex> guard(state_->mutex);
+  state_->latest.reset();
+}
+
 std::shared_ptr<const ConfigurationData> RemoteConfiguration::State::current() {
   {
     std::lock_guard<std::mutex> guard(mutex);

@@ -41,6 +41,9 @@ class RemoteConfiguration {
   void applyConfigurationUpdate(std::optional<ServerConfiguration> update);
 
   ConfigurationData getConfiguration() const;
+  // Drops the configuration read from the suite; the next read loads it again (after an
+  // erase: the defaults).
+  void forgetStored();
   static ConfigurationData getDefaultConfiguration();
   // The configured activities that this build knows, in configured order; unknown names are
   // reported and skipped.

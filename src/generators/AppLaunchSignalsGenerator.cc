@@ -61,6 +61,15 @@ std::string AppLaunchSignalsGenerator::currentDateFormatted() const {
   return dayKey(dateProvider_->currentDate());
 }
 
+void AppLaunchSignalsGenerator::forgetHistory() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  launches_ = History{};
+  triggers_ = History{};
+  seconds_ = History{};
+  lastOrvaneTriggerRecorded_.reset();
+  lastAppWillResignDate_.reset();
+}
+
 AppLaunchSignalsGenerator::History& AppLaunchSignalsGenerator::history(const char* key) const {
   const std::string_view name(key);
   History& h = name == kAppLaunchesKey      ? launches_

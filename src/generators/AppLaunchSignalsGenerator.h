@@ -39,6 +39,8 @@ class AppLaunchSignalsGenerator {
   void didUserTriggerOrvane();
   void updateLastAppWillResignDate();
   std::optional<Date> lastAppWillResignDate() const;
+  // Forgets the histories read so far; they are read again from the suite when next needed.
+  void forgetHistory();
 
   // Launch and trigger counts and rates: 80-83, 90, 85-89, 91.
   SignalList appLaunchSignals() const;

@@ -92,6 +92,11 @@ GeoIPSignalGenerator::GeoIPSignalGenerator(std::shared_ptr<UserDefaultsProvider>
   loadLatestData();
 }
 
+void GeoIPSignalGenerator::forget() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  latestData_.reset();
+}
+
 void GeoIPSignalGenerator::loadLatestData() {
   if (!hasStore()) return;
   auto stored = defaults_->data(kLatestDataKey);

@@ -53,6 +53,8 @@ class GeoIPSignalGenerator {
                        std::function<ErrorReporter&()> errorReporter);
 
   void loadLatestData();
+  // No estimate until the service sends one again.
+  void forget();
   // None leaves the previous estimate; a payload replaces it whole, even an empty one.
   void updateGeoIPData(const std::optional<ServerGeoIPPayload>& payload);
   // 608, 602, 600, 601, 603, 604, 606, 607, 609, 610 for the fields present (latitude and

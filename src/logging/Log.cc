@@ -87,7 +87,7 @@ Log::Log(SignalList signals, CustomSignalList customSignals, CustomSignalList gl
 void Log::send() noexcept {
   try {
     auto owner = Engine::hold(std::static_pointer_cast<Engine>(owner_.lock()));
-    if (!owner) return;
+    if (!owner || owner->isShutDown()) return;
     OrvaneLogSender& sender = owner->orvaneLogSender();
     const Signal* outcome = nullptr;
     const Signal* contextUUID = nullptr;

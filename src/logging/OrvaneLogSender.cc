@@ -179,6 +179,8 @@ void OrvaneLogSender::addToUnloggedQueue(const Log& log) {
 }
 
 void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bool mayStartUpload) {
+  // Without consent a record is not kept: it never reaches the disk and is never sent later.
+  if (!owner_.collectionAllowed()) return;
   changeStoreOnQueue([this, key, record = std::move(record), mayStartUpload]() mutable {
     const size_t queued = store_->append(key, PlistValue(std::move(record)));
     if (!mayStartUpload || !shouldUploadNow(queued)) return;
@@ -186,6 +188,14 @@ void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bo
     owner_.platform().executors->mainQueue()->async([this, weak] {
       if (auto alive = weak.lock()) triggerUpload(UploadQueueKind::kMain, false);
     });
+  });
+}
+
+void OrvaneLogSender::discardQueues(std::function<void()> done) {
+  runOnQueue([this, done = std::move(done)] {
+    for (std::string_view key : {kMainQueueKey, kUnloggedQueueKey}) store_->discard(key);
+    // An upload in flight finds nothing to remove when its answer comes.
+    if (done) done();
   });
 }
 
@@ -321,6 +331,7 @@ void OrvaneLogSender::startRun(UploadQueueKind queue, UploadFlags flags) {
 }
 
 bool OrvaneLogSender::beginUpload(UploadQueueKind queue, UploadFlags flags) {
+  if (!owner_.collectionAllowed()) return false;
   auto run = std::make_shared<UploadRun>();
   run->queue = queue;
   run->key = queue == UploadQueueKind::kMain ? kMainQueueKey : kUnloggedQueueKey;

@@ -105,6 +105,9 @@ class OrvaneLogSender {
   // already in flight. True when the main queue is empty then. False at once when called on
   // the sender's own queue.
   bool flush(double timeoutSeconds);
+  // Deletes both queues, on disk and in memory, behind every change queued before it; then
+  // calls `done` on the sender's queue.
+  void discardQueues(std::function<void()> done);
 
  private:
   struct Shared;

@@ -72,6 +72,12 @@ void UploadQueueStore::removeIf(std::string_view key,
   publishCount();
 }
 
+void UploadQueueStore::discard(std::string_view key) {
+  if (auto it = queues_.find(key); it != queues_.end()) queues_.erase(it);
+  owner_.userDefaultsProvider()->eraseKeys({std::string(key)});
+  publishCount();
+}
+
 std::shared_ptr<const PlistValue> UploadQueueStore::stored(std::string_view key) {
   return available() ? owner_.userDefaultsProvider()->sharedObject(key) : nullptr;
 }

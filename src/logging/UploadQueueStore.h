@@ -35,6 +35,8 @@ class UploadQueueStore {
   size_t append(std::string_view key, PlistValue record);
   // Removes the records `matches` picks, from the suite and from memory.
   void removeIf(std::string_view key, const std::function<bool(const PlistDictionary&)>& matches);
+  // Deletes the queue `key`: what waits in memory and what the suite holds.
+  void discard(std::string_view key);
   // The queue as stored, read in place; empty while the suite is unavailable (records in
   // memory are never uploaded).
   std::shared_ptr<const PlistValue> stored(std::string_view key);

@@ -204,6 +204,16 @@ std::optional<PlatformError> CoreMLModelManager::updateSavedModelInfo(
   return std::nullopt;
 }
 
+void CoreMLModelManager::eraseAll() {
+  modelInfoCache_.withLock([](ModelInfoCache& cache) { cache.clear(); });
+  std::weak_ptr<bool> alive = alive_;
+  deps_.updatingQueue->async([this, alive] {
+    if (!alive.lock()) return;
+    files_.removeAllModels();
+    modelInfoCache_.withLock([](ModelInfoCache& cache) { cache.clear(); });
+  });
+}
+
 void CoreMLModelManager::forgetCachedInfo(const std::string& flowName) {
   modelInfoCache_.withLock([&](ModelInfoCache& cache) { cache.erase(flowName); });
 }

@@ -98,6 +98,9 @@ class CoreMLModelManager {
       const std::optional<std::vector<std::vector<double>>>& table);
 
   ModelFiles& files() { return files_; }
+  // Forgets every flow's model and removes the downloaded files, behind any update in
+  // progress. Returns at once.
+  void eraseAll();
 
   using ModelInfoCache = std::map<std::string, CustomModelInfo>;
   WrappingLock<ModelInfoCache>& modelInfoCache() { return modelInfoCache_; }

@@ -169,6 +169,13 @@ void ModelFiles::cleanupOldModels() {
   }
 }
 
+void ModelFiles::removeAllModels() {
+  if (!modelsFolder_) return;
+  const auto entries = fileSystem_->list(*modelsFolder_);
+  if (!entries) return;
+  for (const std::string& name : *entries) fileSystem_->remove(join(*modelsFolder_, name));
+}
+
 void ModelFiles::removeFlowFolder(const std::string& flowName) {
   if (!modelsFolder_ || !isPlainFileName(flowName)) return;
   const std::string folder = join(*modelsFolder_, flowName);

@@ -62,6 +62,8 @@ class ModelFiles {
   // True without a models folder, or when the free space cannot be read (reported).
   bool hasEnoughSpaceForModelUpdates();
   void cleanupOldModels();
+  // Removes every downloaded model.
+  void removeAllModels();
   // Reports what cannot be removed.
   void removeFlowFolder(const std::string& flowName);
   void removeSharedModel(const std::string& modelVersion);

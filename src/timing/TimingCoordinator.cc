@@ -101,6 +101,12 @@ UpsellDecision combineDecisions(TimingDecision timing, uint8_t modelDecisionCode
   return {modelSaysYes, modelForced, std::nullopt};
 }
 
+void TimingCoordinator::forgetStored() {
+  currentClientTimingConfiguration_.withLock(
+      [](TimingConfiguration& value) { value = TimingConfiguration{}; });
+  currentPerFlowStats_.withLock([](TimingStates& value) { value = TimingStates{}; });
+}
+
 TimingCoordinator::TimingCoordinator(std::shared_ptr<UserDefaultsProvider> userDefaultsProvider,
                                      std::shared_ptr<DateProvider> dateProvider,
                                      std::shared_ptr<RandomSource> random,

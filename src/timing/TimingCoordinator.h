@@ -88,6 +88,8 @@ class TimingCoordinator {
   // Snapshots, for diagnostics.
   TimingConfiguration currentConfiguration() const;
   TimingStates currentStates() const;
+  // Back to no rules and no flow history, as on a new installation.
+  void forgetStored();
 
  private:
   ErrorReporter& reporter() const { return errorReporter_(); }

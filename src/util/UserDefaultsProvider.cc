@@ -1,5 +1,7 @@
 #include "util/UserDefaultsProvider.h"
 
+#include <algorithm>
+
 namespace orvane {
 
 UserDefaultsProvider::UserDefaultsProvider(std::shared_ptr<KeyValueStore> store) {
@@ -31,11 +33,21 @@ std::shared_ptr<KeyValueStore> UserDefaultsProvider::userDefaults() const {
 }
 
 std::shared_ptr<const PlistValue> UserDefaultsProvider::sharedObject(std::string_view key) const {
+  if (writesHeld()) {
+    std::lock_guard<std::mutex> guard(heldMutex_);
+    if (auto it = held_.find(key); it != held_.end()) {
+      return it->second ? std::make_shared<const PlistValue>(*it->second) : nullptr;
+    }
+  }
   KeyValueStore* store = this->store();
   return store ? store->getShared(key) : nullptr;
 }
 
 std::optional<PlistValue> UserDefaultsProvider::object(std::string_view key) const {
+  if (writesHeld()) {
+    std::lock_guard<std::mutex> guard(heldMutex_);
+    if (auto it = held_.find(key); it != held_.end()) return it->second;
+  }
   KeyValueStore* store = this->store();
   if (!store) return std::nullopt;
   return store->get(key);
@@ -92,13 +104,24 @@ std::optional<bool> UserDefaultsProvider::boolean(std::string_view key) const {
 }
 
 bool UserDefaultsProvider::set(std::string_view key, PlistValue value) {
-  KeyValueStore* store = this->store();
-  if (!store) return false;
-  store->set(key, std::move(value));
-  return true;
+  if (writesHeld()) {
+    std::lock_guard<std::mutex> guard(heldMutex_);
+    if (writesHeld()) {
+      held_.insert_or_assign(std::string(key), std::move(value));
+      return true;
+    }
+  }
+  return setInSuite(key, std::move(value));
 }
 
 bool UserDefaultsProvider::remove(std::string_view key) {
+  if (writesHeld()) {
+    std::lock_guard<std::mutex> guard(heldMutex_);
+    if (writesHeld()) {
+      held_.insert_or_assign(std::string(key), std::nullopt);
+      return true;
+    }
+  }
   KeyValueStore* store = this->store();
   if (!store) return false;
   store->remove(key);
@@ -106,8 +129,67 @@ bool UserDefaultsProvider::remove(std::string_view key) {
 }
 
 bool UserDefaultsProvider::synchronize() {
+  // While writes are held this makes durable only what was written through to the suite.
   KeyValueStore* store = this->store();
   return store && store->synchronize();
+}
+
+void UserDefaultsProvider::holdWrites() {
+  std::lock_guard<std::mutex> guard(heldMutex_);
+  holding_.store(true, std::memory_order_release);
+}
+
+void UserDefaultsProvider::releaseHeldWrites(bool keep) {
+  std::lock_guard<std::mutex> guard(heldMutex_);
+  if (!writesHeld()) return;
+  // Readers that saw holding_ wait on the lock and then find the suite already written.
+  if (KeyValueStore* store = this->store(); store && keep) {
+    for (auto& [key, value] : held_) {
+      if (value) {
+        store->set(key, std::move(*value));
+      } else {
+        store->remove(key);
+      }
+    }
+    store->synchronize();
+  }
+  held_.clear();
+  holding_.store(false, std::memory_order_release);
+}
+
+bool UserDefaultsProvider::setInSuite(std::string_view key, PlistValue value) {
+  KeyValueStore* store = this->store();
+  if (!store) return false;
+  store->set(key, std::move(value));
+  return true;
+}
+
+bool UserDefaultsProvider::eraseKeys(const std::vector<std::string>& keys) {
+  {
+    std::lock_guard<std::mutex> guard(heldMutex_);
+    for (const std::string& key : keys) {
+      if (auto it = held_.find(key); it != held_.end()) held_.erase(it);
+    }
+  }
+  KeyValueStore* store = this->store();
+  if (!store) return false;
+  for (const std::string& key : keys) store->remove(key);
+  return store->synchronize();
+}
+
+bool UserDefaultsProvider::eraseAllExcept(const std::vector<std::string>& keep) {
+  std::vector<std::string> keys;
+  {
+    std::lock_guard<std::mutex> guard(heldMutex_);
+    for (const auto& [key, value] : held_) keys.push_back(key);
+  }
+  if (KeyValueStore* store = this->store()) {
+    for (std::string& key : store->keys()) keys.push_back(std::move(key));
+  }
+  std::erase_if(keys, [&](const std::string& key) {
+    return std::find(keep.begin(), keep.end(), key) != keep.end();
+  });
+  return eraseKeys(keys);
 }
 
 }  // namespace orvane

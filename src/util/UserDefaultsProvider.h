@@ -1,14 +1,18 @@
 // File: UserDefaultsProvider.h
 // The persistence handle every component receives: the defaults suite, or nothing while the
 // suite cannot be opened. Without a suite reads yield nothing and writes are dropped.
+// While writes are held (the user has not consented to collection), they stay in memory: the
+// process reads them back, the suite never sees them.
 #pragma once
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "orvane/PlistValue.h"
 #include "orvane/platform/KeyValueStore.h"
@@ -55,6 +59,19 @@ class UserDefaultsProvider {
   // so a later call may answer true.
   bool synchronize();
 
+  // From now on writes and removals stay in memory. Any thread.
+  void holdWrites();
+  // Ends holding: what was held is written to the suite when `keep`, else forgotten.
+  void releaseHeldWrites(bool keep);
+  bool writesHeld() const { return holding_.load(std::memory_order_acquire); }
+  // Writes to the suite even while writes are held: the user's own choices about collection.
+  bool setInSuite(std::string_view key, PlistValue value);
+  // Removes `keys` from the suite and from what is held, and synchronises. False when the
+  // suite could not confirm it.
+  bool eraseKeys(const std::vector<std::string>& keys);
+  // The same for every key but `keep`.
+  bool eraseAllExcept(const std::vector<std::string>& keep);
+
  private:
   // Installs the suite once; later calls are ignored.
   void adopt(std::shared_ptr<KeyValueStore> store);
@@ -65,6 +82,10 @@ class UserDefaultsProvider {
   // available_ read it without a lock.
   std::shared_ptr<KeyValueStore> store_;
   std::atomic<bool> available_{false};
+  // Held writes: a value, or none for a removal. Guarded by heldMutex_.
+  mutable std::mutex heldMutex_;
+  std::map<std::string, std::optional<PlistValue>, std::less<>> held_;
+  std::atomic<bool> holding_{false};
 };
 
 }  // namespace orvane

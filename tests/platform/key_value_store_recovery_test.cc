@@ -191,7 +191,8 @@ TEST_F(DamagedSuiteTest, NotADatabaseStartsEmptyAndKeepsOnlyTheNewestDamagedCopy
     std::ofstream(file(), std::ios::binary | std::ios::trunc) << damaged;
     auto store = open();
     ASSERT_NE(store, nullptr);
-    EXPECT_EQ(store->keys(), std::vector<std::string>{});
+    // Nothing is left but the note the SDK reports the repair from.
+    EXPECT_EQ(store->keys(), std::vector<std::string>{std::string(kStoreRepairNoteKey)});
     EXPECT_EQ(damageReports(), 1u) << ::testing::PrintToString(errors_.messages);
     store->set("written", true);
     EXPECT_TRUE(store->synchronize());
@@ -411,6 +412,29 @@ TEST(DamagedDefaultsSuiteTest, TheEngineKeepsItsIdentityAndQueuedRecords) {
   EXPECT_GE(intactRecords(engine.userDefaultsProvider()->object(kQueueKey)).size(),
             size_t{kRecords - 8});
   EXPECT_EQ(errors.count("damaged"), 1u) << ::testing::PrintToString(errors.messages);
+
+  // The repair also reaches the service, once, as soon as the host has set up.
+  auto http = std::make_shared<testing::RecordingHttpTransport>();
+  fake.platform.http = http;
+  Engine reporting(fake.platform);
+  reporting.setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
+  fake.drain();
+  auto repairReports = [&] {
+    size_t count = 0;
+    for (const HttpRequest& request : http->requests()) {
+      const std::string body(request.body.begin(), request.body.end());
+      if (request.url.ends_with("/v2/error-reporting") &&
+          body.find("Damaged store repaired") != std::string::npos) {
+        ++count;
+      }
+    }
+    return count;
+  };
+  EXPECT_EQ(repairReports(), 1u);
+  EXPECT_FALSE(reporting.userDefaultsProvider()->string(kStoreRepairNoteKey));
+  reporting.setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
+  fake.drain();
+  EXPECT_EQ(repairReports(), 1u);
 }
 
 }  // namespace

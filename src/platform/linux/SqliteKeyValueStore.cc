@@ -381,7 +381,9 @@ std::shared_ptr<KeyValueStore> openSqliteSuite(const std::filesystem::path& file
   SuiteRepair repair = repairDamagedSuite(file, prefix, damage, vfs);
   problems.push_back(repair.report);
   if (!repair.replaced) return nullptr;
-  return open(loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems));
+  auto store = open(loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems));
+  if (store) store->set(kStoreRepairNoteKey, PlistValue(std::move(repair.report)));
+  return store;
 }
 
 }  // namespace orvane

@@ -227,6 +227,7 @@ void DemoRun::scheduleScript() {
   }
   for (const FlowPlan& flow : script_.flows) scheduleFlow(flow, flow.firstAt);
 
+  scheduler_.at(script_.consentAt, [this] { app_->grantConsent(); });
   scheduler_.at(script_.updateAt, [this] {
     if (payloadFile_.empty()) {
       recorder_->note("service", "not started by the demo: no update offered");

@@ -90,11 +90,16 @@ HostApp::HostApp(const Script& script, std::shared_ptr<Recorder> recorder, Sched
       application_(std::move(application)) {}
 
 void HostApp::launch(const std::string& key, const std::string& serviceURL) {
-  ContextManager::applicationDidFinishLaunchingWithOptions(std::nullopt, key, Configuration{});
+  // Nothing is kept or sent before the user agrees (grantConsent).
+  Configuration configuration;
+  configuration.requireConsent = true;
+  ContextManager::applicationDidFinishLaunchingWithOptions(std::nullopt, key, configuration);
   ContextManager::setServiceBaseURL(serviceURL);
   // Watch each record on its way to the upload queue, then hand it on as the SDK would.
   ContextManager::setLogSender([recorder = recorder_](const std::shared_ptr<Log>& log) {
     if (!log) return;
+    // Without consent the SDK keeps no record: only count what it queues.
+    if (ContextManager::consent() != ConsentState::kGranted) return log->send();
     for (const Signal& s : log->signals()) {
       if (s.id().rawValue() != kLogId) continue;
       if (const auto* id = std::get_if<std::string>(&s.value())) {
@@ -104,6 +109,12 @@ void HostApp::launch(const std::string& key, const std::string& serviceURL) {
     log->send();
   });
   ContextManager::setGlobalCustomSignal("plan", "free");
+}
+
+void HostApp::grantConsent() {
+  ContextManager::setConsent(ConsentState::kGranted);
+  recorder_->edit([t = recorder_->now()](RunRecord& r) { r.consentAt = t; });
+  recorder_->note("user", "grants consent: the SDK keeps and uploads records from now on");
 }
 
 void HostApp::becomeActive() {

@@ -26,6 +26,8 @@ class HostApp : public std::enable_shared_from_this<HostApp> {
   // What the app does as it starts: setup with its key, where logs and uploads go, the global
   // custom signals every log carries.
   void launch(const std::string& key, const std::string& serviceURL);
+  // The user's answer to the app's consent prompt.
+  void grantConsent();
   void becomeActive();
   void resignActive();
   bool isActive() const;

@@ -453,6 +453,10 @@ std::string summaryTable(const Summary& s) {
   std::string models;
   for (const std::string& m : s.modelsApplied) models += (models.empty() ? "" : ", ") + m;
   html += "<dl class=facts>";
+  if (s.consentAt) {
+    html += fact("consent", "granted at " + number(*s.consentAt) +
+                                " s; contexts before it were decided on the device, not kept");
+  }
   html += fact("records", std::to_string(s.queued) + " queued: " + std::to_string(s.uploaded) +
                               " uploaded, " + std::to_string(s.waiting) + " still waiting, " +
                               std::to_string(s.replaced) + " replaced by their outcome");

@@ -59,6 +59,8 @@ Script makeScript(double seconds) {
                 {0.7 * L, L, Posture::kTableFaceDown}};
   // The update lands while the device lies still, with time for uploads to fetch it before the
   // outage, which comes early enough that the back-off of a one-minute run runs out.
+  // The app asks for consent as it starts; the user grants it a few seconds in.
+  s.consentAt = std::min(3.0, 0.05 * L);
   s.updateAt = 0.15 * L;
   s.outageAt = 0.4 * L;
   s.recoveryAt = 0.45 * L;

@@ -43,6 +43,7 @@ struct Script {
   std::vector<PostureSpan> postures;
   double resignAt = 0;        // the user leaves the app...
   double becomeActiveAt = 0;  // ...and comes back
+  double consentAt = 0;       // the user grants consent: collection starts
   double updateAt = 0;        // the service starts answering with an update
   double outageAt = 0;        // the service fails the next upload...
   double recoveryAt = 0;      // ...and is healthy again

@@ -40,6 +40,7 @@ std::string percent(double share) {
 Summary summarize(const RunRecord& record) {
   Summary s;
   s.length = record.length;
+  s.consentAt = record.consentAt;
   for (const std::string& flow : record.flowOrder) flowEntry(s, flow);
   for (const Decision& d : record.decisions) {
     FlowSummary& f = flowEntry(s, d.flow);
@@ -118,6 +119,11 @@ void printSummary(std::ostream& out, const Summary& s) {
   for (const FlowSummary& f : s.flows) row(f);
   row(s.all);
 
+  if (s.consentAt) {
+    std::snprintf(line, sizeof line, "  consent           granted at %.1f s: collection started\n",
+                  *s.consentAt);
+    out << line;
+  }
   out << "  user answers      " << s.all.answeredYes << " yes, " << s.all.answeredNo << " no\n";
   out << "  records           " << s.queued << " queued: " << s.uploaded << " uploaded, "
       << s.waiting << " still waiting, " << s.replaced << " replaced by their outcome\n";

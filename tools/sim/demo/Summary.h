@@ -49,6 +49,7 @@ struct Summary {
   size_t errorReports = 0;
   size_t sdkErrorLines = 0;
   std::optional<int64_t> serviceStoredEvents;
+  std::optional<double> consentAt;
 };
 
 Summary summarize(const RunRecord& record);

@@ -1,0 +1,194 @@
+// Consent, erase and flush with the suite on disk and the development service on loopback:
+// without consent nothing reaches the service or the data folder; once granted, records flow;
+// revoking and erasing leave no record on disk, and an erase makes the next start a new
+// installation; flush keeps to its timeout against a working and a hanging service.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+
+#include "api/Engine.h"
+#include "devservice/ServiceProcess.h"
+#include "devservice/SilentServer.h"
+#include "logging/LogDictionaries.h"
+#include "logging/OrvaneLogSender.h"
+#include "orvane/Log.h"
+#include "orvane/platform/linux/LinuxPlatform.h"
+#include "testutil/FakePlatform.h"
+#include "util/UserDefaultsProvider.h"
+
+namespace orvane {
+namespace {
+
+using devservice_testing::Service;
+using devservice_testing::TempDir;
+using nlohmann::json;
+
+constexpr const char* kSuite = "com.orvane.ads";
+
+// A host on real threads, curl and a suite in `data`, set up at once.
+class DiskHost {
+ public:
+  DiskHost(const std::filesystem::path& data, const std::string& url, bool requireConsent) {
+    auto executors = makeThreadExecutors();
+    application_ = std::make_shared<HostApplicationService>(executors->mainQueue(),
+                                                            ApplicationState::kInactive);
+    fake.platform.executors = executors;
+    fake.platform.application = application_;
+    fake.platform.http = makeCurlHttpTransport();
+    fake.platform.keyValueStores = makeSqliteKeyValueStoreProvider(data.string());
+    manager = std::make_unique<Engine>(fake.platform);
+    Configuration configuration;
+    configuration.requireConsent = requireConsent;
+    manager->setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, configuration);
+    manager->setServiceBaseURLValue(url);
+    application_->becomeActive();
+  }
+
+  // An outcome record, handed over and written (or dropped) before this returns.
+  void log(const std::string& id) {
+    makeEngineLog(SignalList{SignalInt(SignalEnum::id(3), 1), SignalString(SignalEnum::id(8), id)},
+                  CustomSignalList{}, CustomSignalList{}, CustomSignalList{}, Bytes{},
+                  manager->weakHandle())
+        ->send();
+    settle();
+  }
+  // Everything queued on the sender so far has run.
+  void settle() {
+    std::promise<void> done;
+    manager->orvaneLogSender().onQueue([&done] { done.set_value(); });
+    ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  }
+  std::string installation() { return manager->installationUUID(); }
+
+  testing::FakePlatform fake;
+  std::unique_ptr<Engine> manager;
+
+ private:
+  std::shared_ptr<HostApplicationService> application_;
+};
+
+// The suite as a later launch finds it on disk.
+std::shared_ptr<KeyValueStore> suiteOnDisk(const std::filesystem::path& data) {
+  return makeSqliteKeyValueStoreProvider(data.string())->openSuite(kSuite);
+}
+
+size_t recordsOnDisk(const std::filesystem::path& data) {
+  const auto suite = suiteOnDisk(data);
+  size_t records = 0;
+  for (std::string_view key :
+       {OrvaneLogSender::kMainQueueKey, OrvaneLogSender::kUnloggedQueueKey}) {
+    if (auto queue = suite->get(key); queue && queue->asArray())
+      records += queue->asArray()->size();
+  }
+  return records;
+}
+
+int uploadsReceived(const Service& service) { return service.stored()["counts"]["uploads"]; }
+
+std::set<std::string> receivedLogIds(const Service& service) {
+  const json stored = service.stored();
+  std::set<std::string> received;
+  for (const json& event : stored["events"]) {
+    if (event.contains("log_id") && event["log_id"].is_string()) {
+      received.insert(event["log_id"].get<std::string>());
+    }
+  }
+  return received;
+}
+
+TEST(ConsentOverLoopbackTest, NothingLeavesOrStaysWithoutConsentAndRecordsFlowOnceGranted) {
+  TempDir dir;
+  const auto data = dir.path() / "data";
+  Service service(std::vector<std::string>{"--time-limit", "120"});
+  ASSERT_GT(service.port(), 0);
+  const std::string url = "http://127.0.0.1:" + std::to_string(service.port());
+
+  {
+    DiskHost host(data, url, true);
+    for (int i = 0; i < 3; ++i) host.log("before-" + std::to_string(i));
+    host.manager->orvaneLogSender().triggerUpload(UploadQueueKind::kMain, true);
+    EXPECT_TRUE(host.manager->flush(2));
+    EXPECT_TRUE(host.manager->orvaneLogSender().mainQueue().empty());
+  }
+  EXPECT_EQ(uploadsReceived(service), 0);
+  EXPECT_EQ(recordsOnDisk(data), 0u);
+
+  // The next launch remembers that consent is required and writes nothing until it is granted.
+  const std::vector<std::string> keysBefore = suiteOnDisk(data)->keys();
+  {
+    DiskHost host(data, url, true);
+    host.log("still-waiting");
+    EXPECT_EQ(suiteOnDisk(data)->keys(), keysBefore);
+    host.manager->setConsent(ConsentState::kGranted);
+    host.log("granted-0");
+    host.log("granted-1");
+    EXPECT_TRUE(host.manager->flush(10));
+  }
+  EXPECT_GT(suiteOnDisk(data)->keys().size(), keysBefore.size());
+  EXPECT_EQ(receivedLogIds(service), (std::set<std::string>{"granted-0", "granted-1"}));
+
+  // Revoking deletes what waits, at once, and stops the traffic.
+  {
+    DiskHost host(data, url, true);
+    EXPECT_EQ(host.manager->consent(), ConsentState::kGranted);
+    host.manager->setServiceBaseURLValue("http://127.0.0.1:9");  // the record stays queued
+    host.log("queued-0");
+    ASSERT_EQ(host.manager->orvaneLogSender().mainQueue().size(), 1u);
+    host.manager->setServiceBaseURLValue(url);
+    host.manager->setConsent(ConsentState::kDenied);
+    host.settle();
+    host.log("after-denial");
+    EXPECT_TRUE(host.manager->orvaneLogSender().mainQueue().empty());
+    host.manager->flush(1);
+  }
+  EXPECT_EQ(recordsOnDisk(data), 0u);
+  EXPECT_EQ(receivedLogIds(service), (std::set<std::string>{"granted-0", "granted-1"}));
+}
+
+TEST(ConsentOverLoopbackTest, AnEraseLeavesOnlyTheConsentAndTheNextStartIsANewInstallation) {
+  TempDir dir;
+  const auto data = dir.path() / "data";
+  std::string erasedInstallation;
+  {
+    DiskHost host(data, "http://127.0.0.1:9", false);
+    erasedInstallation = host.installation();
+    host.log("kept-until-erased");
+    host.manager->setConsent(ConsentState::kGranted);
+    host.manager->resetAllData();
+    host.settle();
+    EXPECT_TRUE(host.manager->orvaneLogSender().mainQueue().empty());
+    EXPECT_NE(host.installation(), erasedInstallation);
+  }
+  EXPECT_EQ(recordsOnDisk(data), 0u);
+  EXPECT_NE(suiteOnDisk(data)->get("orvane_installation_uuid"), PlistValue(erasedInstallation));
+  DiskHost next(data, "http://127.0.0.1:9", false);
+  EXPECT_NE(next.installation(), erasedInstallation);
+  EXPECT_EQ(next.manager->consent(), ConsentState::kGranted);
+}
+
+TEST(ConsentOverLoopbackTest, FlushEmptiesTheQueueInTimeOrGivesUpAtItsTimeout) {
+  TempDir dir;
+  Service service(std::vector<std::string>{"--time-limit", "120"});
+  ASSERT_GT(service.port(), 0);
+  {
+    DiskHost host(dir.path() / "working", "http://127.0.0.1:9", false);
+    for (int i = 0; i < 5; ++i) host.log("flushed-" + std::to_string(i));
+    host.manager->setServiceBaseURLValue("http://127.0.0.1:" + std::to_string(service.port()));
+    EXPECT_TRUE(host.manager->flush(10));
+    EXPECT_TRUE(host.manager->orvaneLogSender().mainQueue().empty());
+  }
+  DiskHost host(dir.path() / "hanging", "http://127.0.0.1:9", false);
+  // Goes first, so that the transport's worker is let go at once.
+  devservice_testing::SilentServer silent;
+  host.log("stuck");
+  host.manager->setServiceBaseURLValue(silent.url());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(host.manager->flush(1));
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  EXPECT_LT(took.count(), 1.5);
+  EXPECT_EQ(host.manager->orvaneLogSender().mainQueue().size(), 1u);
+}
+
+}  // namespace
+}  // namespace orvane
