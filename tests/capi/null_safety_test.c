@@ -357,6 +357,30 @@ static void test_the_log_level_filters_sdk_lines(void) {
   orvane_set_log_level(ORVANE_SDK_LOG_WARNING);
 }
 
+static void test_consent_is_checked_and_kept(void) {
+  size_t before = lines_seen();
+  CHECK(orvane_consent() == ORVANE_CONSENT_UNKNOWN);
+  orvane_set_consent((orvane_consent_state)99);
+  CHECK_NUMBER(lines_containing(before, "99 is not a consent state", NULL), 1);
+  CHECK(orvane_consent() == ORVANE_CONSENT_UNKNOWN);
+  orvane_set_consent(ORVANE_CONSENT_DENIED);
+  CHECK(orvane_consent() == ORVANE_CONSENT_DENIED);
+  before = lines_seen();
+  orvane_reset_all_data();
+  CHECK_NUMBER(lines_containing(before, "All data erased", NULL), 1);
+  CHECK(orvane_consent() == ORVANE_CONSENT_DENIED);
+  orvane_set_consent(ORVANE_CONSENT_UNKNOWN);
+}
+
+static void test_after_shutdown_calls_do_nothing(void) {
+  orvane_context* context;
+  const size_t before = lines_seen();
+  orvane_shutdown(0.2);
+  context = orvane_instant_context("after", 1, NULL, 0);
+  CHECK(context == NULL);
+  CHECK_NUMBER(lines_containing(before, "does nothing: the SDK was shut down", NULL), 1);
+}
+
 /* ---- A request on the SDK's own main thread -------------------------------------------- */
 
 typedef struct answer {
@@ -426,7 +450,9 @@ int main(void) {
   run_test("SDK lines reach the sink with their level",
            test_sdk_lines_reach_the_sink_with_their_level);
   run_test("the log level is checked and errors always pass", test_the_log_level_filters_sdk_lines);
+  run_test("consent is checked and kept, also by an erase", test_consent_is_checked_and_kept);
   run_test("a request answers on the SDK's main thread with the user data",
            test_a_request_answers_on_the_sdk_main_thread_with_the_user_data);
+  run_test("after shutdown, calls do nothing", test_after_shutdown_calls_do_nothing);
   return finish_tests();
 }
