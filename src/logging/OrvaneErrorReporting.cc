@@ -41,7 +41,7 @@ OrvaneErrorReporting::~OrvaneErrorReporting() {
 }
 
 bool OrvaneErrorReporting::shouldReportError(bool usingDefaultConfiguration) {
-  if (!owner_.configuration().enableErrorReporting) return false;
+  if (!owner_.configuration().enableErrorReporting || !owner_.collectionAllowed()) return false;
   if (usingDefaultConfiguration) return true;
   float rate = RemoteConfiguration::getDefaultConfiguration().errorReportingSampleRate;
   if (decisionDepth == 0) {

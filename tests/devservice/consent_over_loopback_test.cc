@@ -1,7 +1,8 @@
 // Consent, erase and flush with the suite on disk and the development service on loopback:
 // without consent nothing reaches the service or the data folder; once granted, records flow;
 // revoking and erasing leave no record on disk, and an erase makes the next start a new
-// installation; flush keeps to its timeout against a working and a hanging service.
+// installation, also while an upload waits; flush keeps to its timeout against a working and a
+// hanging service.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -146,7 +147,7 @@ TEST(ConsentOverLoopbackTest, NothingLeavesOrStaysWithoutConsentAndRecordsFlowOn
   EXPECT_EQ(receivedLogIds(service), (std::set<std::string>{"granted-0", "granted-1"}));
 }
 
-TEST(ConsentOverLoopbackTest, AnEraseLeavesOnlyTheConsentAndTheNextStartIsANewInstallation) {
+TEST(ConsentOverLoopbackTest, AnEraseRemovesRecordsAndIdentityButKeepsTheConsent) {
   TempDir dir;
   const auto data = dir.path() / "data";
   std::string erasedInstallation;
@@ -188,6 +189,13 @@ TEST(ConsentOverLoopbackTest, FlushEmptiesTheQueueInTimeOrGivesUpAtItsTimeout) {
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
   EXPECT_LT(took.count(), 1.5);
   EXPECT_EQ(host.manager->orvaneLogSender().mainQueue().size(), 1u);
+
+  // An erase while that upload still waits for its answer.
+  ASSERT_TRUE(host.manager->orvaneLogSender().uploadInFlight());
+  host.manager->resetAllData();
+  host.settle();
+  EXPECT_TRUE(host.manager->orvaneLogSender().mainQueue().empty());
+  EXPECT_EQ(recordsOnDisk(dir.path() / "hanging"), 0u);
 }
 
 }  // namespace
