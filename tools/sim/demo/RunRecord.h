@@ -102,7 +102,7 @@ struct RunRecord {
   std::vector<ModelChange> modelChanges;
   std::vector<GoldenBid> goldenBids;
   std::vector<Note> notes;
-  std::optional<double> consentAt;  // when the user granted consent and collection started
+  std::optional<double> consentAt;         // when the user granted consent and collection started
   std::vector<std::string> queuedLogIds;   // every record handed to the upload queue
   std::vector<std::string> waitingLogIds;  // records in the queues at the end
   size_t sdkErrorLines = 0;
