@@ -184,9 +184,12 @@ void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bo
   changeStoreOnQueue([this, key, record = std::move(record), mayStartUpload]() mutable {
     const size_t queued = store_->append(key, PlistValue(std::move(record)));
     if (!mayStartUpload || !shouldUploadNow(queued)) return;
-    std::weak_ptr<Shared> weak = shared_;
-    owner_.platform().executors->mainQueue()->async([this, weak] {
-      if (auto alive = weak.lock()) triggerUpload(UploadQueueKind::kMain, false);
+    // Through the manager's handle: the sender may be gone by the time the main queue runs
+    // this, and the manager's destruction waits for a hold to end.
+    owner_.platform().executors->mainQueue()->async([handle = owner_.weakHandle()] {
+      if (auto engine = Engine::hold(handle)) {
+        engine->orvaneLogSender().triggerUpload(UploadQueueKind::kMain, false);
+      }
     });
   });
 }
