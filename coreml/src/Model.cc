@@ -354,7 +354,8 @@ void* budgetedBlock(size_t size) {
   parseBudgetLeft -= size;
   return ::operator new(size);
 }
-void releaseBlock(void* block, size_t size) { ::operator delete(block, size); }
+// Unsized: clang before 16 declares the sized form only with -fsized-deallocation.
+void releaseBlock(void* block, size_t /*size*/) { ::operator delete(block); }
 
 class ParseBudget {
  public:

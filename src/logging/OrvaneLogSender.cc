@@ -319,7 +319,10 @@ OrvaneLogSender::QueueUploads& OrvaneLogSender::uploadsOf(UploadQueueKind queue)
 uint64_t OrvaneLogSender::requestUpload(UploadQueueKind queue, UploadFlags flags) {
   QueueUploads& uploads = uploadsOf(queue);
   if (uploads.current) {
-    UploadFlags& pending = uploads.pending ? *uploads.pending : uploads.pending.emplace();
+    // Assigned, not emplaced: clang 14 does not see the member initialisers' type as
+    // constructible from nothing inside the enclosing class.
+    if (!uploads.pending) uploads.pending = UploadFlags{};
+    UploadFlags& pending = *uploads.pending;
     pending.forceSend |= flags.forceSend;
     pending.ignoreBackoff |= flags.ignoreBackoff;
     return uploads.runsStarted + 1;
