@@ -60,17 +60,18 @@ CollectionConsent::Change CollectionConsent::setRequired(bool required) {
 CollectionConsent::Change CollectionConsent::change(ConsentState state, bool required) {
   std::lock_guard<std::mutex> guard(changeMutex_);
   const Change change{allows(state_, required_), allows(state, required)};
+  bool wrote = false;
   if (state != state_.load()) {
-    defaults_->setInSuite(kStateKey, static_cast<int64_t>(state));
+    wrote = defaults_->setInSuite(kStateKey, static_cast<int64_t>(state));
   }
-  if (required != required_.load()) defaults_->setInSuite(kRequiredKey, required);
+  if (required != required_.load()) wrote |= defaults_->setInSuite(kRequiredKey, required);
   state_ = state;
   required_ = required;
   if (change.wasAllowed && !change.nowAllowed) defaults_->holdWrites();
   if (!change.wasAllowed && change.nowAllowed) {
-    defaults_->releaseHeldWrites(true);
-  } else {
-    defaults_->synchronize();
+    defaults_->releaseHeldWrites(true);  // synchronises
+  } else if (wrote) {
+    defaults_->synchronize();  // the choice must survive a crash right after it was made
   }
   return change;
 }
