@@ -196,6 +196,13 @@ TEST_F(ModelStoreTest, AppliedPayloadPlacesSharedModelAndServesIt) {
       fs::equivalent(models() + "/home/" + kFixtureVersion + ".mlmodelc/model.mlmodel", shared));
   EXPECT_EQ(store->getCurrentAppliedGenerationId(), "ota-4");  // the key was removed
   EXPECT_EQ(store->getCurrentAppliedAssignmentId(), "");
+
+  // An erase removes every downloaded model, shared copies included.
+  store->eraseAll();
+  fake.drain();
+  EXPECT_FALSE(fs::exists(models() + "/upsell"));
+  EXPECT_FALSE(fs::exists(models() + "/home"));
+  EXPECT_FALSE(fs::exists(shared));
 }
 
 TEST_F(ModelStoreTest, NothingNewerChangesNothing) {
