@@ -297,14 +297,10 @@ ORVANE_API bool orvane_flush(double timeout_seconds) {
 }
 
 ORVANE_API void orvane_set_consent(orvane_consent_state state) {
-  const int value = static_cast<int>(state);  // a C caller may pass any int
-  if (value < ORVANE_CONSENT_UNKNOWN || value > ORVANE_CONSENT_DENIED) {
-    logLine(LogLevel::kError, "[Orvane] orvane_set_consent: " + std::to_string(value) +
-                                  " is not a consent state; nothing changes.");
-    return;
-  }
-  guardedVoid("orvane_set_consent",
-              [&] { ContextManager::setConsent(static_cast<ConsentState>(value)); });
+  // Any int a C caller passes is a valid ConsentState value; the manager refuses the unknown.
+  guardedVoid("orvane_set_consent", [&] {
+    ContextManager::setConsent(static_cast<ConsentState>(static_cast<int>(state)));
+  });
 }
 
 ORVANE_API orvane_consent_state orvane_consent(void) {

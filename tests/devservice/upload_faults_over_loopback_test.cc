@@ -13,6 +13,7 @@
 #include "devservice/SilentServer.h"
 #include "logging/LogDictionaries.h"
 #include "logging/OrvaneLogSender.h"
+#include "network/LoopbackServers.h"
 #include "orvane/Log.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
 #include "testutil/DrainUploads.h"
@@ -25,25 +26,7 @@ namespace {
 using nlohmann::json;
 
 // A service on loopback run by the test's own handlers.
-class LoopbackService {
- public:
-  LoopbackService() {
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  ~LoopbackService() {
-    server_.stop();
-    thread_.join();
-  }
-  httplib::Server& server() { return server_; }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
- private:
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
-};
+using LoopbackService = testing::LoopbackServer<httplib::Server>;
 
 std::shared_ptr<Log> outcomeLog(Engine& manager, const std::string& id) {
   return makeEngineLog(
@@ -115,7 +98,7 @@ TEST(UploadFaultsOverLoopbackTest, ATwoMegabyteRecordIsDroppedAndTheSmallOnesGet
                           reports.push_back(json::parse(request.body));
                           response.status = 200;
                         });
-  OverLoopback host(service.url());
+  OverLoopback host(service.url(""));
   for (int i = 0; i < 6; ++i) host.add("small-" + std::to_string(i));
   auto defaults = host.manager->userDefaultsProvider();
   PlistArray queue = *defaults->array("orvane_log");
@@ -164,7 +147,7 @@ TEST(UploadFaultsOverLoopbackTest, RetryAfterOf429And503HoldsTheNextAttemptBack)
     std::lock_guard<std::mutex> guard(mutex);
     return requests;
   };
-  OverLoopback host(service.url());  // its launch posts an empty batch
+  OverLoopback host(service.url(""));  // its launch posts an empty batch
   host.add("waiting");
   // The fake clock starts at 2023-11-14 22:13:20 UTC.
   {

@@ -75,13 +75,7 @@ class UploadQueueStoreTest : public ::testing::Test {
   }
   size_t reportsSaying(const std::string& message) {
     fake.drain();
-    size_t count = 0;
-    for (const auto& request : http->requests()) {
-      if (!request.url.ends_with("/v2/error-reporting")) continue;
-      auto body = nlohmann::json::parse(request.body.begin(), request.body.end());
-      if (body["message"] == message) ++count;
-    }
-    return count;
+    return http->errorReportsMentioning("\"message\":\"" + message + "\"");
   }
   size_t waiting() { return manager->diagnostics().recordsWaitingInMemory; }
 

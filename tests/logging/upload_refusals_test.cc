@@ -73,15 +73,7 @@ TEST_F(UploadRefusalsTest, EachKindOfFailureIsLoggedOnceAndAnOversizedAnswerIsRe
   EXPECT_EQ(fake.log->countContaining("; 1 records waiting."), 6u);
   EXPECT_EQ(sender().mainQueue().size(), 1u);
 
-  size_t oversizedReports = 0;
-  for (const HttpRequest& request : http->requests()) {
-    const std::string body(request.body.begin(), request.body.end());
-    if (request.url.ends_with("/v2/error-reporting") &&
-        body.find("Upload answer exceeded the size limit") != std::string::npos) {
-      ++oversizedReports;
-    }
-  }
-  EXPECT_EQ(oversizedReports, 1u);
+  EXPECT_EQ(http->errorReportsMentioning("Upload answer exceeded the size limit"), 1u);
 }
 
 TEST(UploadFailureNotesTest, CertificateFailuresAreNamedAsSuch) {

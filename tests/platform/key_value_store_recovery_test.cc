@@ -419,22 +419,11 @@ TEST(DamagedDefaultsSuiteTest, TheEngineKeepsItsIdentityAndQueuedRecords) {
   Engine reporting(fake.platform);
   reporting.setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
   fake.drain();
-  auto repairReports = [&] {
-    size_t count = 0;
-    for (const HttpRequest& request : http->requests()) {
-      const std::string body(request.body.begin(), request.body.end());
-      if (request.url.ends_with("/v2/error-reporting") &&
-          body.find("Damaged store repaired") != std::string::npos) {
-        ++count;
-      }
-    }
-    return count;
-  };
-  EXPECT_EQ(repairReports(), 1u);
+  EXPECT_EQ(http->errorReportsMentioning("Damaged store repaired"), 1u);
   EXPECT_FALSE(reporting.userDefaultsProvider()->string(kStoreRepairNoteKey));
   reporting.setupWith("KEY-0123456789abcdef", nullptr, std::nullopt, Configuration{});
   fake.drain();
-  EXPECT_EQ(repairReports(), 1u);
+  EXPECT_EQ(http->errorReportsMentioning("Damaged store repaired"), 1u);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <string_view>
 #include <vector>
 
 #include "orvane/platform/HttpTransport.h"
@@ -59,6 +60,17 @@ class RecordingHttpTransport : public HttpTransport {
   std::vector<HttpRequest> requests() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return requests_;
+  }
+  // Error reports sent so far whose body mentions `text`.
+  size_t errorReportsMentioning(std::string_view text) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    size_t count = 0;
+    for (const HttpRequest& request : requests_) {
+      const std::string_view body(reinterpret_cast<const char*>(request.body.data()),
+                                  request.body.size());
+      if (request.url.ends_with("/v2/error-reporting") && body.find(text) != body.npos) ++count;
+    }
+    return count;
   }
 
  private:
