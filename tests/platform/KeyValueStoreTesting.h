@@ -56,12 +56,12 @@ struct ErrorLog {
 
 // One statement on the suite's file through a connection of its own, as another process would
 // run it; `blob` binds to ?1. Answers the first column of the first row, 0 without one, -1 on
-// error.
+// error. It waits out a lock the store's own writer holds for a moment, as another process would.
 inline int64_t runSql(const fs::path& file, const std::string& sql, const Bytes& blob = {}) {
   sqlite3* db = nullptr;
   sqlite3_stmt* statement = nullptr;
   int64_t result = -1;
-  if (sqlite3_open(file.c_str(), &db) == SQLITE_OK &&
+  if (sqlite3_open(file.c_str(), &db) == SQLITE_OK && sqlite3_busy_timeout(db, 5000) == SQLITE_OK &&
       sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK) {
     if (!blob.empty()) sqlite3_bind_blob(statement, 1, blob.data(), int(blob.size()), nullptr);
     const int rc = sqlite3_step(statement);
