@@ -478,10 +478,6 @@ ORVANE_API char* orvane_log_flow_name(const orvane_log* log);
 ORVANE_API char* orvane_log_json(const orvane_log* log);
 /* The encoded record as one base64 text. */
 ORVANE_API char* orvane_log_base64(const orvane_log* log);
-/* Every value of the record in plain view, as a JSON object: "ctx_<id>" built-in signals,
- * "f_<id>" custom signals, "g_<id>" global ones, "o_<id>" outcome metadata; decimals as text.
- * For diagnostics. */
-ORVANE_API char* orvane_log_raw_json(const orvane_log* log);
 /* Queues the record for upload, as the default log sender does. */
 ORVANE_API void orvane_log_send(orvane_log* log);
 

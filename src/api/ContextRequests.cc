@@ -1,6 +1,7 @@
 // The request forms: each assembles the request's signals (head, motion, defaults), waits for
 // motion data where it may, and creates the context that decides. Contexts of asynchronous
 // requests are created, and every callback runs, on the main queue.
+#include <algorithm>
 #include <cstdio>
 
 #include "api/Absorbing.h"
@@ -26,6 +27,11 @@ namespace {
 
 constexpr size_t kMaximumFlowNameLength = 500;
 constexpr int64_t kDefaultDelaySeconds = 3;
+// A waiting request is answered once its window of motion data is valid; the buffer keeps 20
+// seconds, so a longer (or an empty) window would never be, and the sensor would sample on.
+constexpr int64_t kShortestWaitSeconds = 1;
+constexpr int64_t kLongestWaitSeconds = 20;
+static_assert(kLongestWaitSeconds <= AccelerometerSensor::kCleanupRetentionDuration);
 
 constexpr const char* kInstantContextDisabledMessage =
     "[Orvane] Using ContextManager.instantContext or specifying a maxDelay of 0 requires instant "
@@ -46,10 +52,43 @@ void appendAll(SignalList& to, const SignalList& from) {
 
 namespace {
 
+// Characters are Unicode code points: every UTF-8 byte but a continuation byte starts one.
+size_t characterCount(const std::string& text) {
+  return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  }));
+}
+
 void applyFlowNameRule(const std::string& flowName, SystemLog& log) {
-  if (flowName.size() <= kMaximumFlowNameLength) return;
+  if (flowName.size() <= kMaximumFlowNameLength ||
+      characterCount(flowName) <= kMaximumFlowNameLength) {
+    return;
+  }
   log.error("[Orvane] Flow name \"" + flowName + "\" exceeds the maximum allowed length of " +
             std::to_string(kMaximumFlowNameLength) + " characters.");
+}
+
+const char* publicName(MethodUsed method) {
+  switch (method) {
+    case MethodUsed::kOptimize:
+      return "optimize";
+    case MethodUsed::kCalibrate:
+      return "calibrate";
+    default:
+      return "fetchContext";
+  }
+}
+
+// The wait clamped into what the motion buffer can answer, with a line when that changed it.
+int64_t answerableDuration(int64_t seconds, MethodUsed method, SystemLog& log) {
+  const int64_t clamped = std::clamp(seconds, kShortestWaitSeconds, kLongestWaitSeconds);
+  if (clamped != seconds) {
+    log.error("[Orvane] ContextManager." + std::string(publicName(method)) + " was asked for " +
+              std::to_string(seconds) + " s of motion data, but a request can wait for " +
+              std::to_string(kShortestWaitSeconds) + " to " + std::to_string(kLongestWaitSeconds) +
+              " s only; it is answered with " + std::to_string(clamped) + " s.");
+  }
+  return clamped;
 }
 
 // Whether this request also records the raw motion samples.
@@ -96,11 +135,12 @@ SignalList Engine::allDefaultSignals() {
 
 // ---- The forms ----------------------------------------------------------------------------
 
-void Engine::requestFetchContext(const std::string& flowName, int64_t duration,
+void Engine::requestFetchContext(const std::string& flowName, int64_t requestedDuration,
                                  const CustomSignalList& customSignals, ContextCallback callback,
                                  MethodUsed method) noexcept {
   absorbing(platform_, "fetchContext", [&] {
     applyFlowNameRule(flowName, *platform_.log);
+    const int64_t duration = answerableDuration(requestedDuration, method, *platform_.log);
     AccelerometerSensor& sensor = accelerometerSensor();
     {
       std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());

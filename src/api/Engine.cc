@@ -101,7 +101,9 @@ Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> impos
                                : ContextManagerIsSupported::kUnsupported;
   }
   if (platform_.http) platform_.http = consent_->gate(std::move(platform_.http));
-  runInitialBootup();
+  // The first static call creates the manager, so this runs inside a host's call: a failing
+  // store or sensor leaves a manager that starts without them rather than an exception.
+  absorbing(platform_, "start", [this] { runInitialBootup(); });
   setCurrentPlatform(HostPlatform::kNative);
 }
 
@@ -433,13 +435,13 @@ void Engine::becomeActiveHandling() {
     currentSessionId_ = makeUUIDString(*platform_.random);
   }
   launchReason_->appDidBecomeActive();
-  pushSettingsSignalGenerator().refreshPushSettings();
   {
     AccelerometerSensor& sensor = accelerometerSensor();
     std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
     sensor.setAppInForeground(true);
     sensor.maybeStartAccelerometer();
   }
+  pushSettingsSignalGenerator().refreshPushSettings();
   const int64_t launches = appLaunchSignals_->incrementAndGetNumberOfAppLaunches();
   appLaunchSignals_->updateLastAppWillResignDate();
   {

@@ -3,7 +3,6 @@
 #include <cctype>
 
 #include "capi/CApi.h"
-#include "logging/LogDictionaries.h"
 
 namespace orvane::capi {
 namespace {
@@ -385,12 +384,6 @@ ORVANE_API char* orvane_log_json(const orvane_log* log) {
 ORVANE_API char* orvane_log_base64(const orvane_log* log) {
   return readLogText(log, "orvane_log_base64",
                      [](const Log& l) { return std::optional<std::string>(l.toBase64()); });
-}
-
-ORVANE_API char* orvane_log_raw_json(const orvane_log* log) {
-  return readLogText(log, "orvane_log_raw_json", [](const Log& l) {
-    return std::optional<std::string>(toJson(PlistValue(rawDictionary(l, nullptr))));
-  });
 }
 
 ORVANE_API void orvane_log_send(orvane_log* log) {

@@ -233,5 +233,29 @@ TEST(ContextManagerTest, PublicModelViewFollowsTheStoreAndTheSwitch) {
   EXPECT_EQ(manager.modelInformation("paywall")->randomUpsellChance, 0.2);
 }
 
+// The notification settings are asked for once sampling already runs: the sensor is the
+// first thing to follow the app into the foreground.
+TEST(ContextManagerTest, BecomingActiveStartsSamplingBeforeAskingForNotificationSettings) {
+  class Probe : public NotificationSettingsService {
+   public:
+    void getNotificationSettings(NotificationSettingsCompletion completion) override {
+      if (manager) samplingWhenAsked.push_back(manager->accelerometerSensor().isSampling());
+      completion(std::nullopt);
+    }
+    Engine* manager = nullptr;
+    std::vector<bool> samplingWhenAsked;
+  };
+  FakePlatform fake;
+  auto probe = std::make_shared<Probe>();
+  fake.platform.notifications = probe;
+  Engine manager(fake.platform, ContextManagerIsSupported::kSupported);
+  probe->manager = &manager;
+  fake.application->becomeActive();  // the host's app was active already
+  fake.application->resignActive();
+  fake.application->becomeActive();
+  fake.drain();
+  EXPECT_EQ(probe->samplingWhenAsked, std::vector<bool>{true});
+}
+
 }  // namespace
 }  // namespace orvane

@@ -202,7 +202,7 @@ void capture_log(orvane_log* log, void* user_data) {
   entry.id = orvane_log_id(log);
   entry.flow = orvane_log_flow_name(log);
   entry.context_uuid = orvane_log_context_uuid(log);
-  entry.raw_json = orvane_log_raw_json(log);
+  entry.values_json = harness_log_values_json(log);
   pthread_mutex_lock(&logs_mutex);
   if (log_count < MAX_LOGS) {
     logs[log_count++] = entry;
@@ -226,7 +226,7 @@ static captured_log copy_log(const captured_log* log) {
   copy.id = duplicate(log->id);
   copy.flow = duplicate(log->flow);
   copy.context_uuid = duplicate(log->context_uuid);
-  copy.raw_json = duplicate(log->raw_json);
+  copy.values_json = duplicate(log->values_json);
   return copy;
 }
 
@@ -262,7 +262,7 @@ void captured_free(captured_log* log) {
   free(log->id);
   free(log->flow);
   free(log->context_uuid);
-  free(log->raw_json);
+  free(log->values_json);
   memset(log, 0, sizeof *log);
 }
 

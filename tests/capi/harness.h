@@ -58,9 +58,11 @@ typedef struct captured_log {
   char* id;
   char* flow;
   char* context_uuid;
-  char* raw_json;
+  char* values_json; /* see harness_log_values_json */
 } captured_log;
 
+/* The log's signal values as a JSON object ("ctx_", "f_", "g_", "o_" keys); caller frees. */
+char* harness_log_values_json(const orvane_log* log);
 /* A log sender (user data unused) that keeps a copy of each log's values. */
 void capture_log(orvane_log* log, void* user_data);
 size_t captured_count(void);

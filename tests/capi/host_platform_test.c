@@ -168,8 +168,8 @@ static void test_fetch_waits_for_the_hosts_motion_and_answers_on_its_loop(void) 
   /* Its creation record carries the request's custom signal. */
   creation = captured_latest("paywall", -101, &found);
   CHECK(found);
-  CHECK(json_member_is(creation.raw_json, "f_placement", "\"onboarding\""));
-  CHECK(json_member_is(creation.raw_json, "ctx_192", "true")); /* valid motion data */
+  CHECK(json_member_is(creation.values_json, "f_placement", "\"onboarding\""));
+  CHECK(json_member_is(creation.values_json, "ctx_192", "true")); /* valid motion data */
   captured_free(&creation);
 }
 
@@ -260,7 +260,7 @@ static void test_main_thread_is_the_hosts(void) {
   here = orvane_instant_context("here", 1, NULL, 0);
   CHECK_NUMBER(captured_count(), before + 1);
   log = captured_latest("here", -101, &found);
-  CHECK(found && json_member_is(log.raw_json, "ctx_370", "true"));
+  CHECK(found && json_member_is(log.values_json, "ctx_370", "true"));
   captured_free(&log);
   orvane_context_release(here);
 
@@ -272,7 +272,7 @@ static void test_main_thread_is_the_hosts(void) {
   CHECK(host_loop_pending() > 0);
   host_loop_run();
   log = captured_latest("elsewhere", -101, &found);
-  CHECK(found && json_member_is(log.raw_json, "ctx_370", "false"));
+  CHECK(found && json_member_is(log.values_json, "ctx_370", "false"));
   captured_free(&log);
 }
 
@@ -282,7 +282,7 @@ static bool next_context_has(const char* flow, const char* key, const char* expe
   captured_log log;
   orvane_context_release(orvane_instant_context(flow, 1, NULL, 0));
   log = captured_latest(flow, -101, &found);
-  matches = found && json_member_is(log.raw_json, key, expected);
+  matches = found && json_member_is(log.values_json, key, expected);
   captured_free(&log);
   return matches;
 }

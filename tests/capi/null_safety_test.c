@@ -134,7 +134,6 @@ static bool log_uuid(void) { return orvane_log_context_uuid(NULL) == NULL; }
 static bool log_flow(void) { return orvane_log_flow_name(NULL) == NULL; }
 static bool log_json(void) { return orvane_log_json(NULL) == NULL; }
 static bool log_base64(void) { return orvane_log_base64(NULL) == NULL; }
-static bool log_raw(void) { return orvane_log_raw_json(NULL) == NULL; }
 static bool log_send(void) { return orvane_log_send(NULL), true; }
 static bool log_retain(void) { return orvane_log_retain(NULL) == NULL; }
 static bool setup_key(void) { return !orvane_setup(NULL, NULL); }
@@ -228,7 +227,6 @@ static const null_case null_cases[] = {
     {"orvane_log_flow_name", log_flow},
     {"orvane_log_json", log_json},
     {"orvane_log_base64", log_base64},
-    {"orvane_log_raw_json", log_raw},
     {"orvane_log_send", log_send},
     {"orvane_log_retain", log_retain},
     {"orvane_setup", setup_key},

@@ -31,8 +31,8 @@ static orvane_custom_signal signal_text(const char* id, orvane_custom_signal_typ
 static char* latest_raw(const char* flow, int32_t outcome) {
   bool found = false;
   captured_log log = captured_latest(flow, outcome, &found);
-  char* raw = log.raw_json;
-  log.raw_json = NULL;
+  char* raw = log.values_json;
+  log.values_json = NULL;
   captured_free(&log);
   return found ? raw : NULL;
 }
