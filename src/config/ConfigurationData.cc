@@ -9,7 +9,7 @@ namespace orvane {
 
 namespace {
 
-// The five settings that are optional in both records, with the same names in both.
+// The settings that are optional in both records, with the same names in both.
 template <typename Record>
 void readOptionalSettings(const JsonReader& reader, Record& out) {
   if (auto field = reader.optional("goldenSignals")) {
@@ -24,6 +24,7 @@ void readOptionalSettings(const JsonReader& reader, Record& out) {
         field->asArray<std::string>([](const JsonReader& item) { return item.asString(); });
   }
   out.activityTaggerVersion = reader.optionalString("activityTaggerVersion");
+  out.uploadContentEncoding = reader.optionalString("uploadContentEncoding");
 }
 
 }  // namespace
@@ -57,6 +58,7 @@ nlohmann::ordered_json toJson(const ConfigurationData& data) {
   }
   if (data.activities) json["activities"] = *data.activities;
   if (data.activityTaggerVersion) json["activityTaggerVersion"] = *data.activityTaggerVersion;
+  if (data.uploadContentEncoding) json["uploadContentEncoding"] = *data.uploadContentEncoding;
   return json;
 }
 

@@ -26,6 +26,8 @@ struct ConfigurationData {
   std::optional<bool> returnContextDurationAsGoldenSignal;
   std::optional<std::vector<std::string>> activities;
   std::optional<std::string> activityTaggerVersion;
+  // The content coding the service takes for upload bodies ("gzip"); plain JSON without it.
+  std::optional<std::string> uploadContentEncoding;
 
   bool operator==(const ConfigurationData&) const = default;
 };
@@ -40,6 +42,7 @@ struct ServerConfiguration {
   std::optional<bool> returnContextDurationAsGoldenSignal;
   std::optional<std::vector<std::string>> activities;
   std::optional<std::string> activityTaggerVersion;
+  std::optional<std::string> uploadContentEncoding;
 
   bool operator==(const ServerConfiguration&) const = default;
 };

@@ -79,6 +79,7 @@ ConfigurationData RemoteConfiguration::merge(const std::optional<ServerConfigura
   }
   if (u.activities) merged.activities = u.activities;
   if (u.activityTaggerVersion) merged.activityTaggerVersion = u.activityTaggerVersion;
+  if (u.uploadContentEncoding) merged.uploadContentEncoding = u.uploadContentEncoding;
   return merged;
 }
 

@@ -71,9 +71,12 @@ Result<Bytes> deflateRaw(std::span<const uint8_t> input, CompressionHint hint) {
   return large.compress(input);
 }
 
-Result<Bytes> inflateRaw(std::span<const uint8_t> input, size_t maxOutput) {
+namespace {
+
+// windowBits -15 reads raw DEFLATE, 31 one gzip member.
+Result<Bytes> inflateWith(int windowBits, std::span<const uint8_t> input, size_t maxOutput) {
   z_stream stream{};
-  int rc = inflateInit2(&stream, -15);
+  int rc = inflateInit2(&stream, windowBits);
   if (rc != Z_OK) return zlibError(rc, "Failed to start decompression");
   Bytes out;
   uint8_t chunk[16384];
@@ -98,6 +101,36 @@ Result<Bytes> inflateRaw(std::span<const uint8_t> input, size_t maxOutput) {
     }
   } while (rc != Z_STREAM_END);
   inflateEnd(&stream);
+  return out;
+}
+
+}  // namespace
+
+Result<Bytes> inflateRaw(std::span<const uint8_t> input, size_t maxOutput) {
+  return inflateWith(-15, input, maxOutput);
+}
+
+Result<Bytes> gzipDecompress(std::span<const uint8_t> input, size_t maxOutput) {
+  return inflateWith(31, input, maxOutput);
+}
+
+Result<Bytes> gzipCompress(std::span<const uint8_t> input) {
+  // An upload body is compressed once, off the caller's thread: a stream of its own at the
+  // default level, rather than a thread's kept compressor.
+  z_stream stream{};
+  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+    return zlibError(Z_MEM_ERROR, "Failed to start compression");
+  }
+  Bytes out(deflateBound(&stream, static_cast<uLong>(input.size())));
+  stream.next_in = const_cast<Bytef*>(input.data());
+  stream.avail_in = static_cast<uInt>(input.size());
+  stream.next_out = out.data();
+  stream.avail_out = static_cast<uInt>(out.size());
+  const int rc = deflate(&stream, Z_FINISH);
+  const uLong written = stream.total_out;
+  deflateEnd(&stream);
+  if (rc != Z_STREAM_END) return zlibError(rc, "Failed to compress data");
+  out.resize(written);
   return out;
 }
 

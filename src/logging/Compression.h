@@ -1,5 +1,6 @@
 // File: Compression.h
-// Raw DEFLATE (RFC 1951: no zlib header, no checksum), the form the encoded log uses.
+// Raw DEFLATE (RFC 1951: no zlib header, no checksum), the form the encoded log uses, and
+// gzip, the content coding of compressed upload bodies.
 #pragma once
 
 #include <cstdint>
@@ -26,5 +27,10 @@ Result<Bytes> deflateRaw(std::span<const uint8_t> input,
                          CompressionHint hint = CompressionHint::kGeneral);
 // Fails on malformed or truncated input and when the output would exceed `maxOutput` bytes.
 Result<Bytes> inflateRaw(std::span<const uint8_t> input, size_t maxOutput = size_t{64} << 20);
+
+// The gzip member (RFC 1952) of `input`, for bodies sent with "Content-Encoding: gzip".
+Result<Bytes> gzipCompress(std::span<const uint8_t> input);
+// The content of one gzip member, with the same failures as inflateRaw.
+Result<Bytes> gzipDecompress(std::span<const uint8_t> input, size_t maxOutput = size_t{64} << 20);
 
 }  // namespace orvane

@@ -7,11 +7,13 @@
 #include <utility>
 
 #include "api/Engine.h"
+#include "config/RemoteConfiguration.h"
 #include "config/ServerPayload.h"
 #include "generators/AppInstallationEnvironmentHelper.h"
 #include "generators/GeoIPSignalGenerator.h"
 #include "generators/InternetSignalsGenerator.h"
 #include "logging/AnyEncodable.h"
+#include "logging/Compression.h"
 #include "logging/LogDictionaries.h"
 #include "logging/OrvaneErrorReporting.h"
 #include "models/CoreMLModelManager.h"
@@ -98,7 +100,8 @@ struct OrvaneLogSender::UploadRun {
   // is replaced by its halves.
   std::deque<std::pair<size_t, size_t>> parts;
   uint64_t attempt = 0;  // the answer waited for
-  size_t bodyBytes = 0;  // of that request
+  size_t bodyBytes = 0;  // of that request, as sent
+  bool gzipped = false;  // whether that request's body was gzip-coded
   std::shared_ptr<Cancellable> guard;
 
   std::span<const PlistDictionary* const> nextPart() const {
@@ -398,12 +401,7 @@ void OrvaneLogSender::sendPart(const std::shared_ptr<UploadRun>& run) {
     return;
   }
 
-  HttpRequest request;
-  request.url = owner_.serviceBaseURL() + std::string(kPath);
-  request.headers = {{"Content-Type", "application/json"}};
-  request.body.assign(body->begin(), body->end());
-  request.timeoutSeconds = kRequestTimeoutSeconds;
-  run->bodyBytes = body->size();
+  HttpRequest request = uploadRequest(*body, *run);
   body.reset();
   const uint64_t attempt = run->attempt = ++attempts_;
 
@@ -435,6 +433,26 @@ void OrvaneLogSender::sendPart(const std::shared_ptr<UploadRun>& run) {
       });
 }
 
+HttpRequest OrvaneLogSender::uploadRequest(const std::string& body, UploadRun& run) const {
+  HttpRequest request;
+  request.url = owner_.serviceBaseURL() + std::string(kPath);
+  request.headers = {{"Content-Type", "application/json"}};
+  request.timeoutSeconds = kRequestTimeoutSeconds;
+  run.gzipped = false;
+  if (!gzipRefused_ &&
+      owner_.remoteConfiguration().getConfiguration().uploadContentEncoding == "gzip") {
+    if (auto packed =
+            gzipCompress(std::span(reinterpret_cast<const uint8_t*>(body.data()), body.size()))) {
+      request.headers.emplace_back("Content-Encoding", "gzip");
+      request.body = std::move(*packed);
+      run.gzipped = true;
+    }
+  }
+  if (!run.gzipped) request.body.assign(body.begin(), body.end());
+  run.bodyBytes = request.body.size();
+  return request;
+}
+
 void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
                                    const std::optional<HttpResponse>& response,
                                    const std::optional<PlatformError>& error) {
@@ -446,6 +464,15 @@ void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
       owner_.orvaneErrorReporting().reportError("Upload answer exceeded the size limit", *error,
                                                 true, std::nullopt);
     }
+  }
+  if (response && response->statusCode == 415 && run->gzipped) {
+    // The coding the service announced is not taken after all: the same part goes plain.
+    gzipRefused_ = true;
+    owner_.platform().log->info(
+        "[Orvane] The service refused a gzip upload body (415); uploads are sent as plain JSON "
+        "for the rest of the session.");
+    sendPart(run);
+    return;
   }
   const auto [begin, end] = run->parts.front();
   const bool tooLarge = response && response->statusCode == 413 && end > begin;

@@ -151,6 +151,8 @@ class OrvaneLogSender {
   // Reads the batch and sends its first part; false when nothing is sent.
   bool beginUpload(UploadQueueKind queue, UploadFlags flags);
   void sendPart(const std::shared_ptr<UploadRun>& run);
+  // The request for one upload body: gzip-coded when the service takes it.
+  HttpRequest uploadRequest(const std::string& body, UploadRun& run) const;
   void handleAnswer(const std::shared_ptr<UploadRun>& run,
                     const std::optional<HttpResponse>& response,
                     const std::optional<PlatformError>& error);
@@ -174,6 +176,9 @@ class OrvaneLogSender {
   QueueUploads unloggedUploads_;
   std::vector<FlushWaiter> flushWaiters_;
   uint64_t attempts_ = 0;
+  // A service that announced gzip bodies and then refused one (415) gets plain JSON for the
+  // rest of the session.
+  bool gzipRefused_ = false;
   UploadFailureNotes failureNotes_;
   std::shared_ptr<Cancellable> storeRetry_;
   double storeRetryDelayS_ = kStoreRetryFirstDelayS;

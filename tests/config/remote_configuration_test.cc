@@ -41,7 +41,8 @@ class RemoteConfigurationTest : public ::testing::Test {
 const std::vector<uint16_t> kGolden{219, 958, 217, 982, 218, 215, 971, 101,
                                     216, 120, 970, 113, 125, 984, 972};
 const std::vector<std::string> kActivities{"couch", "pocket"};
-const ConfigurationData kDefaults{20, 0.05f, 0.001f, 30, kGolden, 3, false, kActivities, "0.0.5"};
+const ConfigurationData kDefaults{20, 0.05f, 0.001f,      30,      kGolden,
+                                  3,  false, kActivities, "0.0.5", std::nullopt};
 
 TEST_F(RemoteConfigurationTest, PartialUpdateIsMergedWithDefaultsStoredAndSurvivesRestart) {
   auto config = make();
@@ -181,7 +182,7 @@ TEST(ConfigurationDataTest, StoredFloatsReadBackBitForBit) {
   }
   for (float f : values) {
     auto decoded = decodeConfigurationData(
-        encodeConfigurationData(ConfigurationData{1, f, -f, 2, {}, {}, {}, {}, {}}));
+        encodeConfigurationData(ConfigurationData{1, f, -f, 2, {}, {}, {}, {}, {}, {}}));
     ASSERT_TRUE(decoded) << f;
     EXPECT_EQ(std::bit_cast<uint32_t>(decoded->additionalAccelDataSampleRate),
               std::bit_cast<uint32_t>(f));

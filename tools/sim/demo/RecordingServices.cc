@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "logging/Compression.h"
+
 namespace orvane::sim::demo {
 namespace {
 
@@ -61,7 +63,14 @@ void RecordingHttpTransport::send(HttpRequest request, HttpCompletion completion
   if (endsWith(request.url, "/v2/error-reporting")) {
     exchange.kind = Exchange::Kind::kErrorReport;
   } else {
-    exchange.logIds = uploadedLogIds(request.body);
+    bool gzipped = false;
+    for (const auto& [name, value] : request.headers)
+      gzipped |= name == "Content-Encoding" && value == "gzip";
+    if (!gzipped) {
+      exchange.logIds = uploadedLogIds(request.body);
+    } else if (auto body = gzipDecompress(request.body)) {
+      exchange.logIds = uploadedLogIds(*body);
+    }
   }
   inner_->send(std::move(request),
                [recorder = recorder_, noted = notedVersion_, exchange = std::move(exchange),

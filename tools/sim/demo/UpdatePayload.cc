@@ -53,6 +53,7 @@ json makeUpdatePayload(int64_t version, const std::string& serviceURL, const Scr
             {"modelInfoPerFlow", flows},
             {"configuration",
              {{"errorReportingSampleRate", 1.0},
+              {"uploadContentEncoding", "gzip"},  // the development service takes gzip bodies
               {"additionalAccelDataSampleRate", 0.1},
               {"automaticEntryPointPollingIntervalSeconds",
                static_cast<int64_t>(std::lround(script.observerPolling))}}}}}};
