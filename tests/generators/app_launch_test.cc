@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <map>
+#include <vector>
 
 #include "generators/AppLaunchReasonSignalsGenerator.h"
 #include "generators/AppLaunchSignalsGenerator.h"
@@ -55,16 +56,38 @@ TEST_F(AppLaunchHistoryTest, WronglyTypedHistoryCountsAsEmpty) {
   EXPECT_EQ(todaysEntries("app_seconds"), 1u);
 }
 
-TEST_F(AppLaunchHistoryTest, TriggersCloserThanThreeSecondsCountOnceAndResignsAreKept) {
-  generator.updateLastAppWillResignDate();
-  EXPECT_EQ(AppLaunchSignalsGenerator(dates, defaults, calendar).lastAppWillResignDate(),
-            Date{1.7e9});
+TEST_F(AppLaunchHistoryTest, ATriggerWithinThreeSecondsOfTheLastRecordedOneIsNotRecorded) {
+  struct Case {
+    std::vector<double> offsets;  // seconds after the first trigger
+    size_t recorded;
+  };
+  const Case cases[] = {
+      {{0, 2}, 1},
+      {{0, 4}, 2},
+      {{0, 2.999}, 1},
+      {{0, 3}, 2},
+      // The gap counts from the last recorded trigger, not from the last attempt.
+      {{0, 2, 4}, 2},
+      {{0, 1, 2, 3, 4, 5, 6}, 3},
+  };
+  for (const Case& c : cases) {
+    auto clock = std::make_shared<testing::FakeClock>(1.7e9);
+    auto suite = makeInMemoryKeyValueStoreProvider()->openSuite("triggers");
+    auto suiteDefaults = std::make_shared<UserDefaultsProvider>(suite);
+    AppLaunchSignalsGenerator triggers(std::make_shared<DefaultDateProvider>(clock), suiteDefaults,
+                                       calendar);
+    for (double offset : c.offsets) {
+      clock->set(1.7e9 + offset);
+      triggers.didUserTriggerOrvane();
+    }
+    const auto history = suiteDefaults->dictionary("orvane_triggers");
+    ASSERT_TRUE(history);
+    EXPECT_EQ(history->at(triggers.currentDateFormatted()).asArray()->size(), c.recorded)
+        << ::testing::PrintToString(c.offsets);
+  }
+  // The rule lives in memory only: a new process records at once.
   generator.didUserTriggerOrvane();
-  dates->setStubDate(Date{1.7e9 + 2});
-  generator.didUserTriggerOrvane();
-  EXPECT_EQ(todaysEntries("orvane_triggers"), 1u);
-  dates->setStubDate(Date{1.7e9 + 6});
-  generator.didUserTriggerOrvane();
+  AppLaunchSignalsGenerator(dates, defaults, calendar).didUserTriggerOrvane();
   EXPECT_EQ(todaysEntries("orvane_triggers"), 2u);
 }
 
@@ -113,9 +136,11 @@ TEST_F(AppLaunchHistoryTest, SessionMediansAndComparisons) {
   EXPECT_EQ(values[420], 150.0f / 40.0f);
   EXPECT_EQ(values[419], 75);
   EXPECT_EQ(values[423], 2);
-  // The history survives a new process, stored as the suite's dictionaries.
+  // The history and the last resign survive a new process, stored in the suite.
+  generator.updateLastAppWillResignDate();
   AppLaunchSignalsGenerator reloaded(dates, defaults, calendar);
   EXPECT_EQ(signalValues(reloaded.appSecondsSignals(Date{1.7e9}))[410], 220);
+  EXPECT_EQ(reloaded.lastAppWillResignDate(), Date{1.7e9 + 86400});
 }
 
 TEST(LaunchReasonTest, FirstKeyInPriorityOrderDecides) {

@@ -163,20 +163,6 @@ TEST_F(SensorTest, WaitingCallsOfOneDurationAreAnsweredTogetherByTheFirstValidWi
   EXPECT_EQ(sampleCount(answers[2].signals), 500);
 }
 
-TEST_F(SensorTest, CancellingAFlowDropsOnlyItsCalls) {
-  foregroundWithRequest();
-  request("a", 3);
-  request("b", 3);
-  request("a", 5);
-  EXPECT_EQ(sensor.cancelCallbackForFlow("a"), 2);
-  EXPECT_EQ(sensor.cancelCallbackForFlow("a"), 0);
-  EXPECT_EQ(sensor.cancelCallbackForFlow("unknown"), 0);
-  feed(500);
-  ASSERT_EQ(answers.size(), 1u);
-  EXPECT_EQ(answers[0].flow, "b");
-  EXPECT_EQ(sensor.waitingCallCount(), 0u);
-}
-
 TEST(AccelerometerSensorUnsupported, AnswersAtOnceWithReasonThreeAndNeverSamples) {
   FakePlatform fake;
   AccelerometerSensor sensor(environmentOf(fake, makeUnsupportedMotionService(true, false)), true);

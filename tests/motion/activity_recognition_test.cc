@@ -1,7 +1,11 @@
 // Finding, checking, caching and running the activity models.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
+#include <optional>
+#include <vector>
 
 #include "motion/ActivityRecognitionManager.h"
 #include "motion/MotionTrace.h"
@@ -50,33 +54,63 @@ class ActivityRecognitionTest : public ::testing::Test {
   RecordingErrorReporter reporter;
 };
 
-SignalList windowOf(const std::string& trace) {
+// The motion signals of the 3-second window that ends `secondsBeforeEnd` before the trace does.
+SignalList windowOf(const std::string& trace, double secondsBeforeEnd) {
   auto recorded = readMotionTraceFile(testing::motionFixturesDir() + "/" + trace + ".json");
-  EXPECT_TRUE(recorded.ok());
-  return testing::extractAtEnd(recorded->samples, 3).allSignals();
+  EXPECT_TRUE(recorded.ok()) << trace;
+  if (!recorded.ok()) return {};
+  auto samples = recorded->samples;
+  const double end = samples.back().timestamp.secondsSince1970 - secondsBeforeEnd;
+  std::erase_if(samples, [&](const auto& s) { return s.timestamp.secondsSince1970 > end; });
+  return testing::extractAtEnd(samples, 3).allSignals();
 }
 
-TEST_F(ActivityRecognitionTest, ShippedModelsLoadAndScoreRecordedMotion) {
+TEST_F(ActivityRecognitionTest, ShippedModelsTagRecordedAndGeneratedMotion) {
   auto manager = makeManager();
   for (ActivityType activity : kAllActivityTypes) {
     EXPECT_TRUE(manager.getOrLoadModel(activity)) << rawName(activity);
   }
-  EXPECT_TRUE(messages().empty()) << messages().front();
-  // Cached: the same model object comes back.
+  ASSERT_TRUE(messages().empty()) << messages().front();
   EXPECT_EQ(manager.getOrLoadModel(ActivityType::kWalking),
-            manager.getOrLoadModel(ActivityType::kWalking));
+            manager.getOrLoadModel(ActivityType::kWalking));  // cached
 
-  const SignalList walking = windowOf("walking_in_hand");
-  const SignalList still = windowOf("table_still_face_up");
-  auto walkingModel = manager.getOrLoadModel(ActivityType::kWalking);
-  auto tableModel = manager.getOrLoadModel(ActivityType::kTable);
-  EXPECT_GT(manager.evaluateModel(*walkingModel, walking).value_or(0), 0.6f);
-  EXPECT_LT(manager.evaluateModel(*tableModel, walking).value_or(1), 0.1f);
-  EXPECT_GT(manager.evaluateModel(*tableModel, still).value_or(0), 0.6f);
-  EXPECT_LT(manager.evaluateModel(*walkingModel, still).value_or(1), 0.1f);
+  // "recorded_" traces are real phone recordings, the others generated. The shipped models
+  // were trained on generated motion: they find the real phone lying still on a table, but
+  // take the real one walking sideways in a trouser pocket for lying in bed, so for that
+  // recording only what it is not is checked. Scores are independent: a still phone may also
+  // pass for one in a lift at rest.
+  struct Case {
+    const char* trace;
+    std::optional<ActivityType> tagged;  // scores above 0.6
+    std::vector<ActivityType> ruledOut;  // each scores below 0.1
+  };
+  using enum ActivityType;
+  const Case cases[] = {
+      {"recorded_flat_still", kTable, {kWalking, kRunning, kPocket, kTableFaceDown}},
+      {"recorded_walking_pocket", std::nullopt, {kTable, kTableFaceDown, kSitting, kStanding}},
+      {"walking_in_hand", kWalking, {kTable, kTableFaceDown}},
+      {"table_face_down", kTableFaceDown, {kTable, kWalking}},
+  };
+  for (const Case& c : cases) {
+    for (double secondsBeforeEnd : {0.0, 1.0, 2.0}) {
+      SCOPED_TRACE(std::string(c.trace) + " -" + std::to_string(secondsBeforeEnd) + " s");
+      const SignalList window = windowOf(c.trace, secondsBeforeEnd);
+      std::map<ActivityType, float> scores;
+      for (ActivityType activity : kAllActivityTypes) {
+        scores[activity] =
+            manager.evaluateModel(*manager.getOrLoadModel(activity), window).value_or(-1);
+      }
+      if (c.tagged) {
+        EXPECT_GT(scores[*c.tagged], 0.6f) << rawName(*c.tagged);
+      }
+      for (ActivityType activity : c.ruledOut) {
+        EXPECT_LT(scores[activity], 0.1f) << rawName(activity);
+      }
+    }
+  }
 
   // Without motion signals the zero-filled vector still gets a score.
-  EXPECT_TRUE(manager.evaluateModel(*walkingModel, {}).has_value());
+  EXPECT_TRUE(manager.evaluateModel(*manager.getOrLoadModel(kWalking), {}).has_value());
 }
 
 TEST_F(ActivityRecognitionTest, ConfigurationIsCheckedBeforeAnyFileIsLookedUp) {
