@@ -112,6 +112,8 @@ void onMain(Engine& manager, Task task) {
 }  // namespace
 
 SignalList Engine::allDefaultSignals() {
+  // One zone for all of this context's readings: day keys, zone name and abbreviation, hour.
+  if (platform_.calendar) platform_.calendar->refreshZone();
   appLaunchSignals_->updateLastAppWillResignDate();
   SignalList signals;
   signals.reserve(160);

@@ -442,6 +442,8 @@ void Engine::becomeActiveHandling() {
     sensor.maybeStartAccelerometer();
   }
   pushSettingsSignalGenerator().refreshPushSettings();
+  if (platform_.calendar)
+    platform_.calendar->refreshZone();  // the launch is counted on today's date in today's zone
   const int64_t launches = appLaunchSignals_->incrementAndGetNumberOfAppLaunches();
   appLaunchSignals_->updateLastAppWillResignDate();
   {

@@ -30,6 +30,14 @@ namespace {
 
 constexpr const char* kInternalBundleIdentifiers[] = {"com.orvane.demo", "com.orvane.demo.dev",
                                                       "com.orvane.internal"};
+
+// What each operation reports when the store is unavailable.
+constexpr const char* kAddFailed = "Failed to add new log to queue";
+constexpr const char* kAddUnloggedFailed = "Failed to add logs to unlogged queue";
+constexpr const char* kRemoveUnloggedFailed = "Failed to remove logs from unlogged queue";
+constexpr const char* kUploadFailed = "Failed to perform log upload";
+constexpr const char* kRemoveSentFailed = "Failed to remove logs from queue";
+
 const std::string* textAt(const PlistDictionary& record, const char* key) {
   auto it = record.find(key);
   return it == record.end() ? nullptr : it->second.asString();
@@ -185,7 +193,8 @@ void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bo
   // Without consent a record is not kept: it never reaches the disk and is never sent later.
   if (!owner_.collectionAllowed()) return;
   changeStoreOnQueue([this, key, record = std::move(record), mayStartUpload]() mutable {
-    const size_t queued = store_->append(key, PlistValue(std::move(record)));
+    const size_t queued = store_->append(key, PlistValue(std::move(record)),
+                                         key == kMainQueueKey ? kAddFailed : kAddUnloggedFailed);
     if (!mayStartUpload || !shouldUploadNow(queued)) return;
     // Through the manager's handle: the sender may be gone by the time the main queue runs
     // this, and the manager's destruction waits for a hold to end.
@@ -238,20 +247,26 @@ bool OrvaneLogSender::shouldUploadNow(size_t queueSize) const {
 
 void OrvaneLogSender::removeUnloggedEventFromQueue(const std::string& contextUUID) {
   changeStoreOnQueue([this, contextUUID] {
-    store_->removeIf(kUnloggedQueueKey, [&](const PlistDictionary& record) {
-      const std::string* uuid = textAt(record, "ctx_29");
-      return uuid && *uuid == contextUUID;
-    });
+    store_->removeIf(
+        kUnloggedQueueKey,
+        [&](const PlistDictionary& record) {
+          const std::string* uuid = textAt(record, "ctx_29");
+          return uuid && *uuid == contextUUID;
+        },
+        kRemoveUnloggedFailed);
   });
 }
 
 void OrvaneLogSender::removeLogsFromQueue(std::string_view key,
                                           const std::vector<std::string>& sent) {
   // The store reads the queue again: records added while the batch was in flight stay.
-  store_->removeIf(key, [&](const PlistDictionary& record) {
-    const std::string* id = textAt(record, "ctx_8");
-    return id && std::find(sent.begin(), sent.end(), *id) != sent.end();
-  });
+  store_->removeIf(
+      key,
+      [&](const PlistDictionary& record) {
+        const std::string* id = textAt(record, "ctx_8");
+        return id && std::find(sent.begin(), sent.end(), *id) != sent.end();
+      },
+      kRemoveSentFailed);
   if (queuedChanges_ == 0) synchronizeStore();  // else the last queued change does
 }
 
@@ -345,7 +360,7 @@ bool OrvaneLogSender::beginUpload(UploadQueueKind queue, UploadFlags flags) {
   run->queue = queue;
   run->key = queue == UploadQueueKind::kMain ? kMainQueueKey : kUnloggedQueueKey;
   // Read in place: the stored queue is large and the upload only reads it.
-  run->stored = viewStoredQueue(store_->stored(run->key));
+  run->stored = viewStoredQueue(store_->stored(run->key, kUploadFailed));
   run->batch = run->stored.records;
   if (queue == UploadQueueKind::kUnloggedContexts) {
     // Contexts of the running session may still be logged: they are not "unlogged" yet.
@@ -389,6 +404,9 @@ void OrvaneLogSender::sendPart(const std::shared_ptr<UploadRun>& run) {
   fields.lastOtaUpdate = defaults->integer(CoreMLModelManager::kLastAppliedVersion).value_or(0);
   fields.installationUUID = owner_.installationUUID();
   std::optional<std::string> body = encodeUploadBody(run->nextPart(), fields);
+  if (!body && dropUnencodableRecords(*run) && !run->nextPart().empty()) {
+    body = encodeUploadBody(run->nextPart(), fields);  // the rest of the part still goes
+  }
   if (!body) {
     // A record that cannot be written would block the queue forever: drop the part.
     removeLogsFromQueue(run->key, logIdsOf(run->nextPart()));
@@ -490,8 +508,9 @@ void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
   } else if (completeUpload(response)) {
     removeLogsFromQueue(run->key, logIdsOf(run->nextPart()));
   } else {
-    UploadFailureNotes::noteBackoff(*owner_.platform().log, currentBackoffSeconds(),
-                                    viewStoredQueue(store_->stored(run->key)).records.size());
+    UploadFailureNotes::noteBackoff(
+        *owner_.platform().log, currentBackoffSeconds(),
+        viewStoredQueue(store_->stored(run->key, kUploadFailed)).records.size());
     endRun(run->queue);  // backing off; what was not sent waits for the next attempt
     return;
   }
@@ -513,6 +532,41 @@ void OrvaneLogSender::dropRefusedRecord(const UploadRun& run) {
       "Upload refused a record as too large; dropped it", std::nullopt, false,
       PlistDictionary{{"log_id", logId}, {"size", static_cast<int64_t>(run.bodyBytes)}});
   if (id) removeLogsFromQueue(run.key, {logId});
+}
+
+bool OrvaneLogSender::dropUnencodableRecords(UploadRun& run) {
+  auto& [begin, end] = run.parts.front();
+  std::vector<std::string> ids;
+  size_t dropped = 0;
+  std::string scratch;
+  for (size_t i = begin; i < end;) {
+    std::optional<PlatformError> error;
+    scratch.clear();
+    appendJsonObject(scratch, *run.batch[i], error);
+    if (!error) {
+      ++i;
+      continue;
+    }
+    if (const std::string* id = textAt(*run.batch[i], "ctx_8")) ids.push_back(*id);
+    run.batch.erase(run.batch.begin() + static_cast<ptrdiff_t>(i));
+    --end;
+    ++dropped;
+  }
+  if (dropped == 0) return false;
+  // The parts behind this one index the batch further on.
+  for (auto it = std::next(run.parts.begin()); it != run.parts.end(); ++it) {
+    it->first -= dropped;
+    it->second -= dropped;
+  }
+  const std::string first = ids.empty() ? "" : ids.front();
+  owner_.platform().log->error("[Orvane] " + std::to_string(dropped) +
+                               " queued log(s) could not be written as JSON (first: " + first +
+                               "); dropped them");
+  owner_.orvaneErrorReporting().reportError(
+      "Upload dropped records that could not be encoded", std::nullopt, false,
+      PlistDictionary{{"log_id", first}, {"count", static_cast<int64_t>(dropped)}});
+  removeLogsFromQueue(run.key, ids);
+  return true;
 }
 
 void OrvaneLogSender::endRun(UploadQueueKind queue) {

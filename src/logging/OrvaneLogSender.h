@@ -157,6 +157,9 @@ class OrvaneLogSender {
                     const std::optional<HttpResponse>& response,
                     const std::optional<PlatformError>& error);
   void dropRefusedRecord(const UploadRun& run);
+  // Takes the records of the part about to be sent that cannot be written as JSON out of the
+  // run and the queue, logged and reported; false when there were none.
+  bool dropUnencodableRecords(UploadRun& run);
   void endRun(UploadQueueKind queue);
   QueueUploads& uploadsOf(UploadQueueKind queue);
   // Removes the records whose log id ("ctx_8") is in `sentIds`.

@@ -28,22 +28,28 @@ void keepNewest(Sequence& records) {
       records.begin() + static_cast<ptrdiff_t>(records.size() - UploadQueueStore::kMaximumRecords));
 }
 
+constexpr const char* kUnavailableDetail = "the upload queue store is unavailable";
+constexpr const char* kNotDurableMessage =
+    "Upload queue store did not confirm a write as durable: retrying";
+
 }  // namespace
 
-bool UploadQueueStore::available() {
+bool UploadQueueStore::available(std::string_view operation) {
   if (owner_.userDefaultsProvider()->isAvailable()) return true;
-  notice(Failure::kUnavailable);
+  notice(operation, kUnavailableDetail);
   return false;
 }
 
-size_t UploadQueueStore::append(std::string_view key, PlistValue record) {
+size_t UploadQueueStore::append(std::string_view key, PlistValue record,
+                                std::string_view operation) {
   auto it = queues_.find(key);
   if (it == queues_.end()) it = queues_.emplace(std::string(key), QueueState{}).first;
   QueueState& state = it->second;
+  state.addOperation = std::string(operation);
   state.held.push_back(std::move(record));
   keepNewest(state.held);
   size_t queued = state.held.size();
-  if (available()) {
+  if (available(operation)) {
     if (auto size = writeHeld(key, state)) queued = *size;
   }
   publishCount();
@@ -51,14 +57,15 @@ size_t UploadQueueStore::append(std::string_view key, PlistValue record) {
 }
 
 void UploadQueueStore::removeIf(std::string_view key,
-                                const std::function<bool(const PlistDictionary&)>& matches) {
+                                const std::function<bool(const PlistDictionary&)>& matches,
+                                std::string_view operation) {
   auto pick = [&](const PlistValue& record) {
     const PlistDictionary* fields = record.asDictionary();
     return fields && matches(*fields);
   };
   auto it = queues_.find(key);
   if (it != queues_.end()) std::erase_if(it->second.held, pick);
-  if (available()) {
+  if (available(operation)) {
     const auto& defaults = owner_.userDefaultsProvider();
     PlistArray queue = editableQueue(defaults->sharedObject(key).get());
     const size_t before = queue.size();
@@ -78,8 +85,9 @@ void UploadQueueStore::discard(std::string_view key) {
   publishCount();
 }
 
-std::shared_ptr<const PlistValue> UploadQueueStore::stored(std::string_view key) {
-  return available() ? owner_.userDefaultsProvider()->sharedObject(key) : nullptr;
+std::shared_ptr<const PlistValue> UploadQueueStore::stored(std::string_view key,
+                                                           std::string_view operation) {
+  return available(operation) ? owner_.userDefaultsProvider()->sharedObject(key) : nullptr;
 }
 
 bool UploadQueueStore::retry() {
@@ -108,7 +116,7 @@ std::optional<size_t> UploadQueueStore::writeHeld(std::string_view key, QueueSta
   const size_t written = std::min(state.held.size(), queue.size());
   const size_t size = queue.size();
   if (!defaults->set(key, std::move(queue))) {
-    notice(Failure::kUnavailable);
+    notice(state.addOperation, kUnavailableDetail);
     return std::nullopt;
   }
   state.held.clear();
@@ -125,20 +133,17 @@ void UploadQueueStore::synchronize() {
     for (auto& [key, queue] : queues_) queue.notDurable = 0;
   } else {
     synchronizeFailed_ = true;
-    notice(Failure::kNotDurable);
+    notice(kNotDurableMessage, "");
   }
   publishCount();
 }
 
-void UploadQueueStore::notice(Failure failure) {
-  bool& noticed = noticed_[failure == Failure::kUnavailable ? 0 : 1];
-  if (noticed) return;
-  noticed = true;
-  const char* message = failure == Failure::kUnavailable
-                            ? "Upload queue store unavailable: records wait in memory"
-                            : "Upload queue store did not confirm a write as durable: retrying";
-  owner_.platform().log->error(std::string("[Orvane] ") + message);
-  owner_.orvaneErrorReporting().reportError(message);
+void UploadQueueStore::notice(std::string_view message, std::string_view detail) {
+  if (!noticed_.emplace(message).second) return;
+  std::string line = "[Orvane] " + std::string(message);
+  if (!detail.empty()) line += ": " + std::string(detail);
+  owner_.platform().log->error(line);
+  owner_.orvaneErrorReporting().reportError(std::string(message));
 }
 
 void UploadQueueStore::publishCount() {

@@ -5,8 +5,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <limits>
+#include <mutex>
 
 #include "orvane/platform/Calendar.h"
+#include "platform/TimeZoneSource.h"
 
 namespace orvane {
 namespace {
@@ -45,9 +47,21 @@ std::string gmtAbbreviation(int64_t offsetSeconds) {
   return text;
 }
 
+// Conversions run on the C library's zone, which it reads again only in tzset(): the zone
+// is taken up in refreshZone(), together with its name, so that readings between two
+// refreshes agree (a name read live would move ahead of the hour and weekday).
 class SystemCalendar : public Calendar {
  public:
-  SystemCalendar() { tzset(); }
+  explicit SystemCalendar(TimeZoneSource source) : source_(std::move(source)) { refreshZone(); }
+
+  void refreshZone() override {
+    std::string stamp = source_.stamp();
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (stamp == stamp_) return;
+    tzset();
+    identifier_ = source_.identifier();
+    stamp_ = std::move(stamp);
+  }
 
   std::optional<CalendarComponents> components(double secondsSince1970) const override {
     auto t = toTimeT(secondsSince1970);
@@ -57,13 +71,9 @@ class SystemCalendar : public Calendar {
   }
 
   std::string timeZoneIdentifier() const override {
-    if (const char* tz = std::getenv("TZ"); tz != nullptr && *tz != '\0') {
-      return *tz == ':' ? std::string(tz + 1) : std::string(tz);
-    }
-    std::error_code ec;
-    const auto target = std::filesystem::read_symlink("/etc/localtime", ec).string();
-    if (!ec) {
-      if (auto at = target.find("zoneinfo/"); at != std::string::npos) return target.substr(at + 9);
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      if (identifier_) return *identifier_;
     }
     return offsetName(secondsFromGMT(static_cast<double>(time(nullptr))));
   }
@@ -84,6 +94,12 @@ class SystemCalendar : public Calendar {
     }
     return std::string(fields.tm_zone);
   }
+
+ private:
+  TimeZoneSource source_;
+  mutable std::mutex mutex_;
+  std::string stamp_;
+  std::optional<std::string> identifier_;
 };
 
 class FixedOffsetCalendar : public Calendar {
@@ -114,7 +130,11 @@ class FixedOffsetCalendar : public Calendar {
 
 }  // namespace
 
-std::shared_ptr<Calendar> makeSystemCalendar() { return std::make_shared<SystemCalendar>(); }
+std::shared_ptr<Calendar> makeSystemCalendar() { return makeSystemCalendar(TimeZoneSource()); }
+
+std::shared_ptr<Calendar> makeSystemCalendar(TimeZoneSource source) {
+  return std::make_shared<SystemCalendar>(std::move(source));
+}
 
 std::shared_ptr<Calendar> makeFixedOffsetCalendar(std::string identifier, int64_t offsetSeconds,
                                                   std::optional<std::string> abbreviation) {

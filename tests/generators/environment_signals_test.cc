@@ -17,26 +17,52 @@ namespace fs = std::filesystem;
 
 using testing::signalSummary;
 
-// A /sys/class/net of our own.
+// A /sys/class/net and routing tables of our own.
 class FakeSysNet {
  public:
   FakeSysNet() : root_(fs::path(::testing::TempDir()) / "orvane-sys-net") {
     fs::remove_all(root_);
-    fs::create_directories(root_);
+    fs::create_directories(root_ / "net");
   }
   ~FakeSysNet() { fs::remove_all(root_); }
   void set(const std::string& interface, const std::string& file, const std::string& text) {
-    fs::create_directories(root_ / interface);
-    std::ofstream(root_ / interface / file) << text << "\n";
+    fs::create_directories(root_ / "net" / interface);
+    std::ofstream(root_ / "net" / interface / file) << text << "\n";
   }
   void makeWireless(const std::string& interface) {
-    fs::create_directories(root_ / interface / "wireless");
+    fs::create_directories(root_ / "net" / interface / "wireless");
   }
-  std::string path() const { return root_.string(); }
+  void routes(const std::string& ipv4, const std::string& ipv6) {
+    std::ofstream(root_ / "route") << kIpv4Header << ipv4;
+    std::ofstream(root_ / "ipv6_route") << ipv6;
+  }
+  LinuxNetworkPaths paths() const {
+    return {(root_ / "net").string(), 2.0, (root_ / "route").string(),
+            (root_ / "ipv6_route").string()};
+  }
+
+  static constexpr const char* kIpv4Header =
+      "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
 
  private:
   fs::path root_;
 };
+
+// Lines as the kernel writes them.
+constexpr const char* kDefaultViaEth0 =
+    "eth0\t00000000\t0100A8C0\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
+    "eth0\t0000A8C0\t00000000\t0001\t0\t0\t100\t00FFFFFF\t0\t0\t0\n";
+constexpr const char* kDockerSubnetOnly =
+    "docker0\t000011AC\t00000000\t0001\t0\t0\t0\t0000FFFF\t0\t0\t0\n";
+constexpr const char* kIpv6DefaultViaWlan0 =
+    "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
+    "fe800000000000000000000000000001 00000400 00000001 00000000 00000003 wlan0\n";
+// The kernel keeps an unreachable ::/0 on loopback, and a prohibit route is a reject route.
+constexpr const char* kIpv6Unreachable =
+    "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
+    "00000000000000000000000000000000 ffffffff 00000001 00000000 00200200 lo\n"
+    "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
+    "00000000000000000000000000000000 00000400 00000001 00000000 00000201 eth0\n";
 
 TEST(InternetSignalsTest, LinuxInterfacesDriveTheNetworkSignals) {
   testing::FakePlatform fake;
@@ -49,7 +75,8 @@ TEST(InternetSignalsTest, LinuxInterfacesDriveTheNetworkSignals) {
   net.set("eth0", "operstate", "down");
   net.set("tun0", "operstate", "unknown");
   net.set("tun0", "carrier", "1");
-  auto service = makeLinuxNetworkPathService(fake.executors, {net.path(), 2.0});
+  net.routes("tun0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\t0\t0\t0\n", "");
+  auto service = makeLinuxNetworkPathService(fake.executors, net.paths());
   InternetSignalsGenerator generator(service, *fake.executors);
   // Nothing observed yet: only the "observed" flag, false; low-data mode and metering are not
   // in sysfs: unknown, so left out.
@@ -59,8 +86,7 @@ TEST(InternetSignalsTest, LinuxInterfacesDriveTheNetworkSignals) {
   EXPECT_EQ(signalSummary(generator.internetSignals()), "b62=true b63=true b405=true");
   EXPECT_EQ(generator.isConstrained(), std::nullopt);
 
-  // Wi-Fi drops, the tunnel keeps the device online; then the tunnel goes too. Loopback
-  // never counts.
+  // Wi-Fi drops, the tunnel's default route keeps the device online; then the tunnel goes.
   net.set("wlan0", "operstate", "dormant");
   fake.advance(2.0);
   EXPECT_EQ(signalSummary(generator.internetSignals()), "b62=false b63=true b405=true");
@@ -70,6 +96,7 @@ TEST(InternetSignalsTest, LinuxInterfacesDriveTheNetworkSignals) {
 
   // A cellular-like link the host calls metered and in low-data mode.
   net.set("eth0", "operstate", "up");
+  net.routes(kDefaultViaEth0, "");
   service->setConstrained(true);
   service->setExpensive(true);
   fake.drain();
@@ -78,9 +105,56 @@ TEST(InternetSignalsTest, LinuxInterfacesDriveTheNetworkSignals) {
   EXPECT_EQ(generator.isConstrained(), true);
 }
 
+// Internet means a default route through an interface that is up, whatever else is up.
+TEST(InternetSignalsTest, OnlyADefaultRouteThroughAnUpInterfaceIsInternet) {
+  struct Case {
+    const char* name;
+    const char* ipv4;
+    const char* ipv6;
+    bool eth0Up;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {"no default route", "", "", true, "b62=true b63=false b405=true"},
+      {"default via eth0", kDefaultViaEth0, "", true, "b62=true b63=true b405=true"},
+      {"default via eth0, which is down", kDefaultViaEth0, "", false,
+       "b62=true b63=false b405=true"},
+      {"only the container bridge routed", kDockerSubnetOnly, "", true,
+       "b62=true b63=false b405=true"},
+      {"IPv6-only default", "", kIpv6DefaultViaWlan0, false, "b62=true b63=true b405=true"},
+      {"unreachable and prohibit ::/0", "", kIpv6Unreachable, true, "b62=true b63=false b405=true"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    testing::FakePlatform fake;
+    FakeSysNet net;
+    net.set("docker0", "operstate", "up");
+    net.set("wlan0", "operstate", "up");
+    net.makeWireless("wlan0");
+    net.set("eth0", "operstate", c.eth0Up ? "up" : "down");
+    net.routes(c.ipv4, c.ipv6);
+    auto service = makeLinuxNetworkPathService(fake.executors, net.paths());
+    InternetSignalsGenerator generator(service, *fake.executors);
+    fake.drain();
+    EXPECT_EQ(signalSummary(generator.internetSignals()), c.expected);
+  }
+
+  // Without either routing table the internet path is unknown, the Wi-Fi path still read.
+  testing::FakePlatform fake;
+  FakeSysNet net;
+  net.set("eth0", "operstate", "up");
+  LinuxNetworkPaths paths = net.paths();
+  paths.ipv4Routes = paths.ipv6Routes = "/nonexistent/orvane/route";
+  auto service = makeLinuxNetworkPathService(fake.executors, paths);
+  InternetSignalsGenerator generator(service, *fake.executors);
+  fake.drain();
+  EXPECT_EQ(signalSummary(generator.internetSignals()), "b62=false b405=true");
+}
+
 TEST(InternetSignalsTest, UnreadableInterfacesAndLateMonitorsStayUnknown) {
   testing::FakePlatform fake;
-  auto service = makeLinuxNetworkPathService(fake.executors, {"/nonexistent/orvane/net", 1.0});
+  auto service = makeLinuxNetworkPathService(
+      fake.executors, {.net = "/nonexistent/orvane/net", .pollIntervalSeconds = 1.0});
   InternetSignalsGenerator generator(service, *fake.executors);
   fake.advance(3.0);
   EXPECT_EQ(signalSummary(generator.internetSignals()), "b405=false");

@@ -78,10 +78,13 @@ class UploadQueueTest : public ::testing::Test {
  protected:
   explicit UploadQueueTest(
       int previousLaunches = 0, std::string bundleId = "com.example.host",
-      std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>())
+      std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>(),
+      bool provisioningProfile = false, std::string receiptFileName = "receipt")
       : http(std::move(transport)) {
     fake.platform.http = http;
     fake.platform.bundle.bundleIdentifier = std::move(bundleId);
+    fake.platform.bundle.hasEmbeddedProvisioningProfile = provisioningProfile;
+    fake.platform.bundle.receiptFileName = std::move(receiptFileName);
     if (previousLaunches > 0) {
       PlistArray launches(static_cast<size_t>(previousLaunches), PlistValue(Date{1.6e9}));
       fake.platform.keyValueStores->openSuite("com.orvane.ads")

@@ -12,8 +12,7 @@
 namespace orvane {
 namespace {
 
-constexpr const char* kUnavailableLine =
-    "[Orvane] Upload queue store unavailable: records wait in memory";
+constexpr const char* kUnavailable = ": the upload queue store is unavailable";
 constexpr const char* kNotDurableLine =
     "[Orvane] Upload queue store did not confirm a write as durable: retrying";
 
@@ -48,7 +47,7 @@ class OneSuiteProvider : public KeyValueStoreProvider {
 
 class UploadQueueStoreTest : public ::testing::Test {
  protected:
-  void start(std::shared_ptr<KeyValueStoreProvider> stores) {
+  void start(std::shared_ptr<KeyValueStoreProvider> stores, bool activate = true) {
     fake.platform.http = http;
     fake.platform.keyValueStores = std::move(stores);
     manager = std::make_unique<Engine>(fake.platform);
@@ -57,7 +56,7 @@ class UploadQueueStoreTest : public ::testing::Test {
     ServerConfiguration update;
     update.errorReportingSampleRate = 1.0f;
     manager->remoteConfiguration().applyConfigurationUpdate(update);
-    fake.application->becomeActive();
+    if (activate) fake.application->becomeActive();
     fake.drain();
   }
   void add(int n, int outcome = 1) {
@@ -95,9 +94,8 @@ TEST_F(UploadQueueStoreTest, RecordsWaitInMemoryUntilTheStoreOpensAndKeepTheNewe
   fake.drain();
   EXPECT_EQ(waiting(), 100u);  // the newest 100 outcomes
   EXPECT_TRUE(manager->orvaneLogSender().mainQueue().empty());
-  // Once, however many records and uploads met it. (Without a store the service's sampling
-  // rate cannot be set, so the report is not seen here.)
-  EXPECT_EQ(fake.log->count(kUnavailableLine), 1u);
+  // Once, however many records met it.
+  EXPECT_EQ(fake.log->countContaining("Failed to add new log to queue"), 1u);
 
   // The store opens later in the session (as a suite that failed to open may).
   auto suite = makeInMemoryKeyValueStoreProvider()->openSuite("com.orvane.ads");
@@ -111,7 +109,41 @@ TEST_F(UploadQueueStoreTest, RecordsWaitInMemoryUntilTheStoreOpensAndKeepTheNewe
   EXPECT_EQ(queue.front().at("ctx_8"), PlistValue("log-3"));
   EXPECT_EQ(queue.back().at("ctx_8"), PlistValue("log-102"));
   EXPECT_TRUE(manager->orvaneLogSender().unloggedQueue().empty());
-  EXPECT_EQ(fake.log->count(kUnavailableLine), 1u);
+}
+
+// Each operation names itself when it meets the unavailable store, once per sender. (Without
+// a store the service's sampling rate cannot be set, so the reports are not seen here.)
+TEST_F(UploadQueueStoreTest, EachOperationLogsItsOwnMessageWhileTheStoreIsUnavailable) {
+  start(std::make_shared<testing::LateKeyValueStoreProvider>(), false);  // no upload yet
+  http->holdAnswers = true;
+  OrvaneLogSender& sender = manager->orvaneLogSender();
+  // In an order where no step also runs a later one (an outcome removes its context's
+  // unlogged record).
+  const struct {
+    const char* message;
+    std::function<void()> operation;
+  } steps[] = {
+      {"Failed to add logs to unlogged queue", [&] { add(2, -101); }},
+      {"Failed to remove logs from unlogged queue",
+       [&] { sender.removeUnloggedEventFromQueue("ctx-0"); }},
+      {"Failed to add new log to queue", [&] { add(2); }},
+      {"Failed to perform log upload",
+       [&] {
+         fake.application->becomeActive();  // a forced upload of the (stored, empty) queue
+         fake.drain();
+       }},
+      {"Failed to remove logs from queue", [&] { http->releaseOne(); }},
+  };
+  for (size_t done = 0; done < std::size(steps); ++done) {
+    SCOPED_TRACE(steps[done].message);
+    steps[done].operation();
+    fake.drain();
+    for (size_t i = 0; i < std::size(steps); ++i) {
+      EXPECT_EQ(fake.log->count(std::string("[Orvane] ") + steps[i].message + kUnavailable),
+                i <= done ? 1u : 0u)
+          << steps[i].message;
+    }
+  }
 }
 
 TEST_F(UploadQueueStoreTest, AnUnconfirmedWriteIsNotDurableAndIsSynchronisedAgainLater) {

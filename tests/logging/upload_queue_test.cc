@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "config/RemoteConfiguration.h"
 #include "generators/GeoIPSignalGenerator.h"
 #include "logging/UploadQueueFixture.h"
 #include "models/CoreMLModelManager.h"
@@ -156,6 +157,79 @@ TEST_F(UploadQueueTest, ModelUpdatesWaitWhileTheNetworkIsConstrained) {
   http->script({status(200, payload)});
   trigger(UploadQueueKind::kMain, true);
   EXPECT_EQ(manager->userDefaultsProvider()->integer("ota_last_applied_version"), 4);
+}
+
+TEST_F(EstablishedAppUploadTest, OnlyStatus200To202IsASuccess) {
+  const struct {
+    int status;
+    bool accepted;
+  } cases[] = {{199, false}, {200, true},  {201, true},  {202, true},  {203, false},
+               {204, false}, {206, false}, {299, false}, {304, false}, {500, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.status);
+    if (sender().mainQueue().empty()) add(1);
+    http->script({status(c.status)});
+    trigger(UploadQueueKind::kMain, true);
+    EXPECT_EQ(sender().mainQueue().empty(), c.accepted);
+    EXPECT_EQ(sender().currentBackoffSeconds() == 0, c.accepted);
+  }
+}
+
+// An upload starts at once in builds that are not from the store, for the service's own
+// apps, and in the first ten launches; otherwise only from the fiftieth record on.
+TEST(UploadTriggerTest, InternalAppsTestInstallsAndEarlyLaunchesUploadEachRecord) {
+  struct Probe : testing::UploadQueueTest {
+    Probe(int previousLaunches, std::string bundleId, bool profile, std::string receipt)
+        : UploadQueueTest(previousLaunches, std::move(bundleId),
+                          std::make_shared<testing::ScriptedTransport>(), profile,
+                          std::move(receipt)) {}
+    void TestBody() override {}
+    using UploadQueueTest::add;
+    using UploadQueueTest::posts;
+  };
+  const struct {
+    const char* name;
+    int previousLaunches;
+    const char* bundleId;
+    bool profile;
+    const char* receipt;
+    bool uploads;
+  } cases[] = {
+      {"store install of a host", 19, "com.example.host", false, "receipt", false},
+      {"demo app", 19, "com.orvane.demo", false, "receipt", true},
+      {"demo app, development", 19, "com.orvane.demo.dev", false, "receipt", true},
+      {"internal app", 19, "com.orvane.internal", false, "receipt", true},
+      {"a name that only starts like one", 19, "com.orvane.demo.other", false, "receipt", false},
+      {"sandbox receipt", 19, "com.example.host", false, "sandboxReceipt", true},
+      {"provisioning profile", 19, "com.example.host", true, "receipt", true},
+      {"tenth launch", 9, "com.example.host", false, "receipt", true},
+      {"eleventh launch", 10, "com.example.host", false, "receipt", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Probe probe(c.previousLaunches, c.bundleId, c.profile, c.receipt);
+    probe.add(1);
+    EXPECT_EQ(probe.posts().size(), c.uploads ? 1u : 0u);
+  }
+}
+
+TEST_F(UploadQueueTest, ARecordThatCannotBeEncodedIsDroppedAndTheRestStillGoes) {
+  ServerConfiguration update;
+  update.errorReportingSampleRate = 1.0f;
+  manager->remoteConfiguration().applyConfigurationUpdate(update);
+  // Stored by hand: the queue never takes a date, but a damaged or older store may hold one.
+  manager->userDefaultsProvider()->set(
+      "orvane_log", PlistArray{PlistDictionary{{"ctx_8", "undated"}, {"ctx_9", Date{1.7e9}}}});
+  add(1);  // in the first launches each record uploads the queue at once
+  add(1);
+  std::vector<std::string> sent;
+  for (const auto& body : posts()) {
+    for (const auto& event : body["events"]) sent.push_back(event["ctx_8"]);
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{"log-0", "log-1"}));
+  EXPECT_TRUE(sender().mainQueue().empty());
+  EXPECT_EQ(fake.log->countContaining("could not be written as JSON (first: undated)"), 1u);
+  EXPECT_EQ(http->errorReportsMentioning("Upload dropped records that could not be encoded"), 1u);
 }
 
 TEST(StoredQueueTest, OnlyAnArrayOfMapsIsAQueue) {

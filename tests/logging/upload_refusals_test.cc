@@ -40,6 +40,14 @@ TEST_F(UploadRefusalsTest, AnotherFailureWhileSplittingBacksOffAndKeepsWhatWasNo
 
 TEST_F(UploadRefusalsTest, TheFloorIsCappedAtTheLongestBackoffAndOnlyFor429And503) {
   add(1);
+  // A 503 with a date: no attempt, forced or not, before it. The fake clock starts at
+  // 2023-11-14 22:13:20 UTC.
+  http->script({status(503, "", {{"Retry-After", "Tue, 14 Nov 2023 22:18:21 GMT"}})});
+  ASSERT_TRUE(attemptPosts(true));
+  fake.advance(300);
+  EXPECT_FALSE(attemptPosts(false));
+  EXPECT_FALSE(attemptPosts(true));
+  fake.advance(1);
   http->script({status(429, "", {{"Retry-After", "86400"}})});
   ASSERT_TRUE(attemptPosts(true));
   fake.advance(3599);
@@ -47,7 +55,7 @@ TEST_F(UploadRefusalsTest, TheFloorIsCappedAtTheLongestBackoffAndOnlyFor429And50
   fake.advance(1);
   http->script({status(500, "", {{"Retry-After", "600"}})});
   EXPECT_TRUE(attemptPosts(true));
-  fake.advance(40);  // past the plain back-off (38.1 s): a 500 sets no floor
+  fake.advance(60);  // past the plain back-off (under 60 s): a 500 sets no floor
   EXPECT_TRUE(attemptPosts(false));
   EXPECT_TRUE(sender().mainQueue().empty());
 }

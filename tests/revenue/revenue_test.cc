@@ -131,5 +131,31 @@ TEST(RevenueEventTest, MetadataDatesAndVocabularies) {
   EXPECT_FALSE(formatInternetDateTime(Date{NAN}) || formatInternetDateTime(Date{1e20}));
 }
 
+TEST(CurrencyTest, RawValuesAreExactLowerCaseCodes) {
+  // Every enumerator reads back from its own code; a table out of step with the enumeration
+  // (a code inserted, removed or swapped) breaks this for some currency.
+  const auto last = static_cast<size_t>(Currency::kZwl);
+  for (size_t i = 0; i <= last; ++i) {
+    const auto currency = static_cast<Currency>(i);
+    const std::string_view code = currencyRawValue(currency);
+    SCOPED_TRACE(std::string(code));
+    EXPECT_EQ(code.size(), 3u);
+    EXPECT_EQ(currencyFromRawValue(code), currency);
+  }
+  const std::pair<std::string_view, Currency> known[] = {
+      {"aed", Currency::kAed}, {"chf", Currency::kChf}, {"eur", Currency::kEur},
+      {"gbp", Currency::kGbp}, {"jpy", Currency::kJpy}, {"mru", Currency::kMru},
+      {"usd", Currency::kUsd}, {"zwl", Currency::kZwl},
+  };
+  for (const auto& [code, currency] : known) EXPECT_EQ(currencyFromRawValue(code), currency);
+
+  // Only whole, lower-case codes of the table: no prefix, no neighbour, nothing past the ends.
+  const std::string_view unknowns[] = {"",  "USD", "Usd", "us",  "usdd", "usd ",      " usd",
+                                       "a", "aaa", "zzz", "zwm", "btc",  {"usd\0", 4}};
+  for (std::string_view unknown : unknowns) {
+    EXPECT_FALSE(currencyFromRawValue(unknown)) << "\"" << unknown << "\"";
+  }
+}
+
 }  // namespace
 }  // namespace orvane

@@ -35,9 +35,15 @@ class ORVANE_API Calendar {
   virtual int64_t secondsFromGMT(double secondsSince1970) const = 0;
   // The zone's abbreviation at that instant ("CET", "CEST"); none when it cannot be told.
   virtual std::optional<std::string> timeZoneAbbreviation(double secondsSince1970) const = 0;
+  // Takes up a change of zone made since the last call. The manager calls it once at the start
+  // of each context's signals (and at each activation), so that the readings of one context
+  // agree on the zone; a calendar whose zone cannot change does nothing.
+  virtual void refreshZone() {}
 };
 
-// The machine's local time zone (TZ, else /etc/localtime).
+// The machine's local time zone as the C library reads it (TZ, else /etc/localtime), named
+// by TZ, the /etc/localtime link, or /etc/timezone for a plain copy; a change is taken up at
+// the next refreshZone().
 ORVANE_API std::shared_ptr<Calendar> makeSystemCalendar();
 // A zone with a constant offset and no daylight saving; for tests and hosts that know better.
 // Its abbreviation is "GMT", "GMT+2" or "GMT-3:30" unless one is given.

@@ -1,10 +1,13 @@
-// The network paths of a Linux host, polled from sysfs.
+// The network paths of a Linux host, polled from sysfs and the routing tables.
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <system_error>
 
 #include "orvane/platform/NetworkPathService.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
+#include "platform/linux/DefaultRoutes.h"
 
 namespace orvane {
 namespace {
@@ -20,7 +23,7 @@ std::string readWord(const std::filesystem::path& file) {
 }
 
 struct InterfaceScan {
-  bool anyUp = false;
+  std::set<std::string> up;  // not loopback
   bool wifiUp = false;
 };
 
@@ -39,7 +42,7 @@ std::optional<InterfaceScan> scanInterfaces(const std::filesystem::path& net) {
     // says whether they are connected.
     const bool up = state == "up" || (state == "unknown" && readWord(dir / "carrier") == "1");
     if (!up) continue;
-    scan.anyUp = true;
+    scan.up.insert(dir.filename().string());
     if (std::filesystem::exists(dir / "wireless", error) ||
         std::filesystem::exists(dir / "phy80211", error)) {
       scan.wifiUp = true;
@@ -94,13 +97,21 @@ class SysfsNetworkPathService : public LinuxNetworkPathService {
   void read() {
     const auto scan = scanInterfaces(paths_.net);
     if (!scan) return;
-    NetworkPath general{scan->anyUp, std::nullopt, std::nullopt};
-    {
-      std::lock_guard<std::mutex> guard(flagsMutex_);
-      general.isConstrained = constrained_;
-      general.isExpensive = expensive_;
+    // Without the routing tables the internet path is unknown: an interface that is up
+    // proves nothing (bridges of containers and virtual machines are up on most hosts).
+    if (const auto routed =
+            linux_routes::defaultRouteInterfaces(paths_.ipv4Routes, paths_.ipv6Routes)) {
+      const bool connected = std::any_of(routed->begin(), routed->end(), [&](const auto& name) {
+        return scan->up.count(name) != 0;
+      });
+      NetworkPath general{connected, std::nullopt, std::nullopt};
+      {
+        std::lock_guard<std::mutex> guard(flagsMutex_);
+        general.isConstrained = constrained_;
+        general.isExpensive = expensive_;
+      }
+      setPath(NetworkInterfaceKind::kAny, general);
     }
-    setPath(NetworkInterfaceKind::kAny, general);
     setPath(NetworkInterfaceKind::kWiFi, NetworkPath{scan->wifiUp, std::nullopt, std::nullopt});
   }
 

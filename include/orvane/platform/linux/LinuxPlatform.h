@@ -34,14 +34,18 @@ ORVANE_API std::shared_ptr<HostDeviceService> makeLinuxDeviceService(LinuxDevice
 struct ORVANE_API LinuxNetworkPaths {
   std::string net = "/sys/class/net";
   double pollIntervalSeconds = 2.0;
+  std::string ipv4Routes = "/proc/net/route";
+  std::string ipv6Routes = "/proc/net/ipv6_route";
 };
 
-// The network of a Linux host, read from /sys/class/net on a serial queue of its own
-// ("com.orvane.NetworkPathService") when made and then every poll interval. A path is
-// satisfied when an interface other than loopback is up (operstate "up", or "unknown" with
-// carrier, as tunnels and point-to-point links report); the Wi-Fi path counts only
-// interfaces with a "wireless" folder. Low-data mode and metered links are not visible
-// there: they stay unknown until the host states them.
+// The network of a Linux host, read from /sys/class/net and the routing tables on a serial
+// queue of its own ("com.orvane.NetworkPathService") when made and then every poll
+// interval. An interface counts when it is up and not loopback (operstate "up", or
+// "unknown" with carrier, as tunnels and point-to-point links report). The general path is
+// satisfied when a default route (IPv4 or IPv6) goes through such an interface, and unknown
+// when neither routing table can be read; the Wi-Fi path is satisfied when an interface
+// with a "wireless" folder is up. Low-data mode and metered links are not visible there:
+// they stay unknown until the host states them.
 class ORVANE_API LinuxNetworkPathService : public HostNetworkPathService {
  public:
   virtual void setConstrained(std::optional<bool> constrained) = 0;
