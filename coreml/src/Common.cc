@@ -212,7 +212,8 @@ Status InputVector::gather(const Slots& slots, std::vector<double>& out) const {
 Result<ClassifierOutput> ClassifierOutput::makeFrom(bool isString, std::vector<std::string> strings,
                                                     std::vector<int64_t> ints,
                                                     const ModelDescription& description,
-                                                    SlotTable& slots) {
+                                                    BuildContext& context) {
+  SlotTable& slots = context.slots;
   ClassifierOutput out;
   out.isString_ = isString;
   out.stringLabels_ = std::move(strings);
@@ -258,6 +259,9 @@ Result<ClassifierOutput> ClassifierOutput::makeFrom(bool isString, std::vector<s
   if (auto s = checkOutputsProduced(description, produced, "the classifier"); !s) {
     return s.error();
   }
+  const ClassLabels labels{out.stringLabels_, out.int64Labels_};
+  context.classLabelsBySlot[out.labelSlot_] = labels;
+  if (out.probabilitySlot_) context.classLabelsBySlot[*out.probabilitySlot_] = labels;
   return out;
 }
 

@@ -42,11 +42,19 @@ class SlotTable {
   std::unordered_map<std::string, uint32_t> slots_;
 };
 
+struct ClassLabels {
+  std::vector<std::string> strings;
+  std::vector<int64_t> ints;
+};
+
 // State shared by the builders of one model and its nested stages.
 struct BuildContext {
   SlotTable slots;
   int depth = 0;
   size_t totalTreeNodes = 0;
+  // The labels of each classifier, under the slots of its label and probability outputs, so
+  // that a pipeline can tell what its outputs are keyed by.
+  std::unordered_map<uint32_t, ClassLabels> classLabelsBySlot;
 };
 
 inline constexpr int kMaxPipelineDepth = 16;
@@ -107,7 +115,7 @@ class ClassifierOutput {
  public:
   template <typename LabelsMessage>
   static Result<ClassifierOutput> make(const LabelsMessage& message,
-                                       const ModelDescription& description, SlotTable& slots);
+                                       const ModelDescription& description, BuildContext& context);
 
   size_t classCount() const { return isString_ ? stringLabels_.size() : int64Labels_.size(); }
   // Writes the most probable label (the first on ties) and the probability dictionary.
@@ -116,7 +124,8 @@ class ClassifierOutput {
  private:
   static Result<ClassifierOutput> makeFrom(bool isString, std::vector<std::string> strings,
                                            std::vector<int64_t> ints,
-                                           const ModelDescription& description, SlotTable& slots);
+                                           const ModelDescription& description,
+                                           BuildContext& context);
   bool isString_ = false;
   std::vector<std::string> stringLabels_;
   std::vector<int64_t> int64Labels_;
@@ -127,14 +136,14 @@ class ClassifierOutput {
 template <typename LabelsMessage>
 Result<ClassifierOutput> ClassifierOutput::make(const LabelsMessage& message,
                                                 const ModelDescription& description,
-                                                SlotTable& slots) {
+                                                BuildContext& context) {
   if (message.has_stringclasslabels()) {
     const auto& v = message.stringclasslabels().vector();
-    return makeFrom(true, std::vector<std::string>(v.begin(), v.end()), {}, description, slots);
+    return makeFrom(true, std::vector<std::string>(v.begin(), v.end()), {}, description, context);
   }
   if (message.has_int64classlabels()) {
     const auto& v = message.int64classlabels().vector();
-    return makeFrom(false, {}, std::vector<int64_t>(v.begin(), v.end()), description, slots);
+    return makeFrom(false, {}, std::vector<int64_t>(v.begin(), v.end()), description, context);
   }
   return Error("the classifier has no class labels");
 }

@@ -137,7 +137,7 @@ Result<EvaluatorPtr> buildGlmClassifier(const schema::Model& model,
   if (!inputs) return inputs.error();
   auto weights = Weights::make(glm, inputs->staticWidth());
   if (!weights) return weights.error();
-  auto output = ClassifierOutput::make(glm, description, context.slots);
+  auto output = ClassifierOutput::make(glm, description, context);
   if (!output) return output.error();
 
   const size_t rows = weights->rows.size();

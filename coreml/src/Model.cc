@@ -72,7 +72,7 @@ Result<EvaluatorPtr> buildPipeline(const schema::Pipeline& pipeline,
       }
     }
     auto evaluator = buildEvaluator(stage, context);
-    if (!evaluator) return Error(label + ": " + evaluator.message());
+    if (!evaluator) return evaluator.error().prefixed(label + ": ");
     for (const auto& output : stageDescription->outputs) available.insert(output.name);
     if (stageDescription->outputs.empty()) return Error(label + " declares no outputs");
     stages.push_back(std::move(evaluator).value());
@@ -175,7 +175,8 @@ Result<EvaluatorPtr> buildEvaluator(const schema::Model& model, BuildContext& co
   if (context.depth >= kMaxPipelineDepth) return Error("pipelines are nested too deeply");
   if (model.specificationversion() < 0 ||
       model.specificationversion() > kNewestSpecificationVersion) {
-    return Error("unsupported format version " + std::to_string(model.specificationversion()));
+    return Error::unsupported("unsupported format version " +
+                              std::to_string(model.specificationversion()));
   }
   auto description = convertDescription(model.description());
   if (!description) return description.error();
@@ -207,9 +208,9 @@ Result<EvaluatorPtr> buildEvaluator(const schema::Model& model, BuildContext& co
     case M::kArrayFeatureExtractor:
       return buildTransform(model, description.value(), context);
     case M::TYPE_NOT_SET:
-      return Error("the model is of no kind this runtime knows");
+      return Error::unsupported("the model is of no kind this runtime knows");
     default:
-      return Error("models of kind '" + kindName(model) + "' are not supported");
+      return Error::unsupported("models of kind '" + kindName(model) + "' are not supported");
   }
 }
 
@@ -395,9 +396,10 @@ Result<std::shared_ptr<ModelImpl>> buildModel(const void* data, size_t size) {
   }
   const int version = model.specificationversion();
   if (version < kOldestSpecificationVersion || version > kNewestSpecificationVersion) {
-    return Error("format version " + std::to_string(version) + " is outside the range " +
-                 std::to_string(kOldestSpecificationVersion) + " to " +
-                 std::to_string(kNewestSpecificationVersion) + " that this runtime reads");
+    return Error::unsupported(
+        "format version " + std::to_string(version) + " is outside the range " +
+        std::to_string(kOldestSpecificationVersion) + " to " +
+        std::to_string(kNewestSpecificationVersion) + " that this runtime reads");
   }
   if (!model.has_description()) return Error("the model has no description");
   auto impl = std::make_shared<ModelImpl>();
@@ -417,6 +419,17 @@ Result<std::shared_ptr<ModelImpl>> buildModel(const void* data, size_t size) {
   auto evaluator = detail::buildEvaluator(model, context);
   if (!evaluator) return evaluator.error();
   impl->evaluator = std::move(evaluator).value();
+  for (const std::string* name :
+       {&impl->description.predictedProbabilitiesName, &impl->description.predictedFeatureName}) {
+    const auto slot = name->empty() ? std::nullopt : context.slots.find(*name);
+    if (!slot) continue;
+    if (auto labels = context.classLabelsBySlot.find(*slot);
+        labels != context.classLabelsBySlot.end()) {
+      impl->description.stringClassLabels = labels->second.strings;
+      impl->description.int64ClassLabels = labels->second.ints;
+      break;
+    }
+  }
   for (const auto& output : impl->description.outputs) {
     auto slot = context.slots.find(output.name);
     if (!slot) return Error("output '" + output.name + "' is never produced");
@@ -445,7 +458,7 @@ Result<Model> Model::loadModelFile(const std::string& modelFilePath) {
     auto bytes = readFile(modelFilePath, kMaxModelFileBytes);
     if (!bytes) return bytes.error();
     auto model = fromBytes(bytes->data(), bytes->size());
-    if (!model) return Error("'" + modelFilePath + "': " + model.message());
+    if (!model) return model.error().prefixed("'" + modelFilePath + "': ");
     return model;
   } catch (const std::exception& e) {
     return Error(std::string("loading the model failed: ") + e.what());
@@ -537,7 +550,7 @@ Result<std::string> compileModel(const std::string& modelFilePath,
     auto bytes = readFile(modelFilePath, kMaxModelFileBytes);
     if (!bytes) return bytes.error();
     auto model = Model::fromBytes(bytes->data(), bytes->size());
-    if (!model) return Error("'" + modelFilePath + "' is not a usable model: " + model.message());
+    if (!model) return model.error().prefixed("'" + modelFilePath + "' is not a usable model: ");
 
     std::error_code ec;
     fs::create_directories(destinationFolder, ec);

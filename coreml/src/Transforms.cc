@@ -3,7 +3,8 @@
 //
 // A missing (undefined) input is treated as the step's natural "missing": an unknown category
 // for the one-hot encoder, the value to replace for the imputer, zeros for the dictionary
-// vectorizer, NaN elsewhere.
+// vectorizer, NaN elsewhere. The feature vectorizer takes integer-keyed dictionaries besides
+// numbers and arrays: each entry lands at its key within the width declared for the input.
 #include <cmath>
 #include <limits>
 #include <unordered_map>
@@ -162,6 +163,21 @@ class FeatureVectorizer final : public Evaluator {
         out.insert(out.end(), column.width, kMissing);
         continue;
       }
+      if (const auto* dict = value.int64DictionaryValue()) {
+        // A sparse input (a one-hot encoder's sparse output, say): each entry sits at its key
+        // within the column's width, every other position is zero.
+        const size_t start = out.size();
+        out.insert(out.end(), column.width, 0.0);
+        for (const auto& [key, v] : *dict) {
+          if (key < 0 || static_cast<uint64_t>(key) >= column.width) {
+            return Error("vectorizer input '" + column.name + "' has the key " +
+                         std::to_string(key) + ", outside its " + std::to_string(column.width) +
+                         " declared dimensions");
+          }
+          out[start + static_cast<size_t>(key)] = v;
+        }
+        continue;
+      }
       auto numbers = numbersOf(value, column.name);
       if (!numbers) return numbers.error();
       if (numbers->size() != column.width) {
@@ -188,8 +204,14 @@ Result<EvaluatorPtr> buildVectorizer(const schema::FeatureVectorizer& message,
   std::vector<FeatureVectorizer::Column> columns;
   uint64_t width = 0;
   for (const auto& column : message.inputlist()) {
-    if (!d.input(column.inputcolumn())) {
+    const FeatureDescription* input = d.input(column.inputcolumn());
+    if (!input) {
       return Error("vectorizer column '" + column.inputcolumn() + "' is not a declared input");
+    }
+    if (input->type == FeatureType::kDictionary &&
+        input->dictionaryKeyType != DictionaryKeyType::kInt64) {
+      return Error("vectorizer column '" + column.inputcolumn() +
+                   "' is a dictionary without integer keys, which have no positions");
     }
     if (column.inputdimensions() == 0 || column.inputdimensions() > kMaxArrayElements) {
       return Error("vectorizer column '" + column.inputcolumn() + "' has an invalid width");

@@ -378,7 +378,7 @@ Result<EvaluatorPtr> buildTreeEnsembleClassifier(const schema::Model& model,
   auto ensemble = buildEnsemble(classifier.treeensemble(), classifier.postevaluationtransform(),
                                 inputs->staticWidth(), context);
   if (!ensemble) return ensemble.error();
-  auto output = ClassifierOutput::make(classifier, description, context.slots);
+  auto output = ClassifierOutput::make(classifier, description, context);
   if (!output) return output.error();
   const size_t width = transformedWidth(ensemble.value());
   const size_t classes = output->classCount();

@@ -11,6 +11,9 @@ namespace {
 using coreml::FeatureType;
 using coreml::FeatureValue;
 
+constexpr std::string_view kCustomOpen = "<c>";
+constexpr std::string_view kCustomClose = "</c>";
+
 const char* customSignalKindName(const CustomSignalValue& value) {
   static constexpr const char* kNames[] = {"bool", "int", "float", "decimal", "string"};
   return kNames[value.index()];
@@ -80,7 +83,10 @@ FeatureValue ContextDictionaryFeatureProvider::valueOf(const PlannedFeature& fea
   if (parsed->isCustomSignal) {
     for (const CustomSignal& custom : customSignals_) {
       if (custom.id() == parsed->signalName) {
-        value = customValue(feature.name, feature.type, custom);
+        // A one-hot column is typed as a number whatever the signal's own type: the value is
+        // matched against the categories, not handed to the model.
+        value = parsed->categoryIndex ? categoryValueOf(custom)
+                                      : customValue(feature.name, feature.type, custom);
         break;
       }
     }
@@ -90,9 +96,16 @@ FeatureValue ContextDictionaryFeatureProvider::valueOf(const PlannedFeature& fea
   if (!value) return FeatureValue::undefined(feature.type);
 
   if (parsed->categoryIndex) {
-    if (auto hot = handleCategoricalValue(parsed->signalName, *value, *parsed->categoryIndex)) {
-      return *hot;
+    std::optional<FeatureValue> hot;
+    if (parsed->isCustomSignal) {
+      // Categories of "<c>plan</c>_N" are listed under "<c>plan</c>", as "34_N" under "34";
+      // the bare id is read too.
+      hot = handleCategoricalValue(
+          std::string(kCustomOpen) + parsed->signalName + std::string(kCustomClose), *value,
+          *parsed->categoryIndex);
     }
+    if (!hot) hot = handleCategoricalValue(parsed->signalName, *value, *parsed->categoryIndex);
+    if (hot) return *hot;
     return FeatureValue::fromInt64(*parsed->categoryIndex == "-1" ? 1 : 0);
   }
   return std::move(*value);
@@ -113,6 +126,25 @@ std::optional<FeatureValue> ContextDictionaryFeatureProvider::signalToFeatureVal
       break;
   }
   return std::nullopt;
+}
+
+FeatureValue ContextDictionaryFeatureProvider::categoryValueOf(const CustomSignal& customSignal) {
+  return std::visit(
+      [](const auto& v) -> FeatureValue {
+        using T = std::decay_t<decltype(v)>;
+        if constexpr (std::is_same_v<T, bool>) {
+          return FeatureValue::fromInt64(v ? 1 : 0);
+        } else if constexpr (std::is_same_v<T, int64_t>) {
+          return FeatureValue::fromInt64(v);
+        } else if constexpr (std::is_same_v<T, float>) {
+          return FeatureValue::fromDouble(v);
+        } else if constexpr (std::is_same_v<T, Decimal>) {
+          return FeatureValue::fromString(v.toString());
+        } else {
+          return FeatureValue::fromString(v);
+        }
+      },
+      customSignal.value());
 }
 
 std::optional<FeatureValue> ContextDictionaryFeatureProvider::customSignalToFeatureValue(

@@ -2,9 +2,9 @@
 // Serves a model's inputs from the signals of one context. Input names follow a small
 // grammar: "412" is signal 412; "412_0" is column 0 of signal 412's one-hot encoding (the
 // categories come from the model's metadata mappings, and column "-1" lights for a value
-// outside them); "<c>plan</c>" is the host's custom signal "plan", optionally with "_N"
-// after it. Anything that cannot be served is an undefined value of the input's type, so
-// the model treats it as missing.
+// outside them); "<c>plan</c>" is the host's custom signal "plan", and "<c>plan</c>_N" its
+// one-hot column N, by the categories listed under "<c>plan</c>" (or "plan"). Anything that cannot
+// be served is an undefined value of the input's type, so the model treats it as missing.
 #pragma once
 
 #include <memory>
@@ -44,6 +44,9 @@ class ContextDictionaryFeatureProvider : public coreml::FeatureProvider {
   // their default decimal text ("2", "2.0"), anything else "no value".
   static std::string convertFeatureValueToString(const coreml::FeatureValue& value);
 
+  // A custom signal as one-hot columns see it: its own value, whatever the column's type
+  // (decimals as their decimal text).
+  static coreml::FeatureValue categoryValueOf(const CustomSignal& customSignal);
   std::optional<coreml::FeatureValue> customSignalToFeatureValue(
       const std::string& featureName, const CustomSignal& customSignal) const;
   // None when the metadata has no categories for `signalName`.

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "config/RemoteConfiguration.h"
+#include "models/ModelOutputCheck.h"
 #include "util/URLText.h"
 #include "util/UUID.h"
 
@@ -15,6 +16,7 @@ enum ManagerErrorCode : int64_t {
   kNoVersionString = 2,
   kVersionMismatch = 3,
   kMetadataUnreadable = 4,
+  kModelRefused = 5,
   kNotEnoughSpace = 123,
 };
 
@@ -29,7 +31,8 @@ CustomModelInfo alwaysUpsellControl() { return CustomModelInfo{true, 0, false, n
 
 CoreMLModelManager::CoreMLModelManager(Dependencies dependencies)
     : deps_(std::move(dependencies)),
-      files_(deps_.fileSystem, deps_.dateProvider, deps_.errorReporter, deps_.bundledModelsFolder) {
+      files_(deps_.fileSystem, deps_.dateProvider, deps_.errorReporter, deps_.bundledModelsFolder),
+      refused_(deps_.defaults) {
   if (deps_.http && deps_.modelRuntime && deps_.fileSystem) {
     downloader_ = std::make_shared<ModelDownloader>(deps_.http, deps_.modelRuntime,
                                                     deps_.fileSystem->temporaryDirectory());
@@ -98,6 +101,14 @@ bool CoreMLModelManager::applyFlow(const std::string& flowName, const ServerMode
                                    info.supportedDuration,
                                    info.useInstantContext};
   if (info.modelUrl && parsesAsURL(*info.modelUrl) && info.modelVersion) {
+    if (refused_.isRefused(flowName, *info.modelVersion)) {
+      // Reported when it was refused; the flow stays as it was until the service moves on.
+      if (deps_.log) {
+        deps_.log->info("[Orvane] Model version " + *info.modelVersion + " for flow " + flowName +
+                        " was refused before; it is not downloaded again.");
+      }
+      return false;
+    }
     const PlistDictionary where{
         {"modelUrl", *info.modelUrl}, {"flowName", flowName}, {"modelVersion", *info.modelVersion}};
     auto placed = updateCoreMLModel(flowName, *info.modelUrl, *info.modelVersion);
@@ -136,7 +147,11 @@ Result<std::string> CoreMLModelManager::updateCoreMLModel(const std::string& flo
                                                           const std::string& modelUrl,
                                                           const std::string& modelVersion) {
   for (const std::string& candidate : files_.allAvailableModelURLs(flowName, modelVersion)) {
-    if (loadMatchingModel(candidate, modelVersion)) {
+    if (auto model = loadMatchingModel(candidate, modelVersion)) {
+      if (auto why = whyModelCannotDecide((*model)->description())) {
+        refused_.remember(flowName, modelVersion);
+        return managerError(kModelRefused, "The model cannot drive the decision: " + *why);
+      }
       files_.touchModel(candidate, flowName, modelVersion);
       return candidate;
     }
@@ -145,8 +160,15 @@ Result<std::string> CoreMLModelManager::updateCoreMLModel(const std::string& flo
     return managerError(kNotEnoughSpace, "Not enough free space for a model update.");
   }
   if (!downloader_) return DownloadError::unknown();
+  // Its temporary folder goes when `downloaded` does, whichever way this ends.
   auto downloaded = downloader_->downloadAndCompileModel(modelUrl);
-  if (!downloaded) return downloaded.error();
+  if (!downloaded) {
+    if (downloaded.error().domain == DownloadError::kDomain &&
+        downloaded.error().code == DownloadError::kModelNotSupported) {
+      refused_.remember(flowName, modelVersion);
+    }
+    return downloaded.error();
+  }
   auto placed = files_.copyCoreMLModel(downloaded->compiledModelPath, flowName, modelVersion);
   if (!placed) {
     deps_.fileSystem->remove(downloaded->compiledModelPath);
@@ -168,6 +190,9 @@ Result<std::string> CoreMLModelManager::updateCoreMLModel(const std::string& flo
     return true;
   }();
   if (!checked) {
+    if (checked.error().domain == kDomain && checked.error().code == kModelRefused) {
+      refused_.remember(flowName, modelVersion);
+    }
     // Never leave a broken model where a later update would find it.
     files_.removeSharedModel(modelVersion);
     deps_.fileSystem->remove(*placed);
@@ -205,17 +230,35 @@ std::optional<PlatformError> CoreMLModelManager::updateSavedModelInfo(
 }
 
 void CoreMLModelManager::eraseAll() {
-  modelInfoCache_.withLock([](ModelInfoCache& cache) { cache.clear(); });
+  forgetAllCachedInfo();
   std::weak_ptr<bool> alive = alive_;
   deps_.updatingQueue->async([this, alive] {
     if (!alive.lock()) return;
     files_.removeAllModels();
-    modelInfoCache_.withLock([](ModelInfoCache& cache) { cache.clear(); });
+    forgetAllCachedInfo();
   });
 }
 
+// Called after the flow's record was rewritten, never before: a read that starts after this
+// reads the new record.
 void CoreMLModelManager::forgetCachedInfo(const std::string& flowName) {
-  modelInfoCache_.withLock([&](ModelInfoCache& cache) { cache.erase(flowName); });
+  modelInfoCache_.withLock([&](ModelInfoCache& cache) {
+    cache.answers.erase(flowName);
+    ++cache.rewrites[flowName];
+  });
+}
+
+void CoreMLModelManager::forgetAllCachedInfo() {
+  modelInfoCache_.withLock([](ModelInfoCache& cache) {
+    cache.answers.clear();
+    ++cache.clears;
+  });
+}
+
+CoreMLModelManager::CacheStamp CoreMLModelManager::stampOf(const ModelInfoCache& cache,
+                                                           const std::string& flowName) {
+  auto it = cache.rewrites.find(flowName);
+  return CacheStamp{it == cache.rewrites.end() ? 0 : it->second, cache.clears};
 }
 
 // ---- Model information --------------------------------------------------------------------
@@ -232,6 +275,10 @@ Result<CustomModelInfo> CoreMLModelManager::modelInfoFromMLModel(
       metadata.shortDescription.empty() ? "no description" : metadata.shortDescription);
   if (!decoded) return managerError(kMetadataUnreadable, decoded.error().description);
   const CoreMLModelMetadata modelMetadata = std::move(decoded).value();
+  // Refused whether or not decisions are on: switching them on must not bring it back.
+  if (auto why = whyModelCannotDecide(model->description())) {
+    return managerError(kModelRefused, "The model cannot drive the decision: " + *why);
+  }
   if (!decisionsEnabled()) {
     return CustomModelInfo{true, modelMetadata.supportedDuration, modelMetadata.useInstantContext,
                            std::make_shared<BaseModelExecutionInformation>(1.0),
@@ -277,15 +324,20 @@ std::string CoreMLModelManager::controlModelVersion(const std::string& flowName,
 }
 
 CustomModelInfo CoreMLModelManager::getModelInfoForFlow(const std::string& flowName) {
+  CacheStamp before;
   auto cached =
       modelInfoCache_.withLock([&](ModelInfoCache& cache) -> std::optional<CustomModelInfo> {
-        auto it = cache.find(flowName);
-        if (it == cache.end()) return std::nullopt;
-        return it->second;
+        auto it = cache.answers.find(flowName);
+        if (it != cache.answers.end()) return it->second;
+        before = stampOf(cache, flowName);
+        return std::nullopt;
       });
   if (cached) return *cached;
   CustomModelInfo info = readModelInfoForFlow(flowName);
-  modelInfoCache_.withLock([&](ModelInfoCache& cache) { cache[flowName] = info; });
+  modelInfoCache_.withLock([&](ModelInfoCache& cache) {
+    // A rewrite while we read: this answer may be the old one, so it serves this call only.
+    if (stampOf(cache, flowName) == before) cache.answers[flowName] = info;
+  });
   return info;
 }
 
@@ -336,6 +388,11 @@ CustomModelInfo CoreMLModelManager::readModelInfoForFlow(const std::string& flow
                                      stored.contextPushThresholds, *stored.randomUpsellChance);
     if (info) return std::move(info).value();
     reporter().reportError("Failed to load CoreML Model", info.error());
+    if (info.error().code == kModelRefused) {
+      // Every candidate is the same version of the same model: none would do better.
+      refused_.remember(flowName, *stored.modelVersion);
+      break;
+    }
   }
   reporter().reportError("Couldn't find any working model files for flow with saved model info");
   clearDataForFlow(flowName, stored.modelVersion);
@@ -391,6 +448,7 @@ void CoreMLModelManager::clearDataForFlow(const std::string& flowName,
     // The next payload is then applied in full again, restoring the flow.
     deps_.defaults->remove(kLastAppliedVersion);
   }
+  forgetCachedInfo(flowName);
   files_.removeFlowFolder(flowName);
   if (modelVersion) files_.removeSharedModel(*modelVersion);
 }
@@ -441,7 +499,7 @@ SignalList CoreMLModelManager::allSignals() {
 
 void CoreMLModelManager::setDecisionsEnabled(bool enabled) {
   decisionsEnabled_.store(enabled);
-  modelInfoCache_.withLock([](ModelInfoCache& cache) { cache.clear(); });
+  forgetAllCachedInfo();
 }
 
 }  // namespace orvane

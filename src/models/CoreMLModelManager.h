@@ -21,6 +21,7 @@
 #include "models/ModelDownloader.h"
 #include "models/ModelExecutionInformation.h"
 #include "models/ModelFiles.h"
+#include "models/RefusedModelVersions.h"
 #include "models/SaveableCustomModelInfo.h"
 #include "orvane/Signal.h"
 #include "orvane/platform/Crypto.h"
@@ -102,10 +103,26 @@ class CoreMLModelManager {
   // progress. Returns at once.
   void eraseAll();
 
-  using ModelInfoCache = std::map<std::string, CustomModelInfo>;
-  WrappingLock<ModelInfoCache>& modelInfoCache() { return modelInfoCache_; }
+  const RefusedModelVersions& refusedVersions() const { return refused_; }
 
  private:
+  // Answers per flow, and how often each flow's stored record was rewritten. A read takes the
+  // counts before it reads the record and caches its answer only if they have not moved
+  // since: an answer read before a rewrite never replaces the rewrite's.
+  struct ModelInfoCache {
+    std::map<std::string, CustomModelInfo> answers;
+    std::map<std::string, uint64_t> rewrites;
+    // Moves when every answer is dropped at once (the switches, an erase).
+    uint64_t clears = 0;
+  };
+  struct CacheStamp {
+    uint64_t rewrites = 0;
+    uint64_t clears = 0;
+    bool operator==(const CacheStamp&) const = default;
+  };
+  static CacheStamp stampOf(const ModelInfoCache& cache, const std::string& flowName);
+  void forgetAllCachedInfo();
+
   void applyOnQueue(const ServerUpdatePayload& payload);
   bool applyFlow(const std::string& flowName, const ServerModelInfo& info);
   Result<std::string> updateCoreMLModel(const std::string& flowName, const std::string& modelUrl,
@@ -119,6 +136,7 @@ class CoreMLModelManager {
       const std::optional<std::vector<std::vector<double>>>& hourlyUpsellThresholds,
       const std::optional<std::vector<double>>& contextPushThresholds, double randomUpsellChance);
   // Loads a candidate and checks that it is the version asked for and carries our metadata.
+  // Whether the decision can read it is checked when its information is built.
   Result<std::shared_ptr<const LoadedModel>> loadMatchingModel(const std::string& path,
                                                                const std::string& modelVersion);
   CustomModelInfo readModelInfoForFlow(const std::string& flowName);
@@ -131,6 +149,7 @@ class CoreMLModelManager {
   Dependencies deps_;
   ModelFiles files_;
   std::shared_ptr<ModelDownloader> downloader_;
+  RefusedModelVersions refused_;
   WrappingLock<ModelInfoCache> modelInfoCache_;
   // Written by the switches from any thread, read without a lock.
   std::atomic<bool> decisionsEnabled_{true};

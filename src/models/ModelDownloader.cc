@@ -12,10 +12,18 @@ PlatformError DownloadError::unexpectedStatusCode(int status) {
 PlatformError DownloadError::compilationFailed(const std::string& compilerError) {
   return {kDomain, kCompilationFailed, "Failed to compile model: " + compilerError};
 }
+PlatformError DownloadError::modelNotSupported(const std::string& compilerError) {
+  return {kDomain, kModelNotSupported, "Failed to compile model: " + compilerError};
+}
 PlatformError DownloadError::noResponse() {
   return {kDomain, kNoResponse, "No response received."};
 }
 PlatformError DownloadError::unknown() { return {kDomain, kUnknown, "Unknown download error."}; }
+
+ModelDownloader::TemporaryFolder::~TemporaryFolder() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
 
 ModelDownloader::ModelDownloader(std::shared_ptr<HttpTransport> session,
                                  std::shared_ptr<ModelRuntime> compiler,
@@ -60,15 +68,27 @@ Result<ModelDownloader::Downloaded> ModelDownloader::downloadAndCompileModel(
         }
         if (!file) return answer(DownloadError::unknown());
         // The compiled folder takes its name from the file; the transport's name is random.
+        // Removed however the download ends: before a failure is answered, or once the
+        // caller has moved the compiled model out and dropped the answer.
+        auto folder = std::make_shared<const TemporaryFolder>(compileFolder);
         std::error_code ec;
-        std::filesystem::create_directories(compileFolder, ec);
-        const std::string named = compileFolder + "/model.mlmodel";
+        std::filesystem::create_directories(folder->path(), ec);
+        const std::string named = folder->path() + "/model.mlmodel";
         std::filesystem::rename(*file, named, ec);
-        if (ec) return answer(DownloadError::unknown());
-        auto compiled = self->compiler_->compileModel(named, compileFolder);
+        if (ec) {
+          std::filesystem::remove(*file, ec);
+          folder.reset();
+          return answer(DownloadError::unknown());
+        }
+        auto compiled = self->compiler_->compileModel(named, folder->path());
+        if (!compiled) {
+          folder.reset();
+          const std::string& why = compiled.error().message();
+          return answer(compiled.error().isUnsupported() ? DownloadError::modelNotSupported(why)
+                                                         : DownloadError::compilationFailed(why));
+        }
         std::filesystem::remove(named, ec);
-        if (!compiled) return answer(DownloadError::compilationFailed(compiled.error().message()));
-        answer(Downloaded{compiled.value(), std::move(*response)});
+        answer(Downloaded{compiled.value(), std::move(*response), std::move(folder)});
       });
   return slot->get_future().get();
 }

@@ -16,19 +16,41 @@ namespace orvane {
 // The downloader's own failures; transport failures pass through with their own domain.
 struct DownloadError {
   static constexpr const char* kDomain = "ModelDownloader.DownloadError";
-  enum Code { kUnexpectedStatusCode = 1, kCompilationFailed = 2, kNoResponse = 3, kUnknown = 4 };
+  enum Code {
+    kUnexpectedStatusCode = 1,
+    kCompilationFailed = 2,
+    kNoResponse = 3,
+    kUnknown = 4,
+    // The compiler will never take this model (its kind or format version); same text as 2.
+    kModelNotSupported = 5,
+  };
 
   static PlatformError unexpectedStatusCode(int status);
   static PlatformError compilationFailed(const std::string& compilerError);
+  static PlatformError modelNotSupported(const std::string& compilerError);
   static PlatformError noResponse();
   static PlatformError unknown();
 };
 
 class ModelDownloader : public std::enable_shared_from_this<ModelDownloader> {
  public:
+  // A folder under the temporary directory that is removed with its last owner.
+  class TemporaryFolder {
+   public:
+    explicit TemporaryFolder(std::string path) : path_(std::move(path)) {}
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    const std::string& path() const { return path_; }
+
+   private:
+    std::string path_;
+  };
+
   struct Downloaded {
-    std::string compiledModelPath;  // a temporary folder the caller must move away
+    std::string compiledModelPath;  // inside `folder`: move it away before `folder` goes
     HttpResponse response;
+    std::shared_ptr<const TemporaryFolder> folder;
   };
 
   // Downloads and compiled folders are written under `temporaryDirectory`.

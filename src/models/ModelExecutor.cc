@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "models/ContextDictionaryFeatureProvider.h"
+#include "models/ModelOutputCheck.h"
 
 namespace orvane {
 namespace {
@@ -79,10 +80,12 @@ ModelExecutorResult ModelExecutor::executeCoreMLModel(
 
   double probability = -1.0;
   std::optional<std::map<std::string, double>> probabilities;
-  if (auto out = prediction->find("classProbability"); out != prediction->end()) {
+  if (auto out = prediction->find(kProbabilityOutputName); out != prediction->end()) {
     if (const auto* dictionary = out->second.stringDictionaryValue()) {
       probabilities = *dictionary;
-      if (auto one = dictionary->find("1"); one != dictionary->end()) probability = one->second;
+      if (auto one = dictionary->find(kPositiveClassLabel); one != dictionary->end()) {
+        probability = one->second;
+      }
     }
   }
 

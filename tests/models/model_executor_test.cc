@@ -4,6 +4,7 @@
 
 #include "models/ContextDictionaryFeatureProvider.h"
 #include "models/ModelExecutor.h"
+#include "models/ModelOutputCheck.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/Fixtures.h"
 
@@ -223,20 +224,27 @@ class FeatureProviderTest : public ::testing::Test {
  protected:
   testing::FakePlatform fake;
   ScriptedModel model{
-      {input("34_0", FeatureType::kInt64),      input("34_1", FeatureType::kInt64),
-       input("34_-1", FeatureType::kInt64),     input("35_-1", FeatureType::kInt64),
-       input("35_0", FeatureType::kInt64),      input("52", FeatureType::kInt64),
-       input("53", FeatureType::kDouble),       input("71", FeatureType::kString),
-       input("<c>a</c>", FeatureType::kInt64),  input("<c>b</c>", FeatureType::kDouble),
-       input("<c>d</c>", FeatureType::kString), input("<c>e</c>", FeatureType::kDouble),
-       input("<c>f</c>", FeatureType::kInt64),  input("<c>g</c>", FeatureType::kString),
-       input("<c>h</c>", FeatureType::kString), input("<c>none</c>", FeatureType::kInt64),
-       input("abc", FeatureType::kDouble),      input("70000", FeatureType::kInt64),
-       input("999", FeatureType::kDouble),      input("+52", FeatureType::kInt64),
-       input("<c>f</c>_0", FeatureType::kInt64)}};
+      {input("34_0", FeatureType::kInt64),          input("34_1", FeatureType::kInt64),
+       input("34_-1", FeatureType::kInt64),         input("35_-1", FeatureType::kInt64),
+       input("35_0", FeatureType::kInt64),          input("52", FeatureType::kInt64),
+       input("53", FeatureType::kDouble),           input("71", FeatureType::kString),
+       input("<c>a</c>", FeatureType::kInt64),      input("<c>b</c>", FeatureType::kDouble),
+       input("<c>d</c>", FeatureType::kString),     input("<c>e</c>", FeatureType::kDouble),
+       input("<c>f</c>", FeatureType::kInt64),      input("<c>g</c>", FeatureType::kString),
+       input("<c>h</c>", FeatureType::kString),     input("<c>none</c>", FeatureType::kInt64),
+       input("abc", FeatureType::kDouble),          input("70000", FeatureType::kInt64),
+       input("999", FeatureType::kDouble),          input("+52", FeatureType::kInt64),
+       input("<c>f</c>_0", FeatureType::kInt64),    input("<c>plan</c>_0", FeatureType::kInt64),
+       input("<c>plan</c>_1", FeatureType::kInt64), input("<c>plan</c>_-1", FeatureType::kInt64),
+       input("<c>g</c>_1", FeatureType::kDouble),   input("<c>d</c>_0", FeatureType::kInt64)}};
   CoreMLModelMetadata metadata{
       5, false,
-      std::map<std::string, std::vector<std::string>>{{"34", {"US", "DE"}}, {"f", {"7", "8"}}}};
+      std::map<std::string, std::vector<std::string>>{{"34", {"US", "DE"}},
+                                                      {"f", {"7", "8"}},
+                                                      {"<c>plan</c>", {"free", "pro"}},
+                                                      {"plan", {"pro", "free"}},
+                                                      {"g", {"silver", "gold"}},
+                                                      {"<c>d</c>", {"12.5"}}}};
   SignalsManager signals{
       {SignalString(SignalEnum::id(34), "FR"), SignalString(SignalEnum::id(35), "x"),
        SignalBool(SignalEnum::id(52), true), SignalFloat(SignalEnum::id(53), 0.25f),
@@ -249,7 +257,8 @@ class FeatureProviderTest : public ::testing::Test {
                           CustomSignalInt("f", 8),
                           CustomSignalString("g", "gold"),
                           CustomSignalInt("h", 3),
-                          CustomSignalInt("f", 99)};
+                          CustomSignalInt("f", 99),
+                          CustomSignalString("plan", "pro")};
   ContextDictionaryFeatureProvider provider{signals, custom, model, metadata, fake.log};
 
   FeatureValue value(const std::string& name) { return *provider.featureValue(name); }
@@ -287,6 +296,61 @@ TEST_F(FeatureProviderTest, CustomSignalsFollowTheInputType) {
   EXPECT_EQ(fake.log->count("[Orvane] Encountered feature <c>h</c> where Model type (3) does not "
                             "match custom signal type (int)"),
             1u);
+}
+
+TEST_F(FeatureProviderTest, CategoricalCustomSignalsLightTheirColumn) {
+  // Text and decimal signals feed numeric one-hot columns; the tagged name's categories win
+  // over the bare id's, which still serve a model that lists them only there.
+  EXPECT_EQ(value("<c>plan</c>_0"), FeatureValue::fromInt64(0));
+  EXPECT_EQ(value("<c>plan</c>_1"), FeatureValue::fromInt64(1));
+  EXPECT_EQ(value("<c>plan</c>_-1"), FeatureValue::fromInt64(0));
+  EXPECT_EQ(value("<c>g</c>_1"), FeatureValue::fromInt64(1));
+  EXPECT_EQ(value("<c>d</c>_0"), FeatureValue::fromInt64(1));
+  EXPECT_EQ(fake.log->lines().size(), 0u);  // no type mismatch for a one-hot column
+}
+
+coreml::ModelDescription classifierDescription(std::vector<std::string> labels,
+                                               coreml::DictionaryKeyType keys) {
+  coreml::ModelDescription d;
+  d.predictedFeatureName = "classLabel";
+  d.predictedProbabilitiesName = "classProbability";
+  coreml::FeatureDescription probabilities = input("classProbability", FeatureType::kDictionary);
+  probabilities.dictionaryKeyType = keys;
+  d.outputs = {input("classLabel", FeatureType::kString), probabilities};
+  d.stringClassLabels = std::move(labels);
+  return d;
+}
+
+TEST(ModelOutputCheckTest, OnlyStringLabelledProbabilitiesWithLabelOneDriveTheDecision) {
+  using coreml::DictionaryKeyType;
+  EXPECT_EQ(whyModelCannotDecide(classifierDescription({"0", "1"}, DictionaryKeyType::kString)),
+            std::nullopt);
+  // Older files leave the probability output's name out.
+  auto unnamed = classifierDescription({"1", "2"}, DictionaryKeyType::kString);
+  unnamed.predictedProbabilitiesName.clear();
+  EXPECT_EQ(whyModelCannotDecide(unnamed), std::nullopt);
+
+  auto integers = classifierDescription({}, DictionaryKeyType::kInt64);
+  integers.int64ClassLabels = {0, 1};
+  auto regressor = classifierDescription({}, DictionaryKeyType::kString);
+  auto labelOnly = classifierDescription({"0", "1"}, DictionaryKeyType::kString);
+  labelOnly.predictedProbabilitiesName.clear();
+  labelOnly.outputs.pop_back();
+  auto renamed = classifierDescription({"0", "1"}, DictionaryKeyType::kString);
+  renamed.predictedProbabilitiesName = "probabilities";
+  renamed.outputs[1].name = "probabilities";
+  const std::pair<coreml::ModelDescription, const char*> refused[] = {
+      {integers, "integers"},
+      {regressor, "not a classifier"},
+      {labelOnly, "no class probabilities"},
+      {renamed, "'probabilities'"},
+      {classifierDescription({"no", "yes"}, DictionaryKeyType::kString), "do not include \"1\""},
+  };
+  for (const auto& [description, reason] : refused) {
+    const auto why = whyModelCannotDecide(description);
+    ASSERT_TRUE(why) << reason;
+    EXPECT_NE(why->find(reason), std::string::npos) << *why;
+  }
 }
 
 TEST(DefaultDecimalTextTest, MatchesThePlatformsNumberText) {

@@ -2,8 +2,10 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "config/RemoteConfiguration.h"
+#include "coreml/proto/coreml_model.pb.h"
 #include "models/CoreMLModelManager.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/Fixtures.h"
@@ -30,6 +32,28 @@ std::string modelWithVersion(const std::string& version) {
   EXPECT_EQ(version.size(), std::string(kFixtureVersion).size());
   bytes.replace(at, version.size(), version);
   return bytes;
+}
+
+// The delivered model as a converter's defaults leave it, under `version`: `change` turns it
+// into a form the decision cannot read or the runtime never runs.
+std::string convertedModel(const std::string& version,
+                           const std::function<void(coreml::schema::Model&)>& change) {
+  coreml::schema::Model m;
+  EXPECT_TRUE(m.ParseFromString(fixtureBytes()));
+  m.mutable_description()->mutable_metadata()->set_versionstring(version);
+  change(m);
+  return m.SerializeAsString();
+}
+void integerLabels(coreml::schema::Model& m) {
+  auto* labels = m.mutable_treeensembleclassifier()->mutable_int64classlabels();
+  labels->add_vector(0);
+  labels->add_vector(1);
+  for (auto& output : *m.mutable_description()->mutable_output()) {
+    if (output.name() == "classLabel") output.mutable_type()->mutable_int64type();
+    if (output.name() == "classProbability") {
+      output.mutable_type()->mutable_dictionarytype()->mutable_int64keytype();
+    }
+  }
 }
 
 // The local file system with a free-space reading the test chooses.
@@ -129,6 +153,14 @@ class ModelStoreTest : public ::testing::Test {
     fake.drain();
   }
   std::string models() const { return root + "/Application Support/ctx_models"; }
+  // Compile folders a download left behind.
+  std::vector<std::string> leftoverCompileFolders() const {
+    std::vector<std::string> left;
+    for (const auto& e : fs::directory_iterator(files->temporaryDirectory())) {
+      if (e.path().filename().string().starts_with("compiled-")) left.push_back(e.path());
+    }
+    return left;
+  }
   std::optional<int64_t> stored(const char* key) const { return defaults->integer(key); }
 
   testing::FakePlatform fake;
@@ -438,6 +470,165 @@ TEST_F(ModelStoreTest, IdentifiersWithoutUpdatesAndBundledModels) {
   EXPECT_EQ(store->allSignals()[0], SignalInt(SignalEnum::id(402), 0));
   apply(ServerUpdatePayload{});  // nothing to store into: ignored
   EXPECT_TRUE(store->getModelInfoForFlow("x").isControl);
+}
+
+}  // namespace
+}  // namespace orvane
+
+namespace orvane {
+namespace {
+
+TEST_F(ModelStoreTest, RefusedVersionsAreRememberedAndNotDownloadedAgain) {
+  const std::string refusedVersion = "converted-1";
+  http->script({served(convertedModel(refusedVersion, integerLabels))});
+  apply(update(1, {{"upsell", modelEntry(refusedVersion)}}));
+  ASSERT_EQ(reporter.count("Failed to load recently downloaded CoreML model."), 1u);
+  const PlatformError refusal = *reporter.reports()[0].error;
+  EXPECT_EQ(refusal.domain, "CoreMLModelManager");
+  EXPECT_EQ(refusal.code, 5);
+  EXPECT_NE(refusal.description.find("integers"), std::string::npos) << refusal.description;
+  EXPECT_FALSE(fs::exists(models() + "/upsell/converted-1.mlmodelc"));
+  EXPECT_TRUE(leftoverCompileFolders().empty());
+  EXPECT_TRUE(store->getModelInfoForFlow("upsell").isControl);
+
+  // The next answers name the same version: nothing is fetched or reported, in this process
+  // or the next, and the payload stays unapplied.
+  reporter.clear();
+  apply(update(1, {{"upsell", modelEntry(refusedVersion)}}));
+  store = makeStore();
+  apply(update(1, {{"upsell", modelEntry(refusedVersion)}}));
+  EXPECT_EQ(http->requests().size(), 1u);
+  EXPECT_TRUE(reporter.reports().empty());
+  EXPECT_FALSE(stored("ota_last_applied_version"));
+  // Another flow is not bound by this flow's refusals.
+  EXPECT_FALSE(store->refusedVersions().isRefused("home", refusedVersion));
+
+  // A different version is tried, and a good one installs.
+  http->script({served(fixtureBytes())});
+  apply(update(2, {{"upsell", modelEntry(kFixtureVersion)}}));
+  EXPECT_EQ(stored("ota_last_applied_version"), 2);
+  EXPECT_FALSE(store->getModelInfoForFlow("upsell").isControl);
+  EXPECT_TRUE(leftoverCompileFolders().empty());
+}
+
+TEST_F(ModelStoreTest, ModelsTheRuntimeNeverRunsAreRefusedButBrokenDownloadsAreRetried) {
+  const auto newer = [](coreml::schema::Model& m) { m.set_specificationversion(10); };
+  const auto otherKind = [](coreml::schema::Model& m) { m.mutable_mlprogram(); };
+  http->script({served(convertedModel("newer-1", newer)),
+                served(convertedModel("kind-1", otherKind)), served("garbage"), served("garbage")});
+  apply(update(
+      1,
+      {{"a", modelEntry("newer-1")}, {"b", modelEntry("kind-1")}, {"c", modelEntry("broken-1")}}));
+  ASSERT_EQ(reporter.count("Failed to load recently downloaded CoreML model."), 3u);
+  for (const auto& report : reporter.reports()) {
+    EXPECT_EQ(report.error->domain, "ModelDownloader.DownloadError");
+    EXPECT_TRUE(report.error->description.starts_with("Failed to compile model: "));
+  }
+  EXPECT_TRUE(store->refusedVersions().isRefused("a", "newer-1"));
+  EXPECT_TRUE(store->refusedVersions().isRefused("b", "kind-1"));
+  EXPECT_FALSE(store->refusedVersions().isRefused("c", "broken-1"));
+  EXPECT_TRUE(leftoverCompileFolders().empty());
+
+  apply(update(
+      1,
+      {{"a", modelEntry("newer-1")}, {"b", modelEntry("kind-1")}, {"c", modelEntry("broken-1")}}));
+  ASSERT_EQ(http->requests().size(), 4u);  // only the broken file is fetched again
+  EXPECT_NE(http->requests().back().url.find("broken-1"), std::string::npos);
+}
+
+TEST_F(ModelStoreTest, AStoredModelThatCannotDecideFallsToTheControlRule) {
+  http->script({served(fixtureBytes())});
+  apply(update(1, {{"upsell", modelEntry(kFixtureVersion)}}));
+  ASSERT_FALSE(store->getModelInfoForFlow("upsell").isControl);
+
+  // What an earlier install left: the same version with integer labels, in both places.
+  const std::string source = root + "/" + kFixtureVersion + ".mlmodel";
+  std::ofstream(source, std::ios::binary) << convertedModel(kFixtureVersion, integerLabels);
+  auto runtime = makePortableModelRuntime();
+  ASSERT_TRUE(runtime->compileModel(source, models() + "/upsell").ok());
+  ASSERT_TRUE(runtime->compileModel(source, models() + "/__shared_models__").ok());
+  store->setDecisionsEnabled(true);  // empties the cache
+
+  CustomModelInfo info = store->getModelInfoForFlow("upsell");
+  EXPECT_TRUE(info.isControl);
+  EXPECT_FALSE(info.executionInformation);
+  // Refused once, with its reason; the shared copy of the same version is not tried.
+  ASSERT_EQ(reporter.count("Failed to load CoreML Model"), 1u);
+  EXPECT_NE(reporter.reports()[0].error->description.find("integers"), std::string::npos);
+  EXPECT_TRUE(store->refusedVersions().isRefused("upsell", kFixtureVersion));
+
+  // The flow was cleared so that the payload applies again, and it does, without a download.
+  apply(update(1, {{"upsell", modelEntry(kFixtureVersion)}}));
+  EXPECT_EQ(http->requests().size(), 1u);
+  EXPECT_TRUE(store->getModelInfoForFlow("upsell").isControl);
+}
+
+// A runtime that runs `beforeLoad` once, as the next model load begins.
+class HookedRuntime : public ModelRuntime {
+ public:
+  std::function<void()> beforeLoad;
+  coreml::Result<std::string> compileModel(const std::string& file,
+                                           const std::string& folder) override {
+    return inner_->compileModel(file, folder);
+  }
+  coreml::Result<std::shared_ptr<const LoadedModel>> loadCompiledModel(
+      const std::string& folder) override {
+    if (auto hook = std::exchange(beforeLoad, nullptr)) hook();
+    return inner_->loadCompiledModel(folder);
+  }
+
+ private:
+  std::shared_ptr<ModelRuntime> inner_ = makePortableModelRuntime();
+};
+
+TEST_F(ModelStoreTest, AReadThatRacedARewriteDoesNotCacheTheOldAnswer) {
+  auto runtime = std::make_shared<HookedRuntime>();
+  CoreMLModelManager::Dependencies deps;
+  deps.defaults = defaults;
+  deps.fileSystem = files;
+  deps.modelRuntime = runtime;
+  deps.http = http;
+  deps.crypto = fake.platform.crypto;
+  deps.dateProvider = date;
+  deps.errorReporter = [this]() -> ErrorReporter& { return reporter; };
+  store = std::make_unique<CoreMLModelManager>(std::move(deps));  // updates run inline
+  http->script({served(fixtureBytes())});
+  store->applyModelUpdates(update(1, {{"upsell", modelEntry(kFixtureVersion)}}));
+  store->setDecisionsEnabled(true);  // empties the cache
+
+  // The reader has read the model record and is loading its file when the flow turns into a
+  // control flow.
+  runtime->beforeLoad = [&] {
+    store->applyModelUpdates(update(2, {{"upsell", controlEntry(0.5)}}));
+  };
+  EXPECT_FALSE(store->getModelInfoForFlow("upsell").isControl);  // read before the rewrite
+  CustomModelInfo after = store->getModelInfoForFlow("upsell");
+  EXPECT_TRUE(after.isControl);
+  EXPECT_DOUBLE_EQ(after.executionInformation->randomUpsellChance(), 0.5);
+}
+
+TEST_F(ModelStoreTest, ConcurrentReadsNeverOutliveTheLastRewrite) {
+  CoreMLModelManager::Dependencies deps;
+  deps.defaults = defaults;
+  deps.fileSystem = files;
+  deps.modelRuntime = makePortableModelRuntime();
+  deps.crypto = fake.platform.crypto;
+  deps.dateProvider = date;
+  deps.errorReporter = [this]() -> ErrorReporter& { return reporter; };
+  store = std::make_unique<CoreMLModelManager>(std::move(deps));  // updates run inline
+
+  constexpr int kRewrites = 200;
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    while (!done.load()) store->getModelInfoForFlow("f");
+  });
+  for (int i = 1; i <= kRewrites; ++i) {
+    store->applyModelUpdates(update(i, {{"f", controlEntry(i / 1000.0)}}));
+  }
+  done.store(true);
+  reader.join();
+  EXPECT_DOUBLE_EQ(store->getModelInfoForFlow("f").executionInformation->randomUpsellChance(),
+                   kRewrites / 1000.0);
 }
 
 }  // namespace

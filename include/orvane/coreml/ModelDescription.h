@@ -48,6 +48,11 @@ struct ORVANE_API ModelDescription {
   // holds the class probabilities.
   std::string predictedFeatureName;
   std::string predictedProbabilitiesName;
+  // Classifiers: the class labels, in the model's order, which key the probability output (for
+  // a pipeline, those of the stage that writes it). One list is filled, by the labels' type;
+  // both are empty for a model that is no classifier.
+  std::vector<std::string> stringClassLabels;
+  std::vector<int64_t> int64ClassLabels;
   ModelMetadata metadata;
 
   const FeatureDescription* input(const std::string& name) const;

@@ -14,10 +14,26 @@ namespace orvane::coreml {
 class ORVANE_API Error {
  public:
   explicit Error(std::string message) : message_(std::move(message)) {}
+  // A model this runtime will never run: a kind it does not evaluate or a format version
+  // outside the range it reads. Trying the same file again cannot help.
+  static Error unsupported(std::string message) {
+    Error error(std::move(message));
+    error.unsupported_ = true;
+    return error;
+  }
+
   const std::string& message() const { return message_; }
+  bool isUnsupported() const { return unsupported_; }
+  // The same error with more context in front of its message.
+  Error prefixed(const std::string& context) const {
+    Error error(context + message_);
+    error.unsupported_ = unsupported_;
+    return error;
+  }
 
  private:
   std::string message_;
+  bool unsupported_ = false;
 };
 
 template <typename T>
