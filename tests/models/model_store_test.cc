@@ -128,17 +128,19 @@ class ModelStoreTest : public ::testing::Test {
     store = makeStore();
   }
 
+  // With `runtime`, updates run inline on the caller's thread.
   std::unique_ptr<CoreMLModelManager> makeStore(std::map<std::string, FlowInfo> builtIn = {},
-                                                std::string bundled = "") {
+                                                std::string bundled = "",
+                                                std::shared_ptr<ModelRuntime> runtime = nullptr) {
     CoreMLModelManager::Dependencies deps;
     deps.defaults = defaults;
     deps.fileSystem = files;
-    deps.modelRuntime = makePortableModelRuntime();
+    deps.modelRuntime = runtime ? runtime : makePortableModelRuntime();
     deps.http = http;
     deps.crypto = fake.platform.crypto;
     deps.dateProvider = date;
     deps.log = fake.log;
-    deps.updatingQueue = fake.executors->makeSerialQueue("models");
+    if (!runtime) deps.updatingQueue = fake.executors->makeSerialQueue("models");
     deps.errorReporter = [this]() -> ErrorReporter& { return reporter; };
     deps.remoteConfiguration = [this]() -> RemoteConfiguration& { return *remote; };
     deps.bundleIdentifier = "com.example.host";
@@ -583,15 +585,7 @@ class HookedRuntime : public ModelRuntime {
 
 TEST_F(ModelStoreTest, AReadThatRacedARewriteDoesNotCacheTheOldAnswer) {
   auto runtime = std::make_shared<HookedRuntime>();
-  CoreMLModelManager::Dependencies deps;
-  deps.defaults = defaults;
-  deps.fileSystem = files;
-  deps.modelRuntime = runtime;
-  deps.http = http;
-  deps.crypto = fake.platform.crypto;
-  deps.dateProvider = date;
-  deps.errorReporter = [this]() -> ErrorReporter& { return reporter; };
-  store = std::make_unique<CoreMLModelManager>(std::move(deps));  // updates run inline
+  store = makeStore({}, "", runtime);
   http->script({served(fixtureBytes())});
   store->applyModelUpdates(update(1, {{"upsell", modelEntry(kFixtureVersion)}}));
   store->setDecisionsEnabled(true);  // empties the cache
@@ -608,14 +602,7 @@ TEST_F(ModelStoreTest, AReadThatRacedARewriteDoesNotCacheTheOldAnswer) {
 }
 
 TEST_F(ModelStoreTest, ConcurrentReadsNeverOutliveTheLastRewrite) {
-  CoreMLModelManager::Dependencies deps;
-  deps.defaults = defaults;
-  deps.fileSystem = files;
-  deps.modelRuntime = makePortableModelRuntime();
-  deps.crypto = fake.platform.crypto;
-  deps.dateProvider = date;
-  deps.errorReporter = [this]() -> ErrorReporter& { return reporter; };
-  store = std::make_unique<CoreMLModelManager>(std::move(deps));  // updates run inline
+  store = makeStore({}, "", makePortableModelRuntime());
 
   constexpr int kRewrites = 200;
   std::atomic<bool> done{false};
