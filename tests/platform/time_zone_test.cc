@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include "platform/TimeZoneSource.h"
 
@@ -17,8 +18,11 @@ namespace fs = std::filesystem;
 // /etc/localtime, /etc/timezone and a zoneinfo folder of our own.
 class ZoneFiles {
  public:
-  ZoneFiles() : root_(fs::path(::testing::TempDir()) / "orvane-zone") {
-    fs::remove_all(root_);
+  // A folder of its own: ctest runs the cases of this file in parallel processes.
+  ZoneFiles() {
+    std::string pattern = (fs::temp_directory_path() / "orvane-zone-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    root_ = pattern;
     fs::create_directories(root_ / "etc");
     write("zoneinfo/Europe/Berlin", "TZif berlin");
     write("zoneinfo/Asia/Tokyo", "TZif tokyo");
