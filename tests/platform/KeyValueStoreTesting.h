@@ -16,24 +16,11 @@
 
 #include "orvane/PlistValue.h"
 #include "platform/linux/SqliteKeyValueStore.h"
+#include "testutil/TemporaryDirectory.h"
 
 namespace orvane::testing {
 
 namespace fs = std::filesystem;
-
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "orvane-kv-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  ~TemporaryDirectory() { fs::remove_all(path_); }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
 
 // Collects reports from whichever thread makes them.
 struct ErrorLog {

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 
 #include "platform/TimeZoneSource.h"
+#include "testutil/TemporaryDirectory.h"
 
 namespace orvane {
 namespace {
@@ -18,17 +18,11 @@ namespace fs = std::filesystem;
 // /etc/localtime, /etc/timezone and a zoneinfo folder of our own.
 class ZoneFiles {
  public:
-  // A folder of its own: ctest runs the cases of this file in parallel processes.
   ZoneFiles() {
-    std::string pattern = (fs::temp_directory_path() / "orvane-zone-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    root_ = pattern;
     fs::create_directories(root_ / "etc");
     write("zoneinfo/Europe/Berlin", "TZif berlin");
     write("zoneinfo/Asia/Tokyo", "TZif tokyo");
   }
-  ~ZoneFiles() { fs::remove_all(root_); }
-
   void write(const std::string& relative, const std::string& text) {
     fs::create_directories((root_ / relative).parent_path());
     std::ofstream(root_ / relative, std::ios::trunc) << text;
@@ -43,7 +37,8 @@ class ZoneFiles {
   }
 
  private:
-  fs::path root_;
+  testing::TemporaryDirectory directory_{"orvane-zone"};
+  const fs::path root_ = directory_.path();
 };
 
 TimeZoneSource sourceWith(const ZoneFiles& files, std::optional<std::string> tz) {
