@@ -18,17 +18,17 @@ PlatformError zlibError(int code, const char* what) {
 constexpr int kGeneralLevel = 5;
 constexpr int kFastLevel = 1;
 
-class ThreadDeflater {
+// windowBits -15 writes raw DEFLATE without the zlib wrapper, 31 one gzip member.
+class Deflater {
  public:
-  ThreadDeflater(int level, int memLevel, int strategy) {
-    // windowBits -15: raw DEFLATE without the zlib wrapper.
-    ready_ = deflateInit2(&stream_, level, Z_DEFLATED, -15, memLevel, strategy) == Z_OK;
+  Deflater(int level, int memLevel, int strategy, int windowBits = -15) {
+    ready_ = deflateInit2(&stream_, level, Z_DEFLATED, windowBits, memLevel, strategy) == Z_OK;
   }
-  ~ThreadDeflater() {
+  ~Deflater() {
     if (ready_) deflateEnd(&stream_);
   }
-  ThreadDeflater(const ThreadDeflater&) = delete;
-  ThreadDeflater& operator=(const ThreadDeflater&) = delete;
+  Deflater(const Deflater&) = delete;
+  Deflater& operator=(const Deflater&) = delete;
 
   Result<Bytes> compress(std::span<const uint8_t> input) {
     if (!ready_) return zlibError(Z_MEM_ERROR, "Failed to start compression");
@@ -56,18 +56,18 @@ Result<Bytes> deflateRaw(std::span<const uint8_t> input, CompressionHint hint) {
   // groups of a log) get a small table. Text that is mostly base64 of compressed data has
   // nothing for string matching to find, so it is only Huffman-coded.
   if (hint == CompressionHint::kEntropyOnly) {
-    thread_local ThreadDeflater huffman(kGeneralLevel, 8, Z_HUFFMAN_ONLY);
+    thread_local Deflater huffman(kGeneralLevel, 8, Z_HUFFMAN_ONLY);
     return huffman.compress(input);
   }
   if (hint == CompressionHint::kFast) {
-    thread_local ThreadDeflater fast(kFastLevel, 8, Z_DEFAULT_STRATEGY);
+    thread_local Deflater fast(kFastLevel, 8, Z_DEFAULT_STRATEGY);
     return fast.compress(input);
   }
   if (input.size() <= 4096) {
-    thread_local ThreadDeflater small(kGeneralLevel, 4, Z_DEFAULT_STRATEGY);
+    thread_local Deflater small(kGeneralLevel, 4, Z_DEFAULT_STRATEGY);
     return small.compress(input);
   }
-  thread_local ThreadDeflater large(kGeneralLevel, 8, Z_DEFAULT_STRATEGY);
+  thread_local Deflater large(kGeneralLevel, 8, Z_DEFAULT_STRATEGY);
   return large.compress(input);
 }
 
@@ -117,21 +117,8 @@ Result<Bytes> gzipDecompress(std::span<const uint8_t> input, size_t maxOutput) {
 Result<Bytes> gzipCompress(std::span<const uint8_t> input) {
   // An upload body is compressed once, off the caller's thread: a stream of its own at the
   // default level, rather than a thread's kept compressor.
-  z_stream stream{};
-  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
-    return zlibError(Z_MEM_ERROR, "Failed to start compression");
-  }
-  Bytes out(deflateBound(&stream, static_cast<uLong>(input.size())));
-  stream.next_in = const_cast<Bytef*>(input.data());
-  stream.avail_in = static_cast<uInt>(input.size());
-  stream.next_out = out.data();
-  stream.avail_out = static_cast<uInt>(out.size());
-  const int rc = deflate(&stream, Z_FINISH);
-  const uLong written = stream.total_out;
-  deflateEnd(&stream);
-  if (rc != Z_STREAM_END) return zlibError(rc, "Failed to compress data");
-  out.resize(written);
-  return out;
+  Deflater gzip(Z_DEFAULT_COMPRESSION, 8, Z_DEFAULT_STRATEGY, 31);
+  return gzip.compress(input);
 }
 
 }  // namespace orvane
