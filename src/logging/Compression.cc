@@ -2,6 +2,8 @@
 
 #include <zlib.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 
 namespace orvane {
@@ -49,14 +51,37 @@ class Deflater {
   bool ready_ = false;
 };
 
+// Stored blocks (BTYPE 00), at most 65535 bytes each; an empty input is one empty final block.
+Bytes storedBlocks(std::span<const uint8_t> input) {
+  constexpr size_t kLargestBlock = 65535;
+  Bytes out;
+  out.reserve(input.size() + 5 * (input.size() / kLargestBlock + 1));
+  size_t offset = 0;
+  do {
+    const size_t length = std::min(kLargestBlock, input.size() - offset);
+    const bool last = offset + length == input.size();
+    out.push_back(last ? 0x01 : 0x00);  // BFINAL, BTYPE 00, padded to the byte boundary
+    out.push_back(static_cast<uint8_t>(length));
+    out.push_back(static_cast<uint8_t>(length >> 8));
+    out.push_back(static_cast<uint8_t>(~length));
+    out.push_back(static_cast<uint8_t>(~length >> 8));
+    out.insert(out.end(), input.begin() + static_cast<std::ptrdiff_t>(offset),
+               input.begin() + static_cast<std::ptrdiff_t>(offset + length));
+    offset += length;
+  } while (offset < input.size());
+  return out;
+}
+
 }  // namespace
 
 Result<Bytes> deflateRaw(std::span<const uint8_t> input, CompressionHint hint) {
-  // A reset clears the hash table, whose size follows memLevel; small inputs (the binary
-  // groups of a log) get a small table. Text that is mostly base64 of compressed data has
+  if (hint == CompressionHint::kStoreOnly) return storedBlocks(input);
+  // A reset clears the hash table, whose size follows memLevel, and a block holds up to
+  // 2^(memLevel + 6) symbols: small inputs get a small table, and the Huffman-only envelope
+  // of an ordinary log (under 4 KB) fits one block. Text that is mostly base64 of binary has
   // nothing for string matching to find, so it is only Huffman-coded.
   if (hint == CompressionHint::kEntropyOnly) {
-    thread_local Deflater huffman(kGeneralLevel, 8, Z_HUFFMAN_ONLY);
+    thread_local Deflater huffman(kGeneralLevel, 6, Z_HUFFMAN_ONLY);
     return huffman.compress(input);
   }
   if (hint == CompressionHint::kFast) {

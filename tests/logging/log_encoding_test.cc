@@ -211,5 +211,27 @@ TEST_F(LogEncodingTest, IndependentToolsReadTheEncodedForm) {
                 {"s", {{"20", "paywall"}}}, {"cs", {{"n", 7}}}, {"gs", nlohmann::json::object()}}));
 }
 
+// Every hint gives a stream any inflater reads back to the input, also across the 65535-byte
+// limit of a stored block and for nothing at all.
+TEST(CompressionTest, EveryHintRoundTripsThroughAnInflater) {
+  for (const size_t size : {size_t{0}, size_t{1}, size_t{65535}, size_t{65536}, size_t{140000}}) {
+    Bytes input(size);
+    for (size_t i = 0; i < size; ++i) input[i] = static_cast<uint8_t>((i * 2654435761u) >> 13);
+    for (const CompressionHint hint : {CompressionHint::kGeneral, CompressionHint::kEntropyOnly,
+                                       CompressionHint::kFast, CompressionHint::kStoreOnly}) {
+      SCOPED_TRACE(::testing::Message() << size << " bytes, hint " << static_cast<int>(hint));
+      auto compressed = deflateRaw(input, hint);
+      ASSERT_TRUE(compressed.ok());
+      auto back = inflateRaw(*compressed);
+      ASSERT_TRUE(back.ok()) << back.error().description;
+      EXPECT_EQ(*back, input);
+      if (hint == CompressionHint::kStoreOnly) {
+        const size_t blocks = std::max<size_t>(1, (size + 65534) / 65535);
+        EXPECT_EQ(compressed->size(), size + 5 * blocks);
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace orvane
