@@ -81,7 +81,7 @@ void BM_RawMotionRecord(benchmark::State& state) {
   }
   state.counters["base64_bytes"] = static_cast<double>(bytes);
 }
-BENCHMARK(BM_RawMotionRecord)->Arg(300)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_RawMotionRecord)->Arg(300)->Arg(2000)->Unit(benchmark::kMicrosecond);
 
 void BM_RawSampleComponent(benchmark::State& state) {
   const auto samples = walkingWindow(300);

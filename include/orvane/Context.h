@@ -21,6 +21,7 @@ namespace orvane {
 
 class Engine;
 class Log;
+class RawMotionCapture;
 class SignalsManager;
 class SystemLog;
 struct CustomModelInfo;
@@ -144,11 +145,13 @@ class ORVANE_API Context : public std::enable_shared_from_this<Context> {
   void markReturnedAgain();
   // Creates a context and runs its decision: model information from the store, identity
   // signals, timing, the model or control rule, the creation log for the methods that have
-  // one. Registers it as the flow's most recent context.
+  // one. Registers it as the flow's most recent context. `rawMotion`, when the request
+  // captured one, goes into the logs that carry the raw-motion record.
   static std::shared_ptr<Context> create(Engine& manager, SignalList requestSignals,
                                          std::string flowName, CustomSignalList customSignals,
                                          MethodUsed methodUsed,
-                                         const ExtraModelExecutionInformation& extra);
+                                         const ExtraModelExecutionInformation& extra,
+                                         std::shared_ptr<const RawMotionCapture> rawMotion);
 
   Context(Engine& manager, SignalList requestSignals, std::string flowName,
           CustomSignalList customSignals);
@@ -181,6 +184,7 @@ class ORVANE_API Context : public std::enable_shared_from_this<Context> {
   bool internalWasForcedUpsell_ = false;
   int modelResult_ = 1;
   std::shared_ptr<const CustomModelInfo> modelInfo_;
+  std::shared_ptr<const RawMotionCapture> rawMotion_;
 
   // Guards what logging from several threads changes.
   mutable std::mutex mutex_;

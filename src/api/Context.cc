@@ -8,6 +8,7 @@
 #include "logging/LogEncoder.h"
 #include "models/CoreMLModelManager.h"
 #include "models/ModelExecutor.h"
+#include "motion/RawMotionCapture.h"
 #include "orvane/Log.h"
 #include "revenue/StoreKitRevenueTracker.h"
 #include "signals/SignalsManager.h"
@@ -130,9 +131,11 @@ Context::~Context() = default;
 std::shared_ptr<Context> Context::create(Engine& manager, SignalList requestSignals,
                                          std::string flowName, CustomSignalList customSignals,
                                          MethodUsed methodUsed,
-                                         const ExtraModelExecutionInformation& extra) {
+                                         const ExtraModelExecutionInformation& extra,
+                                         std::shared_ptr<const RawMotionCapture> rawMotion) {
   std::shared_ptr<Context> context(new Context(manager, std::move(requestSignals),
                                                std::move(flowName), std::move(customSignals)));
+  context->rawMotion_ = std::move(rawMotion);
   context->decide(manager, methodUsed, extra);
   context->registerAsRecent(manager);
   if (logsItsCreation(methodUsed)) {
@@ -331,6 +334,10 @@ std::shared_ptr<Log> Context::createLog(Engine& owner, int outcome, EventType ev
   }
   if (dropsAdditionalMotionRecord(outcome)) {
     std::erase_if(signals, [](const Signal& s) { return s.id() == SignalEnum::id(444); });
+  } else if (rawMotion_) {
+    // Built in the background since the request; only a log made at once waits for it.
+    const SignalList& raw = rawMotion_->signals();
+    signals.insert(signals.end(), raw.begin(), raw.end());
   }
   const CustomSignalList globals = owner.globalCustomSignals();
   auto encoded = owner.logEncoder().encodeLog(signals, customSignals_, globals);

@@ -14,12 +14,13 @@ namespace orvane {
 class Engine;
 
 struct ContextAccess {
-  static std::shared_ptr<Context> create(Engine& manager, SignalList requestSignals,
-                                         std::string flowName, CustomSignalList customSignals,
-                                         MethodUsed methodUsed,
-                                         const ExtraModelExecutionInformation& extra = {}) {
+  static std::shared_ptr<Context> create(
+      Engine& manager, SignalList requestSignals, std::string flowName,
+      CustomSignalList customSignals, MethodUsed methodUsed,
+      const ExtraModelExecutionInformation& extra = {},
+      std::shared_ptr<const RawMotionCapture> rawMotion = nullptr) {
     return Context::create(manager, std::move(requestSignals), std::move(flowName),
-                           std::move(customSignals), methodUsed, extra);
+                           std::move(customSignals), methodUsed, extra, std::move(rawMotion));
   }
   static void logWithArbitraryOutcome(Context& context, int outcome, EventType eventType) {
     context.logWithArbitraryOutcome(outcome, eventType);

@@ -152,31 +152,35 @@ void Engine::requestFetchContext(const std::string& flowName, int64_t requestedD
     auto signals = std::make_shared<SignalList>(requestHead(true, duration));
     const bool logAdditional = sampleAdditionalRecord(*this);
     // Continues on the main queue once the motion signals are there.
-    auto finish = [this, flowName, customSignals, callback, method, signals] {
+    auto finish = [this, flowName, customSignals, callback, method,
+                   signals](std::shared_ptr<RawMotionCapture> rawMotion) {
       AccelerometerSensor& sensor = accelerometerSensor();
       {
         std::lock_guard<std::mutex> guard(sensor.accelerometerStateLock());
         sensor.removeOpenRequest();
         sensor.maybeStopAccelerometer();
       }
-      auto context = ContextAccess::create(*this, *signals, flowName, customSignals, method, {});
+      auto context = ContextAccess::create(*this, *signals, flowName, customSignals, method, {},
+                                           std::move(rawMotion));
       if (callback) callback(context);
     };
-    SignalList motion = sensor.allSignals(duration, logAdditional);
-    if (AccelerometerSensor::hasValidAccelerometerData(motion)) {
-      appendAll(*signals, motion);
+    MotionAnswer motion = sensor.allSignals(duration, logAdditional);
+    if (AccelerometerSensor::hasValidAccelerometerData(motion.signals)) {
+      appendAll(*signals, motion.signals);
       appendAll(*signals, allDefaultSignals());
-      platform_.executors->mainQueue()->async(finish);
+      platform_.executors->mainQueue()->async(
+          [finish, rawMotion = std::move(motion.rawMotion)] { finish(rawMotion); });
       return;
     }
     auto call = std::make_shared<PendingFetchContextCall>();
     call->flowName = flowName;
     call->durationToUse = duration;
     call->logAdditionalAccelData = logAdditional;
-    call->callback = [this, signals, finish](SignalList motionSignals) {
-      appendAll(*signals, motionSignals);
+    call->callback = [this, signals, finish](MotionAnswer answer) {
+      appendAll(*signals, answer.signals);
       appendAll(*signals, allDefaultSignals());
-      platform_.executors->mainQueue()->async(finish);
+      platform_.executors->mainQueue()->async(
+          [finish, rawMotion = std::move(answer.rawMotion)] { finish(rawMotion); });
     };
     sensor.requestCallback(duration, std::move(call));
   });
@@ -194,11 +198,15 @@ std::shared_ptr<Context> Engine::requestInstantContext(const std::string& flowNa
     }
     SignalList signals = requestHead(false, duration);
     appendAll(signals, allDefaultSignals());
+    std::shared_ptr<RawMotionCapture> rawMotion;
     if (isSupported_ == ContextManagerIsSupported::kSupported) {
       const bool logAdditional = method != MethodUsed::kFurther10 && sampleAdditionalRecord(*this);
-      appendAll(signals, accelerometerSensor().allSignals(duration, logAdditional));
+      MotionAnswer motion = accelerometerSensor().allSignals(duration, logAdditional);
+      appendAll(signals, motion.signals);
+      rawMotion = std::move(motion.rawMotion);
     }
-    context = ContextAccess::create(*this, std::move(signals), flowName, customSignals, method, {});
+    context = ContextAccess::create(*this, std::move(signals), flowName, customSignals, method, {},
+                                    std::move(rawMotion));
   });
   return context;
 }

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "motion/AdditionalAccelFeatureExtraction.h"
+#include "motion/RawMotionCapture.h"
 #include "motion/features/AccelFeatureExtraction.h"
 #include "util/WrappingLock.h"
 
@@ -16,6 +17,8 @@ namespace {
 
 using WaitingCalls = std::vector<std::shared_ptr<PendingFetchContextCall>>;
 using SampleCopy = std::shared_ptr<const std::vector<AccelerometerSensorValue>>;
+
+constexpr const char* kRawMotionQueueName = "com.orvane.RawMotionRecord";
 
 // The answer of a device that cannot sample: no samples, invalid for reason 3. The seconds
 // covered are an integer here, unlike the float of an extracted window.
@@ -50,7 +53,9 @@ struct AccelerometerSensor::Core {
   const std::shared_ptr<SerialQueue> trackingQueue;
   const AccelFeatureExtraction extraction;
   std::once_flag additionalOnce;
-  std::unique_ptr<AdditionalAccelFeatureExtraction> additional;
+  std::shared_ptr<const AdditionalAccelFeatureExtraction> additional;
+  // Builds raw-motion records in the background, away from requests and samples.
+  std::shared_ptr<SerialQueue> recordQueue;
 
   WrappingLock<Buffer> buffer;
   // Waiting calls by duration in whole seconds, each list in arrival order.
@@ -73,14 +78,30 @@ struct AccelerometerSensor::Core {
     return extraction.extract(values, duration).allSignals();
   }
 
-  SignalList additionalSignals(std::span<const AccelerometerSensorValue> values) {
+  int64_t rawMotionDuration() const {
+    return environment.additionalAccelDataDuration ? environment.additionalAccelDataDuration() : 0;
+  }
+
+  // The raw-motion record of `samples` as of now, built in the background from here on: a log
+  // made later finds it ready.
+  std::shared_ptr<RawMotionCapture> captureRawMotion(SampleCopy samples, int64_t duration) {
     std::call_once(additionalOnce, [&] {
-      additional = std::make_unique<AdditionalAccelFeatureExtraction>(environment.errorReporting,
-                                                                      environment.dateProvider);
+      additional = std::make_shared<const AdditionalAccelFeatureExtraction>(
+          environment.errorReporting, environment.dateProvider);
+      if (environment.executors) {
+        recordQueue = environment.executors->makeSerialQueue(kRawMotionQueueName);
+      }
     });
-    const int64_t duration =
-        environment.additionalAccelDataDuration ? environment.additionalAccelDataDuration() : 0;
-    return additional->extract(values, duration);
+    auto capture =
+        std::make_shared<RawMotionCapture>(additional, std::move(samples), now(), duration);
+    if (recordQueue) {
+      recordQueue->async([self = weakSelf, weakCapture = std::weak_ptr<RawMotionCapture>(capture)] {
+        const auto alive = self.lock();
+        const auto pending = weakCapture.lock();
+        if (alive && pending && !alive->closed.load()) pending->signals();
+      });
+    }
+    return capture;
   }
 
   void handleSample(uint64_t session, const DeviceMotion* motion) {
@@ -130,21 +151,19 @@ struct AccelerometerSensor::Core {
       if (calls.empty() || !mainQueue) continue;
       mainQueue->async(
           [self = weakSelf.lock(), calls = std::move(calls), signals = std::move(signals), copy] {
-            if (self) self->deliver(calls, signals, *copy);
+            if (self) self->deliver(calls, signals, copy);
           });
     }
   }
 
   // On the main queue: every call of one duration gets the same motion signals, in order.
-  void deliver(const WaitingCalls& calls, const SignalList& signals,
-               std::span<const AccelerometerSensorValue> samples) {
+  void deliver(const WaitingCalls& calls, const SignalList& signals, const SampleCopy& samples) {
     for (const auto& call : calls) {
       if (closed.load()) return;
       try {
-        SignalList answer = signals;
+        MotionAnswer answer{signals, nullptr};
         if (call->logAdditionalAccelData) {
-          SignalList extra = additionalSignals(samples);
-          answer.insert(answer.end(), extra.begin(), extra.end());
+          answer.rawMotion = captureRawMotion(samples, rawMotionDuration());
         }
         if (call->callback) call->callback(std::move(answer));
       } catch (const std::exception& e) {
@@ -248,14 +267,18 @@ void AccelerometerSensor::maybeStopAccelerometer() {
   clearForNewSession();
 }
 
-SignalList AccelerometerSensor::allSignals(int64_t duration, bool logAdditionalAccelData) {
-  const std::vector<AccelerometerSensorValue> copy = bufferedSamples();
-  SignalList signals = core_->extractedAccelSignals(copy, duration);
-  if (logAdditionalAccelData) {
-    SignalList extra = core_->additionalSignals(copy);
-    signals.insert(signals.end(), extra.begin(), extra.end());
-  }
-  return signals;
+MotionAnswer AccelerometerSensor::allSignals(int64_t duration, bool logAdditionalAccelData) {
+  // The features look at samples younger than duration + 1 s; a sample that old now is older
+  // still when they run, so the copy holds every sample they can pick.
+  const int64_t rawDuration = logAdditionalAccelData ? core_->rawMotionDuration() : 0;
+  const double maxAge = std::max(static_cast<double>(std::max<int64_t>(duration, 0)) + 1.0,
+                                 static_cast<double>(rawDuration));
+  auto copy =
+      std::make_shared<const std::vector<AccelerometerSensorValue>>(bufferedSamples(maxAge));
+  MotionAnswer answer{core_->extractedAccelSignals(*copy, duration), nullptr};
+  if (logAdditionalAccelData)
+    answer.rawMotion = core_->captureRawMotion(std::move(copy), rawDuration);
+  return answer;
 }
 
 void AccelerometerSensor::requestCallback(int64_t duration,
@@ -269,7 +292,7 @@ void AccelerometerSensor::requestCallback(int64_t duration,
     return;
   }
   auto answer = [call = std::move(call), signals = core_->extractedAccelSignals({}, duration)] {
-    if (call->callback) call->callback(signals);
+    if (call->callback) call->callback(MotionAnswer{signals, nullptr});
   };
   auto main = core_->mainQueue;
   if (!main || main->isCurrent()) {
@@ -306,6 +329,18 @@ bool AccelerometerSensor::hasValidAccelerometerData(const SignalList& signals) {
 
 std::vector<AccelerometerSensorValue> AccelerometerSensor::bufferedSamples() const {
   return core_->buffer.withLock([](Core::Buffer& b) { return b.samples; });
+}
+
+std::vector<AccelerometerSensorValue> AccelerometerSensor::bufferedSamples(double maxAge) const {
+  const double now = core_->now();
+  return core_->buffer.withLock([&](Core::Buffer& b) {
+    std::vector<AccelerometerSensorValue> young;
+    young.reserve(b.samples.size());  // pages past what is written are never touched
+    for (const AccelerometerSensorValue& value : b.samples) {
+      if (now - value.timestamp.secondsSince1970 < maxAge) young.push_back(value);
+    }
+    return young;
+  });
 }
 
 size_t AccelerometerSensor::waitingCallCount() const { return core_->waitingCount.load(); }

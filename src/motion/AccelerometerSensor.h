@@ -83,9 +83,9 @@ class AccelerometerSensor {
   bool isSampling() const { return isSampling_; }
   std::optional<Date> timestampOfAccelMonitoringStarted() const { return monitoringStarted_; }
 
-  // The motion signals of the last `duration` seconds of the buffer, valid or not, plus the
-  // raw-motion record when asked for.
-  SignalList allSignals(int64_t duration, bool logAdditionalAccelData);
+  // The motion signals of the last `duration` seconds of the buffer, valid or not, and the
+  // raw-motion capture when asked for. Copies only the samples the answer needs.
+  MotionAnswer allSignals(int64_t duration, bool logAdditionalAccelData);
   // Keeps `call` until a sample makes its window valid. On an unsupported device it is
   // answered at once (directly when already on the main queue).
   void requestCallback(int64_t duration, std::shared_ptr<PendingFetchContextCall> call);
@@ -101,6 +101,8 @@ class AccelerometerSensor {
   static bool hasValidAccelerometerData(const SignalList& signals);
 
   std::vector<AccelerometerSensorValue> bufferedSamples() const;
+  // The buffered samples younger than `maxAge` seconds, in buffer order.
+  std::vector<AccelerometerSensorValue> bufferedSamples(double maxAge) const;
   size_t waitingCallCount() const;
 
  private:

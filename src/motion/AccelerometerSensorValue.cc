@@ -1,6 +1,8 @@
 #include "motion/AccelerometerSensorValue.h"
 
+#include <bit>
 #include <charconv>
+#include <cstdint>
 #include <cmath>
 #include <limits>
 #include <system_error>
@@ -32,8 +34,13 @@ float rawSampleComponent(double value) {
   if (value != 0 && std::fabs(value) < 1e30) {
     const float narrowed = static_cast<float>(value);
     const double here = narrowed;
-    const double lowHalfway = (here + std::nextafter(narrowed, -HUGE_VALF)) / 2;
-    const double highHalfway = (here + std::nextafter(narrowed, HUGE_VALF)) / 2;
+    // The neighbouring floats: one step of the bit pattern away from zero and towards it
+    // (0 is excluded above, so narrowed is never zero; a subnormal still steps by one).
+    const auto bits = std::bit_cast<uint32_t>(narrowed);
+    const double away = std::bit_cast<float>(bits + 1);
+    const double toward = std::bit_cast<float>(bits - 1);
+    const double lowHalfway = (here + (narrowed > 0 ? toward : away)) / 2;
+    const double highHalfway = (here + (narrowed > 0 ? away : toward)) / 2;
     if (value - lowHalfway > kMoved && highHalfway - value > kMoved) return narrowed;
   }
   return rawSampleComponentThroughText(value);
@@ -79,9 +86,15 @@ void AccelerometerSensorValue::appendRawRecordJson(std::string& out) const {
   triple(",\"at\":", attitude.roll, attitude.pitch, attitude.yaw);
   triple(",\"g\":", gravity.x, gravity.y, gravity.z);
   triple(",\"r\":", rotationRate.x, rotationRate.y, rotationRate.z);
-  out += ",\"t\":";
-  appendJsonString(out, shortestDoubleText(timestamp.secondsSince1970));
-  out += '}';
+  // The time as a JSON string of its shortest text: digits, sign, point and exponent need no
+  // escaping, so the text goes in as printed.
+  char time[40] = ",\"t\":\"";
+  constexpr size_t kPrefix = 6;
+  auto printed = std::to_chars(time + kPrefix, time + sizeof time - 2, timestamp.secondsSince1970);
+  char* end = printed.ec == std::errc() ? printed.ptr : time + kPrefix;
+  *end++ = '"';
+  *end++ = '}';
+  out.append(time, end);
 }
 
 }  // namespace orvane

@@ -7,7 +7,12 @@ namespace orvane {
 
 SignalList AdditionalAccelFeatureExtraction::extract(
     std::span<const AccelerometerSensorValue> accelSensorValues, int64_t duration) const {
-  const double now = dateProvider_->currentDate().secondsSince1970;
+  return extractAt(accelSensorValues, duration, dateProvider_->currentDate().secondsSince1970);
+}
+
+SignalList AdditionalAccelFeatureExtraction::extractAt(
+    std::span<const AccelerometerSensorValue> accelSensorValues, int64_t duration,
+    double now) const {
   std::string json = "[";
   json.reserve(200 * accelSensorValues.size());
   int64_t kept = 0;

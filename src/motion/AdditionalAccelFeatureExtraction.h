@@ -26,6 +26,10 @@ class AdditionalAccelFeatureExtraction {
   // there is none or the record cannot be encoded (then reported). Safe on any thread.
   SignalList extract(std::span<const AccelerometerSensorValue> accelSensorValues,
                      int64_t duration) const;
+  // The same as of `now` (seconds since 1970) rather than the current time: for a record
+  // built after the request it belongs to.
+  SignalList extractAt(std::span<const AccelerometerSensorValue> accelSensorValues,
+                       int64_t duration, double now) const;
 
  private:
   std::function<ErrorReporter&()> errorReporting_;

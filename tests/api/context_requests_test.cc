@@ -157,13 +157,19 @@ TEST_F(RequestsTest, EachRequestDrawsItsOwnRawMotionDecision) {
     manager.remoteConfiguration().applyConfigurationUpdate(update);
     fake.drain();
     fake.random->scriptUniform(c.draws);
-    std::map<char, bool> carried;
+    // The record goes with the outcome's log, never with the creation log.
+    auto outcomeCarries = [&](const std::shared_ptr<Context>& context) {
+      sent.take();
+      context->log(EventOutcome::kPositive);
+      fake.drain();
+      const auto logs = sent.take();
+      return logs.size() == 1 && testing::findSignal(logs[0]->signals(), 444) != nullptr;
+    };
+    std::map<char, std::shared_ptr<Context>> contexts;
     auto request = [&](char name, int64_t duration) {
       manager.requestFetchContext(
           "paywall", duration, {},
-          [&carried, name](std::shared_ptr<Context> context) {
-            carried[name] = testing::findSignal(context->signals(), 444) != nullptr;
-          },
+          [&contexts, name](std::shared_ptr<Context> context) { contexts[name] = context; },
           MethodUsed::kFetchContext);
       fake.drain();
     };
@@ -171,14 +177,17 @@ TEST_F(RequestsTest, EachRequestDrawsItsOwnRawMotionDecision) {
     request('B', 2);
     feed(110);
     request('C', 1);  // served from the buffer at once
-    auto instant = [&](MethodUsed method) {
-      auto context = manager.requestInstantContext("paywall", 1, {}, method);
-      return testing::findSignal(context->signals(), 444) != nullptr;
-    };
-    carried['D'] = instant(MethodUsed::kInstantContext);
-    EXPECT_FALSE(instant(MethodUsed::kFurther10));  // never carries it
+    contexts['D'] = manager.requestInstantContext("paywall", 1, {}, MethodUsed::kInstantContext);
+    auto further = manager.requestInstantContext("paywall", 1, {}, MethodUsed::kFurther10);
     feed(100);
+    std::map<char, bool> carried;
+    for (const auto& [name, context] : contexts) {
+      ASSERT_TRUE(context) << name;
+      EXPECT_FALSE(testing::findSignal(context->signals(), 444));
+      carried[name] = outcomeCarries(context);
+    }
     EXPECT_EQ(carried, c.carried);
+    EXPECT_FALSE(outcomeCarries(further));  // never carries it
   }
 }
 

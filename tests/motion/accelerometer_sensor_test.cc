@@ -17,6 +17,15 @@ namespace {
 using testing::FakePlatform;
 using testing::signalTexts;
 
+// The samples of a raw-motion record (base64 of raw DEFLATE of a JSON array).
+nlohmann::json rawRecords(const Signal& record) {
+  auto compressed = base64Decode(std::get<std::string>(record.value()));
+  if (!compressed) return nlohmann::json::array();
+  auto json = inflateRaw(*compressed);
+  if (!json.ok()) return nlohmann::json::array();
+  return nlohmann::json::parse(json->begin(), json->end());
+}
+
 AccelerometerSensor::Environment environmentOf(FakePlatform& fake,
                                                std::shared_ptr<MotionService> motion) {
   return {std::move(motion),
@@ -38,6 +47,7 @@ void locked(AccelerometerSensor& sensor, const std::function<void()>& change) {
 struct Answer {
   std::string flow;
   SignalList signals;
+  std::shared_ptr<RawMotionCapture> rawMotion;
   bool onMainQueue;
 };
 
@@ -49,8 +59,9 @@ class SensorTest : public ::testing::Test {
     auto main = fake.executors->mainQueue();
     sensor.requestCallback(duration,
                            std::make_shared<PendingFetchContextCall>(PendingFetchContextCall{
-                               flow, duration, logAdditional, [=, this](SignalList s) {
-                                 answers.push_back({flow, std::move(s), main->isCurrent()});
+                               flow, duration, logAdditional, [=, this](MotionAnswer a) {
+                                 answers.push_back({flow, std::move(a.signals),
+                                                    std::move(a.rawMotion), main->isCurrent()});
                                }}));
   }
   void foregroundWithRequest() {
@@ -138,7 +149,7 @@ TEST_F(SensorTest, WaitingCallsOfOneDurationAreAnsweredTogetherByTheFirstValidWi
   request("longer", 5);
   feed(299);
   EXPECT_TRUE(answers.empty());
-  EXPECT_FALSE(AccelerometerSensor::hasValidAccelerometerData(sensor.allSignals(3, false)));
+  EXPECT_FALSE(AccelerometerSensor::hasValidAccelerometerData(sensor.allSignals(3, false).signals));
 
   feed(1);
   ASSERT_EQ(answers.size(), 2u);
@@ -147,17 +158,24 @@ TEST_F(SensorTest, WaitingCallsOfOneDurationAreAnsweredTogetherByTheFirstValidWi
   EXPECT_TRUE(answers[0].onMainQueue && answers[1].onMainQueue);
   EXPECT_TRUE(AccelerometerSensor::hasValidAccelerometerData(answers[0].signals));
   EXPECT_EQ(sampleCount(answers[0].signals), 300);
-  // The same motion signals; only the call that asked for it carries the raw-motion record.
-  EXPECT_FALSE(testing::findSignal(answers[0].signals, 444));
-  ASSERT_EQ(answers[1].signals.size(), answers[0].signals.size() + 1);
-  EXPECT_EQ(answers[1].signals.back().id().rawValue(), 444);
-  answers[1].signals.pop_back();
+  // The same motion signals; only the call that asked for it carries the raw-motion record,
+  // and that one covers the samples of the moment it was answered, whenever it is built.
   EXPECT_EQ(signalTexts(answers[0].signals), signalTexts(answers[1].signals));
-  EXPECT_EQ(sensor.waitingCallCount(), 1u);  // the five-second call still waits
+  EXPECT_FALSE(answers[0].rawMotion);
+  ASSERT_TRUE(answers[1].rawMotion);
+  const std::string newestWhenAnswered =
+      *sensor.bufferedSamples().back().toJSON().at("t").asString();
+  feed(50);
+  const SignalList& raw = answers[1].rawMotion->signals();
+  ASSERT_EQ(raw.size(), 1u);
+  const nlohmann::json records = rawRecords(raw[0]);
+  EXPECT_EQ(records.back()["t"], newestWhenAnswered);
+  EXPECT_NEAR(static_cast<double>(records.size()), 100, 1);  // the configured 1 s
+  EXPECT_EQ(sensor.waitingCallCount(), 1u);                  // the five-second call still waits
 
   // With a valid window in the buffer a request needs no callback.
-  EXPECT_TRUE(AccelerometerSensor::hasValidAccelerometerData(sensor.allSignals(3, false)));
-  feed(200);
+  EXPECT_TRUE(AccelerometerSensor::hasValidAccelerometerData(sensor.allSignals(3, false).signals));
+  feed(150);
   ASSERT_EQ(answers.size(), 3u);
   EXPECT_EQ(answers[2].flow, "longer");
   EXPECT_EQ(sampleCount(answers[2].signals), 500);
@@ -175,11 +193,11 @@ TEST(AccelerometerSensorUnsupported, AnswersAtOnceWithReasonThreeAndNeverSamples
   const SignalList expected = {
       SignalInt(SignalEnum::id(106), 0), SignalBool(SignalEnum::id(192), false),
       SignalInt(SignalEnum::id(128), 0), SignalInt(SignalEnum::id(211), 3)};
-  EXPECT_EQ(sensor.allSignals(3, false), expected);
+  EXPECT_EQ(sensor.allSignals(3, false).signals, expected);
 
   std::vector<SignalList> answers;
-  auto call = std::make_shared<PendingFetchContextCall>(
-      PendingFetchContextCall{"flow", 3, false, [&](SignalList s) { answers.push_back(s); }});
+  auto call = std::make_shared<PendingFetchContextCall>(PendingFetchContextCall{
+      "flow", 3, false, [&](MotionAnswer a) { answers.push_back(a.signals); }});
   sensor.requestCallback(3, call);  // off the main queue: answered from it
   EXPECT_TRUE(answers.empty());
   fake.drain();
@@ -227,11 +245,7 @@ TEST(AdditionalAccelFeatureExtraction, RecordsTheSamplesOfTheDurationOldestFirst
   const SignalList signals = extraction.extract(samples, 2);
   ASSERT_EQ(signals.size(), 1u);
   EXPECT_EQ(signals[0].id().rawValue(), 444);
-  auto compressed = base64Decode(std::get<std::string>(signals[0].value()));
-  ASSERT_TRUE(compressed);
-  auto json = inflateRaw(*compressed);  // raw DEFLATE: no zlib header
-  ASSERT_TRUE(json.ok());
-  const auto records = nlohmann::json::parse(json->begin(), json->end());  // older ones left out
+  const nlohmann::json records = rawRecords(signals[0]);  // older ones left out
   ASSERT_EQ(records.size(), 200u);
   EXPECT_EQ(records.front()["t"], *samples[300].toJSON().at("t").asString());
   EXPECT_EQ(records.back()["t"], *samples[499].toJSON().at("t").asString());
