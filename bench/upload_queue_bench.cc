@@ -75,8 +75,7 @@ struct QueueFixture {
     // The refill lands on disk before the clock runs again.
     manager->userDefaultsProvider()->synchronize();
   }
-  const std::filesystem::path dir =
-      std::filesystem::temp_directory_path() / "orvane-bench-upload";
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "orvane-bench-upload";
   std::unique_ptr<Engine> manager;
   std::vector<Log> logs;
 };
