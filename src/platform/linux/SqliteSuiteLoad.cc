@@ -7,6 +7,7 @@
 
 #include "platform/linux/PlistCodec.h"
 #include "platform/linux/SqliteSuiteTuning.h"
+#include "platform/linux/StoredElementCodec.h"
 
 namespace orvane {
 
@@ -96,7 +97,7 @@ int loadArrays(sqlite3* db, const std::string& prefix, SuiteValues& values, Stor
       key = std::move(rowKey);
     }
     const int64_t position = sqlite3_column_int64(select.get(), 1);
-    auto element = decodePlistArrayElement(columnBlob(select.get(), 2));
+    auto element = decodeStoredElement(columnBlob(select.get(), 2));
     if (!element) {
       // The other elements of a queue are still worth keeping.
       problems.push_back(prefix + "skipping unreadable element at position " +
