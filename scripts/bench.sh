@@ -28,7 +28,7 @@ declare -A target=(
   [default_signals_bench/BM_AllDefaultSignalsWithYearOfHistory]=100000
   [request_bench/BM_InstantContextWithBufferedMotion]=500000
   [request_bench/BM_FetchContextWindowPresent]=1000000
-  [upload_queue_bench/BM_AddRecordToQueueOf99]=5000000
+  [upload_queue_bench/BM_AddRecordToQueueOf99]=500000
   [upload_queue_bench/BM_UploadBodyOf100Records]=10000000
 )
 

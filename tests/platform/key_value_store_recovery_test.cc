@@ -36,8 +36,17 @@ constexpr size_t kPayloadSize = 5000;
 constexpr std::string_view kQueueKey = OrvaneLogSender::kMainQueueKey;
 constexpr std::string_view kIdentityKey = "orvane_installation_uuid";
 
+// Noise, so a record stays several pages long whether or not the store deflates it: the damage
+// cases aim at its leaf and overflow pages.
+Bytes payloadOf(int64_t id) {
+  std::mt19937 random(static_cast<uint32_t>(id));
+  Bytes payload(kPayloadSize);
+  for (uint8_t& byte : payload) byte = static_cast<uint8_t>(random());
+  return payload;
+}
+
 PlistValue queueRecord(int64_t id) {
-  return PlistDictionary{{"id", id}, {"payload", Bytes(kPayloadSize, uint8_t(id))}};
+  return PlistDictionary{{"id", id}, {"payload", payloadOf(id)}};
 }
 
 PlistArray queueOf(int64_t first, int64_t end) {
@@ -54,7 +63,7 @@ std::set<int64_t> intactRecords(const std::optional<PlistValue>& queue) {
     const PlistDictionary* fields = record.asDictionary();
     if (!fields || !fields->count("id") || !fields->count("payload")) continue;
     const std::optional<int64_t> id = fields->at("id").asInt();
-    if (id && fields->at("payload") == PlistValue(Bytes(kPayloadSize, uint8_t(*id)))) {
+    if (id && fields->at("payload") == PlistValue(payloadOf(*id))) {
       ids.insert(*id);
     }
   }

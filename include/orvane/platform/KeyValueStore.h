@@ -1,7 +1,7 @@
 // File: KeyValueStore.h
 // A named suite of property-list values, like the platform's defaults store. Reads come
 // from memory; writes apply in memory at once and reach disk in order in the background;
-// synchronize() returns once everything written before it is durable.
+// synchronize() returns once everything written before it survives the process dying.
 #pragma once
 
 #include <functional>
@@ -29,8 +29,8 @@ class ORVANE_API KeyValueStore {
   virtual void set(std::string_view key, PlistValue value) = 0;
   virtual void remove(std::string_view key) = 0;
   virtual std::vector<std::string> keys() const = 0;
-  // Blocks until every earlier write is durable. False when they are not durable yet: the
-  // store keeps them and keeps trying, so a later call may answer true.
+  // Blocks until every earlier write survives the process being killed (power loss may lose
+  // the last ones). False when not yet: the store keeps them and keeps trying, so may later.
   virtual bool synchronize() = 0;
 };
 

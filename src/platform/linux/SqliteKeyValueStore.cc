@@ -22,6 +22,7 @@
 #include "platform/linux/SqliteSuiteLoad.h"
 #include "platform/linux/SqliteSuiteRepair.h"
 #include "platform/linux/StoredArrayDiff.h"
+#include "platform/linux/StoredElementCodec.h"
 #include "platform/linux/WriteAheadLogCheck.h"
 
 namespace orvane {
@@ -287,7 +288,7 @@ class SqliteKeyValueStore final : public KeyValueStore {
       if (!run(statements_.eraseElement.get(), write.key, position)) return ArrayWrite::kFailed;
     }
     for (const size_t index : edit.addedElements) {
-      const std::optional<Bytes> blob = encodePlistArrayElement(array[index]);
+      const std::optional<Bytes> blob = encodeStoredElement(array[index]);
       if (!blob) return ArrayWrite::kUnencodable;
       if (!run(statements_.insertElement.get(), write.key, edit.positions[index], &*blob)) {
         return ArrayWrite::kFailed;

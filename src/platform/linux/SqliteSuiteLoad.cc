@@ -6,6 +6,8 @@
 #include <utility>
 
 #include "platform/linux/PlistCodec.h"
+#include "platform/linux/SqliteSuiteTuning.h"
+#include "platform/linux/StoredElementCodec.h"
 
 namespace orvane {
 
@@ -95,7 +97,7 @@ int loadArrays(sqlite3* db, const std::string& prefix, SuiteValues& values, Stor
       key = std::move(rowKey);
     }
     const int64_t position = sqlite3_column_int64(select.get(), 1);
-    auto element = decodePlistArrayElement(columnBlob(select.get(), 2));
+    auto element = decodeStoredElement(columnBlob(select.get(), 2));
     if (!element) {
       // The other elements of a queue are still worth keeping.
       problems.push_back(prefix + "skipping unreadable element at position " +
@@ -132,8 +134,8 @@ SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& re
   sqlite3_extended_result_codes(raw, 1);
   sqlite3_busy_timeout(raw, static_cast<int>(busyTimeout.count()));
 
-  // WAL lets a commit be one append and fsync; FULL makes that fsync happen at every commit,
-  // which is what lets synchronize() promise durability rather than just ordering.
+  // WAL lets a commit be one append; SqliteSuiteTuning.h says what is flushed when.
+  chooseSuitePageSize(raw);
   Statement journal = prepareStatement(raw, "PRAGMA journal_mode=WAL");
   if (!journal || sqlite3_step(journal.get()) != SQLITE_ROW) {
     return fail("cannot read", sqlite3_extended_errcode(raw));
@@ -148,10 +150,15 @@ SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& re
   if (const int checked = checkStructure(raw, finding); checked != SQLITE_OK) {
     return fail("cannot read", checked, finding);
   }
-  int rc = executeStatement(raw, "PRAGMA synchronous=FULL");
-  if (rc == SQLITE_OK) {
-    rc = executeStatement(raw, kCreateEntriesTable);
+  // Only a sound file is rebuilt, and only when no other connection would have to wait.
+  sqlite3_busy_timeout(raw, 0);
+  if (!shrinkSuitePages(raw)) {
+    return fail("cannot switch back to write-ahead logging", SQLITE_CANTOPEN,
+                "journal mode left by a page-size rebuild");
   }
+  sqlite3_busy_timeout(raw, static_cast<int>(busyTimeout.count()));
+  int rc = tuneSuiteWriting(raw);
+  if (rc == SQLITE_OK) rc = executeStatement(raw, kCreateEntriesTable);
   if (rc == SQLITE_OK) rc = executeStatement(raw, kCreateArrayElementsTable);
   if (rc != SQLITE_OK) return fail("cannot prepare", rc);
 

@@ -6,7 +6,9 @@
 #include "platform/linux/PlistCodec.h"
 #include "platform/linux/SqliteSalvage.h"
 #include "platform/linux/SqliteSuiteLoad.h"
+#include "platform/linux/SqliteSuiteTuning.h"
 #include "platform/linux/SqliteSupport.h"
+#include "platform/linux/StoredElementCodec.h"
 
 namespace orvane {
 namespace {
@@ -35,6 +37,7 @@ SalvageWrite writeSalvagedFile(const fs::path& target, const SalvagedRows& rows,
   };
   if (opened != SQLITE_OK) return failed(opened);
   sqlite3_extended_result_codes(raw, 1);
+  chooseSuitePageSize(raw);  // so the first open of the rebuilt file need not rebuild it again
   int rc = executeStatement(raw, "BEGIN");
   if (rc == SQLITE_OK) rc = executeStatement(raw, kCreateEntriesTable);
   if (rc == SQLITE_OK) rc = executeStatement(raw, kCreateArrayElementsTable);
@@ -67,7 +70,7 @@ SalvageWrite writeSalvagedFile(const fs::path& target, const SalvagedRows& rows,
     ++result.saved;
   }
   for (const SalvagedElement& row : rows.elements) {
-    if (!decodePlistArrayElement(std::span<const uint8_t>(row.value))) {
+    if (!decodeStoredElement(std::span<const uint8_t>(row.value))) {
       ++result.undecodable;
       continue;
     }
