@@ -197,9 +197,15 @@ TEST(ThreadExecutors, MainQueueIsTheHostsOrOneOwnQueueAndThreadsAreNamed) {
   auto host = makeThreadSerialQueue("host");
   EXPECT_EQ(makeThreadExecutors(host)->mainQueue(), host);
 
+  // A pool thread takes the name of the queue it runs.
   auto queue = own->makeSerialQueue("orvane.uploader.queue");
   char name[32] = {};
-  queue->sync([&] { pthread_getname_np(pthread_self(), name, sizeof name); });
+  Events named;
+  queue->async([&] {
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    named.add();
+  });
+  ASSERT_TRUE(named.waitFor(1));
   EXPECT_STREQ(name, "orvane.uploader");  // the kernel keeps 15 characters
 }
 
