@@ -150,5 +150,27 @@ TEST(PooledSerialQueue, DestructionRunsQueuedWorkWithoutAFreePoolThread) {
   blocker->sync([] {});
 }
 
+TEST(PooledSerialQueue, WorkWaitingOnTheNetworkLendsItsPlaceAndTheExtraThreadLeaves) {
+  WorkerPool& pool = poolOf(1);
+  auto transfer = makePooledSerialQueue("transfer", pool);
+  auto other = makePooledSerialQueue("other", pool);
+  Latch waiting, answered, otherRan;
+  transfer->async([&] {
+    WorkerPool::BlockingScope blocking(pool);
+    waiting.open();
+    answered.waitOpen();
+  });
+  ASSERT_TRUE(waiting.waitOpen());
+  other->async([&] { otherRan.open(); });
+  EXPECT_TRUE(otherRan.waitOpen(5s)) << "queued work waited behind a thread on the network";
+  EXPECT_EQ(pool.threadCount(), 2u);
+  answered.open();
+  transfer->sync([] {});
+  other->sync([] {});
+  // Back within its limit, the pool lets the extra thread go.
+  for (int i = 0; i < 500 && pool.threadCount() > 1; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(pool.threadCount(), 1u);
+}
+
 }  // namespace
 }  // namespace orvane
