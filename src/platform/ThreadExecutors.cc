@@ -105,6 +105,7 @@ struct QueueState final : PoolClient, std::enable_shared_from_this<QueueState> {
   // Notified when the queue stops running and when a sync task finishes.
   std::condition_variable changed;
   bool stopping = false;
+  bool releasedFromOwnTask = false;  // then whoever runs the queue drops its timers
   Phase phase = Phase::kIdle;
   std::deque<Job> jobs;
   std::map<std::pair<TimePoint, uint64_t>, std::shared_ptr<Timer>> timers;
@@ -225,15 +226,15 @@ struct QueueState final : PoolClient, std::enable_shared_from_this<QueueState> {
   }
 
   // Gives the queue up after a drain: back to the pool if work is left, to idle otherwise.
-  // A queue stopping with nothing left hands its timers back for the caller to destroy once
-  // the lock is released.
+  // A queue released inside its own task has its timers handed back once the queued work is
+  // done, for the caller to destroy once the lock is released.
   [[nodiscard]] auto releaseLocked() {
     phase = Phase::kIdle;
     requestTurnLocked();
     armLocked();
     changed.notify_all();
     decltype(timers) dropped;
-    if (stopping && jobs.empty()) dropped.swap(timers);
+    if (releasedFromOwnTask && jobs.empty()) dropped.swap(timers);
     return dropped;
   }
 
@@ -309,12 +310,16 @@ class PooledSerialQueue final : public SerialQueue {
     state_->stopping = true;
     // The last reference can go away inside one of our own tasks; whoever runs the queue
     // then finishes the queued work on its own, and the shared state outlives us.
-    if (currentQueue == state_.get()) return;
+    if (currentQueue == state_.get()) {
+      state_->releasedFromOwnTask = true;
+      return;
+    }
     // Work already queued is finished, here if no thread is running it; timers are not.
     state_->runHereUntil(
         lock, [&] { return state_->jobs.empty() && state_->phase != QueueState::Phase::kRunning; });
+    // Dropped here, not by a pool thread, so that what they hold is gone when we return.
     decltype(state_->timers) dropped;
-    if (state_->phase != QueueState::Phase::kRunning) dropped.swap(state_->timers);
+    dropped.swap(state_->timers);
     lock.unlock();
   }
 
