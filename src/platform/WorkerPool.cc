@@ -38,8 +38,30 @@ WorkerPool::WorkerPool(size_t maxThreads) : maxThreads_(maxThreads > 0 ? maxThre
 
 WorkerPool& WorkerPool::shared() {
   // Never destroyed: queues owned by static objects may still post while the process exits.
-  static WorkerPool* pool = new WorkerPool(kSharedPoolThreads);
+  static WorkerPool* pool = [] {
+    auto* created = new WorkerPool(kSharedPoolThreads);
+    pthread_atfork(&WorkerPool::beforeFork, &WorkerPool::afterForkInParent,
+                   &WorkerPool::afterForkInChild);
+    return created;
+  }();
   return *pool;
+}
+
+// A child of fork() has none of the pool's threads. Counting them as there would leave its
+// work waiting forever, so the child starts from none (queues that were running at the fork
+// stay with the parent). The lock is held across fork() so the child finds it consistent.
+void WorkerPool::beforeFork() { shared().mutex_.lock(); }
+
+void WorkerPool::afterForkInParent() { shared().mutex_.unlock(); }
+
+void WorkerPool::afterForkInChild() {
+  WorkerPool& pool = shared();
+  pool.threads_ = 0;
+  pool.blocked_ = 0;
+  pool.idle_ = 0;
+  pool.summoned_ = 0;
+  currentPool = nullptr;
+  pool.mutex_.unlock();
 }
 
 void WorkerPool::runSoon(std::shared_ptr<PoolClient> client) {

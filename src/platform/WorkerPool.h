@@ -66,6 +66,9 @@ class WorkerPool {
 
  private:
   void work();
+  static void beforeFork();
+  static void afterForkInParent();
+  static void afterForkInChild();
   // A thread for the work just added: an idle one if there is one, else a new one.
   void summonLocked();
 
