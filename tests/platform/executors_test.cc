@@ -212,6 +212,9 @@ TEST(ThreadExecutors, MainQueueIsTheHostsOrOneOwnQueueAndThreadsAreNamed) {
 }
 
 TEST(ThreadExecutors, AForkedChildRunsQueueWorkOnThreadsOfItsOwn) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "ThreadSanitizer refuses threads in a child of a threaded process";
+#endif
   // Two tasks that wait for each other: the shared pool has all its threads now.
   auto first = makeThreadSerialQueue("before fork 1");
   auto second = makeThreadSerialQueue("before fork 2");
