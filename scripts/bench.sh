@@ -32,10 +32,34 @@ declare -A target=(
   [upload_queue_bench/BM_UploadBodyOf100Records]=10000000
 )
 
+# Counter targets: the most a counter a program reports (name=value on its median row) may be.
+# footprint_bench counts what the SDK adds to a host (see its header comment).
+declare -A counterTarget=(
+  [footprint_bench/BM_FootprintWithoutSensor:threads_added]=3
+  [footprint_bench/BM_FootprintWithSensor:rss_kb_added]=3072
+)
+counters="$(mktemp)"
+# "program/benchmark:counter value" for each counter on a median row; Google Benchmark prints
+# counters with k/M/G suffixes of 1000.
+collect_counters() {
+  awk -v program="$1" '
+    $1 ~ /_median$/ {
+      name = $1; sub(/_median$/, "", name)
+      gsub(/\/(repeats|iterations|min_time|threads):[^\/]*|\/(real_time|manual_time)/, "", name)
+      for (i = 2; i <= NF; i++) {
+        if (split($i, pair, "=") != 2) continue
+        value = pair[2]; scale = 1
+        if (value ~ /k$/) scale = 1e3; else if (value ~ /M$/) scale = 1e6; else if (value ~ /G$/) scale = 1e9
+        sub(/[kMG]$/, "", value)
+        printf "%s/%s:%s %.6g\n", program, name, pair[1], value * scale
+      }
+    }' "$2"
+}
+
 # The model benchmarks read their model files from the committed fixtures.
 export ORVANE_FIXTURES="$PWD/tests/fixtures"
 results="$(mktemp)"
-trap 'rm -f "$results" "$results.out"' EXIT
+trap 'rm -f "$results" "$results.out" "$counters"' EXIT
 for program in "$build"/bench/*_bench; do
   name="$(basename "$program")"
   echo "running $name" >&2
@@ -50,6 +74,7 @@ for program in "$build"/bench/*_bench; do
       scale = ($3 == "us") ? 1e3 : ($3 == "ms") ? 1e6 : ($3 == "s") ? 1e9 : 1
       printf "%s/%s %.6g\n", program, name, $2 * scale
     }' "$results.out" >> "$results"
+  collect_counters "$name" "$results.out" >> "$counters"
 done
 
 human() {
@@ -71,3 +96,16 @@ while read -r key ns; do
   fi
   echo "$line"
 done < "$results"
+
+if [[ -s "$counters" ]]; then
+  printf '\n%-62s %10s  %s\n' "counter" "median" "target"
+  while read -r key value; do
+    line="$(printf '%-62s %10s' "$key" "$value")"
+    if [[ -n "${counterTarget[$key]:-}" ]]; then
+      goal="${counterTarget[$key]}"
+      verdict="$(awk -v a="$value" -v b="$goal" 'BEGIN { print (a <= b) ? "met" : "MISSED" }')"
+      line+="  <= $goal $verdict"
+    fi
+    echo "$line"
+  done < "$counters"
+fi

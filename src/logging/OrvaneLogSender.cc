@@ -119,6 +119,7 @@ struct OrvaneLogSender::UploadRun {
 
 OrvaneLogSender::OrvaneLogSender(Engine& owner)
     : owner_(owner),
+      ownerHandle_(owner.weakHandle()),
       shared_(std::make_shared<Shared>()),
       dispatchQueue_(owner.platform().executors->makeSerialQueue("com.orvane.OrvaneLogSender")),
       store_(std::make_unique<UploadQueueStore>(owner)) {
@@ -198,7 +199,7 @@ void OrvaneLogSender::addRecord(std::string_view key, PlistDictionary record, bo
     if (!mayStartUpload || !shouldUploadNow(queued)) return;
     // Through the manager's handle: the sender may be gone by the time the main queue runs
     // this, and the manager's destruction waits for a hold to end.
-    owner_.platform().executors->mainQueue()->async([handle = owner_.weakHandle()] {
+    owner_.platform().executors->mainQueue()->async([handle = ownerHandle_] {
       if (auto engine = Engine::hold(handle)) {
         engine->orvaneLogSender().triggerUpload(UploadQueueKind::kMain, false);
       }

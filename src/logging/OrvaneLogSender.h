@@ -170,6 +170,9 @@ class OrvaneLogSender {
   bool completeUpload(const std::optional<HttpResponse>& response);
 
   Engine& owner_;
+  // Taken once here: the manager's destruction resets its own handle, which a task on our
+  // queue must not be reading at that moment.
+  const std::weak_ptr<Engine> ownerHandle_;
   std::shared_ptr<Shared> shared_;
   std::atomic<int> queuedChanges_{0};  // posted by changeStoreOnQueue, not run yet
   std::shared_ptr<SerialQueue> dispatchQueue_;

@@ -1,6 +1,12 @@
-// Serial queues that each own a thread. Work submitted with async runs in submission order;
-// delayed and repeating work waits in a due-time index and joins the back of that order when
-// it falls due, so a timer never overtakes work that was already queued.
+// Serial queues that take turns on the shared worker pool. Work submitted with async runs in
+// submission order, one task at a time per queue; delayed and repeating work waits in a
+// due-time index and joins the back of that order when it falls due, so a timer never
+// overtakes work that was already queued.
+//
+// A queue is idle, waiting for a pool thread, or running on exactly one thread. sync() and
+// destruction do not wait for a pool thread: when the queue is not running they claim it and
+// run its work, up to their own, on the calling thread. So a pool thread that waits on
+// another queue never waits for a free pool thread, and a small pool cannot deadlock that way.
 //
 // Task objects are only ever destroyed with the queue's mutex released: a task may hold the
 // last reference to its own queue, and destroying it under the lock would re-enter it.
@@ -12,12 +18,15 @@
 #include <cstdio>
 #include <deque>
 #include <exception>
+#include <limits>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
 #include "orvane/platform/Executors.h"
+#include "platform/WorkerPool.h"
 
 namespace orvane {
 namespace {
@@ -69,24 +78,47 @@ void runContained(const std::string& queueName, const Task& task) {
 struct QueueState;
 thread_local const QueueState* currentQueue = nullptr;
 
-struct QueueState {
-  explicit QueueState(std::string queueName) : name(std::move(queueName)) {}
+// A pool thread names itself after the queue it runs, for debuggers and crash reports;
+// threads of the host that run a queue's work inside sync() keep their own names.
+thread_local bool isPoolThread = false;
+thread_local std::string poolThreadName;
+
+void nameThisThread(const std::string& name) {
+  // Linux limits thread names to 15 bytes plus the terminator.
+  const std::string shortName = name.substr(0, 15);
+  if (!shortName.empty()) pthread_setname_np(pthread_self(), shortName.c_str());
+}
+
+// Tasks one pool turn runs before the queue goes to the back of the line, so that a busy
+// queue cannot hold a pool thread away from the others.
+constexpr size_t kTasksPerTurn = 32;
+
+struct QueueState final : PoolClient, std::enable_shared_from_this<QueueState> {
+  enum class Phase { kIdle, kWaitingForPool, kRunning };
+
+  explicit QueueState(std::string queueName, WorkerPool& workerPool)
+      : name(std::move(queueName)), pool(workerPool) {}
 
   const std::string name;
+  WorkerPool& pool;
   std::mutex mutex;
-  std::condition_variable wake;
+  // Notified when the queue stops running and when a sync task finishes.
+  std::condition_variable changed;
   bool stopping = false;
+  bool releasedFromOwnTask = false;  // then whoever runs the queue drops its timers
+  Phase phase = Phase::kIdle;
   std::deque<Job> jobs;
   std::map<std::pair<TimePoint, uint64_t>, std::shared_ptr<Timer>> timers;
   uint64_t nextOrder = 0;
+  std::optional<TimePoint> alarm;  // the earliest wake-up asked of the pool
 
   bool post(Task& task) {
     {
       std::lock_guard<std::mutex> guard(mutex);
       if (stopping) return false;
       jobs.push_back(Job{std::move(task), nullptr});
+      requestTurnLocked();
     }
-    wake.notify_one();
     return true;
   }
 
@@ -94,22 +126,36 @@ struct QueueState {
     auto timer = std::make_shared<Timer>();
     timer->interval = interval;
     timer->task = std::make_shared<Task>(std::move(task));
-    {
-      std::lock_guard<std::mutex> guard(mutex);
-      if (stopping) {
-        // Hand the task back so it is destroyed by the caller, outside the lock.
-        task = std::move(*timer->task);
-        return nullptr;
-      }
-      insertLocked(timer, SteadyClock::now() + delay);
+    std::lock_guard<std::mutex> guard(mutex);
+    if (stopping) {
+      // Hand the task back so it is destroyed by the caller, outside the lock.
+      task = std::move(*timer->task);
+      return nullptr;
     }
-    wake.notify_one();
+    insertLocked(timer, SteadyClock::now() + delay);
     return timer;
   }
 
   void insertLocked(const std::shared_ptr<Timer>& timer, TimePoint due) {
     timer->key = {due, nextOrder++};
     timers.emplace(timer->key, timer);
+    armLocked();
+  }
+
+  // Asks the pool to wake the queue when its earliest timer falls due, unless an earlier
+  // wake-up is already asked for. Wake-ups for timers cancelled since are harmless.
+  void armLocked() {
+    if (stopping || timers.empty()) return;
+    const TimePoint due = timers.begin()->first.first;
+    if (alarm && *alarm <= due) return;
+    alarm = due;
+    pool.wakeAt(due, weak_from_this());
+  }
+
+  void requestTurnLocked() {
+    if (phase != Phase::kIdle || jobs.empty()) return;
+    phase = Phase::kWaitingForPool;
+    pool.runSoon(shared_from_this());
   }
 
   void cancel(const std::shared_ptr<Timer>& timer) {
@@ -152,48 +198,86 @@ struct QueueState {
     insertLocked(timer, next);
   }
 
-  void runWorker() {
+  // Runs queued work on the calling thread, which must have claimed the queue (phase
+  // kRunning), until `enough` says so, the queue is empty or `budget` tasks have run.
+  template <typename Enough>
+  void drainLocked(std::unique_lock<std::mutex>& lock, Enough enough, size_t budget) {
+    const QueueState* outer = currentQueue;
     currentQueue = this;
-    std::unique_lock<std::mutex> lock(mutex);
-    while (true) {
+    if (isPoolThread && poolThreadName != name) {
+      nameThisThread(name);
+      poolThreadName = name;
+    }
+    for (size_t ran = 0; ran < budget && !enough(); ++ran) {
       if (!stopping) promoteDueTimersLocked(SteadyClock::now());
-      if (!jobs.empty()) {
-        Job job = std::move(jobs.front());
-        jobs.pop_front();
-        lock.unlock();
-        if (job.timer) {
-          runTimer(job.timer);
-        } else {
-          runContained(name, job.task);
-        }
-        job = Job{};
-        lock.lock();
+      if (jobs.empty()) break;
+      Job job = std::move(jobs.front());
+      jobs.pop_front();
+      lock.unlock();
+      if (job.timer) {
+        runTimer(job.timer);
+      } else {
+        runContained(name, job.task);
+      }
+      job = Job{};
+      lock.lock();
+    }
+    currentQueue = outer;
+  }
+
+  // Gives the queue up after a drain: back to the pool if work is left, to idle otherwise.
+  // A queue released inside its own task has its timers handed back once the queued work is
+  // done, for the caller to destroy once the lock is released.
+  [[nodiscard]] auto releaseLocked() {
+    phase = Phase::kIdle;
+    requestTurnLocked();
+    armLocked();
+    changed.notify_all();
+    decltype(timers) dropped;
+    if (releasedFromOwnTask && jobs.empty()) dropped.swap(timers);
+    return dropped;
+  }
+
+  // Runs queued work on the calling thread until `enough` says so, taking turns with whoever
+  // else runs the queue. Used by threads that must not wait for a pool thread.
+  template <typename Enough>
+  void runHereUntil(std::unique_lock<std::mutex>& lock, Enough enough) {
+    while (!enough()) {
+      if (phase == Phase::kRunning) {
+        changed.wait(lock);
         continue;
       }
-      // Work already queued is finished before the thread ends; timers are not.
-      if (stopping) break;
-      if (timers.empty()) {
-        wake.wait(lock);
-      } else {
-        // A copy: wait_until reads its deadline again after waking, and a cancel may have
-        // erased the timer's entry meanwhile.
-        const TimePoint due = timers.begin()->first.first;
-        wake.wait_until(lock, due);
-      }
+      if (jobs.empty()) break;  // nothing left that is ours to run; timers are not
+      phase = Phase::kRunning;  // a pool turn already asked for finds it taken and passes
+      drainLocked(lock, enough, std::numeric_limits<size_t>::max());
+      auto dropped = releaseLocked();
+      lock.unlock();
+      dropped.clear();
+      lock.lock();
+      if (jobs.empty()) break;
     }
-    auto dropped = std::move(timers);
-    timers.clear();
+  }
+
+  void runTurn() override {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (phase != Phase::kWaitingForPool) return;  // claimed meanwhile by a sync or a stop
+    phase = Phase::kRunning;
+    isPoolThread = true;
+    drainLocked(
+        lock, [] { return false; }, kTasksPerTurn);
+    auto dropped = releaseLocked();
     lock.unlock();
-    dropped.clear();
-    currentQueue = nullptr;
+  }
+
+  void onAlarm(TimePoint due) override {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (alarm && *alarm <= due) alarm.reset();
+    if (stopping) return;
+    promoteDueTimersLocked(SteadyClock::now());
+    requestTurnLocked();
+    armLocked();
   }
 };
-
-void nameThisThread(const std::string& name) {
-  // Linux limits thread names to 15 bytes plus the terminator.
-  const std::string shortName = name.substr(0, 15);
-  if (!shortName.empty()) pthread_setname_np(pthread_self(), shortName.c_str());
-}
 
 class NoopCancellable : public Cancellable {
  public:
@@ -216,27 +300,27 @@ class TimerCancellable : public Cancellable {
   std::weak_ptr<Timer> timer_;
 };
 
-class ThreadSerialQueue final : public SerialQueue {
+class PooledSerialQueue final : public SerialQueue {
  public:
-  explicit ThreadSerialQueue(const std::string& name)
-      : state_(std::make_shared<QueueState>(name)), thread_([state = state_] {
-          nameThisThread(state->name);
-          state->runWorker();
-        }) {}
+  PooledSerialQueue(const std::string& name, WorkerPool& pool)
+      : state_(std::make_shared<QueueState>(name, pool)) {}
 
-  ~ThreadSerialQueue() override {
-    {
-      std::lock_guard<std::mutex> guard(state_->mutex);
-      state_->stopping = true;
+  ~PooledSerialQueue() override {
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    state_->stopping = true;
+    // The last reference can go away inside one of our own tasks; whoever runs the queue
+    // then finishes the queued work on its own, and the shared state outlives us.
+    if (currentQueue == state_.get()) {
+      state_->releasedFromOwnTask = true;
+      return;
     }
-    state_->wake.notify_all();
-    // The last reference can go away inside one of our own tasks; the thread cannot join
-    // itself, so it finishes the queued work on its own and the shared state outlives us.
-    if (thread_.get_id() == std::this_thread::get_id()) {
-      thread_.detach();
-    } else {
-      thread_.join();
-    }
+    // Work already queued is finished, here if no thread is running it; timers are not.
+    state_->runHereUntil(
+        lock, [&] { return state_->jobs.empty() && state_->phase != QueueState::Phase::kRunning; });
+    // Dropped here, not by a pool thread, so that what they hold is gone when we return.
+    decltype(state_->timers) dropped;
+    dropped.swap(state_->timers);
+    lock.unlock();
   }
 
   const std::string& name() const override { return state_->name; }
@@ -258,28 +342,31 @@ class ThreadSerialQueue final : public SerialQueue {
       return;
     }
     struct Completion {
-      std::mutex mutex;
-      std::condition_variable done;
-      bool finished = false;
+      bool finished = false;  // guarded by the queue's mutex
       std::exception_ptr error;
     };
-    auto completion = std::make_shared<Completion>();
-    Task job = [&task, completion] {
+    const std::shared_ptr<QueueState> state = state_;  // a task may release the queue
+    Completion completion;
+    Task job = [&task, &completion, raw = state.get()] {
       try {
         task();
       } catch (...) {
-        completion->error = std::current_exception();
+        completion.error = std::current_exception();
       }
-      std::lock_guard<std::mutex> guard(completion->mutex);
-      completion->finished = true;
-      completion->done.notify_all();
+      std::lock_guard<std::mutex> guard(raw->mutex);
+      completion.finished = true;
+      raw->changed.notify_all();
     };
-    if (!state_->post(job)) return;
-    std::unique_lock<std::mutex> lock(completion->mutex);
-    completion->done.wait(lock, [&] { return completion->finished; });
+    std::unique_lock<std::mutex> lock(state->mutex);
+    if (state->stopping) return;
+    state->jobs.push_back(Job{std::move(job), nullptr});
+    // Earlier work and then this task run here unless a thread is running the queue now;
+    // either way nothing waits for a free pool thread.
+    state->runHereUntil(lock, [&] { return completion.finished; });
+    lock.unlock();
     // The caller asked to wait for the task, so it gets the task's failure too, as it
     // would had the task run inline.
-    if (completion->error) std::rethrow_exception(completion->error);
+    if (completion.error) std::rethrow_exception(completion.error);
   }
 
   bool isCurrent() const override { return currentQueue == state_.get(); }
@@ -291,7 +378,6 @@ class ThreadSerialQueue final : public SerialQueue {
   }
 
   std::shared_ptr<QueueState> state_;
-  std::thread thread_;
 };
 
 class ThreadExecutors : public Executors {
@@ -318,8 +404,12 @@ class ThreadExecutors : public Executors {
 
 }  // namespace
 
+std::shared_ptr<SerialQueue> makePooledSerialQueue(const std::string& name, WorkerPool& pool) {
+  return std::make_shared<PooledSerialQueue>(name, pool);
+}
+
 std::shared_ptr<SerialQueue> makeThreadSerialQueue(const std::string& name) {
-  return std::make_shared<ThreadSerialQueue>(name);
+  return makePooledSerialQueue(name, WorkerPool::shared());
 }
 
 std::shared_ptr<Executors> makeThreadExecutors(std::shared_ptr<SerialQueue> hostMainQueue) {

@@ -1,4 +1,6 @@
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -197,10 +199,49 @@ TEST(ThreadExecutors, MainQueueIsTheHostsOrOneOwnQueueAndThreadsAreNamed) {
   auto host = makeThreadSerialQueue("host");
   EXPECT_EQ(makeThreadExecutors(host)->mainQueue(), host);
 
+  // A pool thread takes the name of the queue it runs.
   auto queue = own->makeSerialQueue("orvane.uploader.queue");
   char name[32] = {};
-  queue->sync([&] { pthread_getname_np(pthread_self(), name, sizeof name); });
+  Events named;
+  queue->async([&] {
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    named.add();
+  });
+  ASSERT_TRUE(named.waitFor(1));
   EXPECT_STREQ(name, "orvane.uploader");  // the kernel keeps 15 characters
+}
+
+TEST(ThreadExecutors, AForkedChildRunsQueueWorkOnThreadsOfItsOwn) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "ThreadSanitizer refuses threads in a child of a threaded process";
+#endif
+  // Two tasks that wait for each other: the shared pool has all its threads now.
+  auto first = makeThreadSerialQueue("before fork 1");
+  auto second = makeThreadSerialQueue("before fork 2");
+  Events together;
+  for (auto* queue : {first.get(), second.get()}) {
+    queue->async([&] {
+      together.add();
+      together.waitFor(2);
+    });
+  }
+  ASSERT_TRUE(together.waitFor(2));
+  first->sync([] {});
+  second->sync([] {});
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // The parent's pool threads do not exist here; work must still run, within the alarm.
+    alarm(10);
+    auto queue = makeThreadSerialQueue("in child");
+    std::atomic<bool> ran{false};
+    queue->async([&] { ran = true; });
+    for (int i = 0; i < 1000 && !ran; ++i) std::this_thread::sleep_for(5ms);
+    _exit(ran ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
 // The test double every other suite runs on: order, due times and timers on the fake clock.

@@ -1,7 +1,7 @@
 // File: Executors.h
-// Serial queues: the main queue, named queues that own a thread, delayed work and repeating
-// timers. Blocking inside a serial queue is allowed (the upload and model queues wait on the
-// network), which is why every queue owns its thread.
+// Serial queues: the main queue, named queues, delayed work and repeating timers. The core's
+// queues take turns on a small shared pool of threads. A task may block (the model queue
+// waits on its download), but it then holds one of few threads: keep such waits bounded.
 #pragma once
 
 #include <functional>
@@ -33,6 +33,7 @@ class ORVANE_API SerialQueue {
   // Runs `task` every `intervalSeconds` (first run after one interval) until cancelled.
   virtual std::shared_ptr<Cancellable> scheduleRepeating(double intervalSeconds, Task task) = 0;
   // Runs `task` on this queue and waits for it; runs it at once when called on this queue.
+  // The task may run on the calling thread, with isCurrent() true inside it.
   virtual void sync(Task task) = 0;
   // True on the thread that runs this queue's tasks.
   virtual bool isCurrent() const = 0;
@@ -43,7 +44,7 @@ class ORVANE_API Executors {
   virtual ~Executors() = default;
   // Where host callbacks, lifecycle handlers and context creation run.
   virtual std::shared_ptr<SerialQueue> mainQueue() = 0;
-  // A new serial queue with its own thread.
+  // A new serial queue.
   virtual std::shared_ptr<SerialQueue> makeSerialQueue(const std::string& name) = 0;
 };
 
@@ -102,11 +103,11 @@ class HostMainQueue : public SerialQueue {
 std::shared_ptr<Executors> makeExecutorsWithMainQueue(std::shared_ptr<Executors> base,
                                                       std::shared_ptr<SerialQueue> mainQueue);
 
-// One thread per serial queue; the main queue is such a queue named "main" unless the host
-// hands in its own.
+// Serial queues on the process's shared worker pool; the main queue is such a queue named
+// "main" unless the host hands in its own.
 ORVANE_API std::shared_ptr<Executors> makeThreadExecutors(
     std::shared_ptr<SerialQueue> hostMainQueue = nullptr);
-// A serial queue backed by its own thread.
+// A serial queue on the shared worker pool.
 ORVANE_API std::shared_ptr<SerialQueue> makeThreadSerialQueue(const std::string& name);
 
 }  // namespace orvane

@@ -1,6 +1,8 @@
-// HTTP over libcurl. A fixed pool of workers takes requests in order; each request uses its
-// own easy handle, so requests run concurrently up to the pool size. Answers and downloads
-// are capped as the request says, and redirects never leave https (see HttpTransport.h).
+// HTTP over libcurl. Requests are taken in order by runners on the shared worker pool, up to
+// the worker limit at once; each request uses its own easy handle. A runner tells the pool it
+// waits on the network, so queues are not held up behind a transfer, and no thread is kept
+// for HTTP while nothing is being sent. Answers and downloads are capped as the request says, and
+// redirects never leave https (see HttpTransport.h).
 #include <curl/curl.h>
 
 #include <strings.h>
@@ -8,19 +10,22 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <filesystem>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <string_view>
-#include <thread>
 
 #include "orvane/platform/HttpTransport.h"
 #include "orvane/platform/linux/LinuxPlatform.h"
+#include "platform/WorkerPool.h"
 #include "platform/linux/CurlHttpTransport.h"
 #include "platform/linux/OpenSslInit.h"
 
@@ -193,34 +198,83 @@ size_t receiveHeader(char* data, size_t size, size_t count, void* target) {
   }
 }
 
+// Requests waiting for a runner, and the runners on the pool. Shared with the runners, so a
+// transport released from a completion leaves them something to finish with.
+class PendingRequests final : public PoolClient,
+                              public std::enable_shared_from_this<PendingRequests> {
+ public:
+  explicit PendingRequests(size_t maxRunners) : maxRunners_(maxRunners) {}
+
+  void add(std::function<void()> job) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    jobs_.push_back(std::move(job));
+    // Runners not yet inside a request will take the waiting ones.
+    if (runners_ >= maxRunners_ || runners_ - busy_ >= jobs_.size()) return;
+    ++runners_;
+    WorkerPool::shared().runSoon(shared_from_this());
+  }
+
+  // Waits until the requests already added have run, except the one calling (a transport
+  // released from its own completion).
+  void stop() {
+    WorkerPool::BlockingScope blocking(WorkerPool::shared());
+    std::unique_lock<std::mutex> lock(mutex_);
+    const size_t self = currentRunner == this ? 1 : 0;
+    finished_.wait(lock, [&] { return runners_ == self; });
+  }
+
+  void runTurn() override {
+    const PendingRequests* outer = currentRunner;
+    currentRunner = this;
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!jobs_.empty()) {
+      std::function<void()> job = std::move(jobs_.front());
+      jobs_.pop_front();
+      ++busy_;
+      lock.unlock();
+      {
+        WorkerPool::BlockingScope blocking(WorkerPool::shared());
+        try {
+          job();
+        } catch (...) {  // a completion must not take the runner down
+        }
+        job = nullptr;
+      }
+      lock.lock();
+      --busy_;
+    }
+    --runners_;
+    finished_.notify_all();
+    currentRunner = outer;
+  }
+
+  void onAlarm(TimePoint) override {}
+
+ private:
+  static thread_local const PendingRequests* currentRunner;
+  const size_t maxRunners_;
+  std::mutex mutex_;
+  std::condition_variable finished_;  // a runner ran out of requests
+  std::deque<std::function<void()>> jobs_;
+  size_t runners_ = 0;
+  size_t busy_ = 0;  // runners inside a request
+};
+
+thread_local const PendingRequests* PendingRequests::currentRunner = nullptr;
+
 class CurlHttpTransport : public HttpTransport {
  public:
   CurlHttpTransport(size_t workers, std::string trustedAuthoritiesPem)
-      : trustedAuthoritiesPem_(std::move(trustedAuthoritiesPem)) {
+      : trustedAuthoritiesPem_(std::move(trustedAuthoritiesPem)),
+        requests_(std::make_shared<PendingRequests>(std::max<size_t>(1, workers))) {
     static std::once_flag globalInit;
     std::call_once(globalInit, [] {
       initializeOpenSslWithoutExitHandler();  // before curl initialises it with the handler
       curl_global_init(CURL_GLOBAL_DEFAULT);
     });
-    for (size_t i = 0; i < std::max<size_t>(1, workers); ++i) {
-      threads_.emplace_back([this] { work(); });
-    }
   }
 
-  ~CurlHttpTransport() override {
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      stopping_ = true;
-    }
-    wake_.notify_all();
-    for (auto& t : threads_) {
-      if (t.get_id() == std::this_thread::get_id()) {
-        t.detach();  // released from a completion: the worker finishes on its own
-      } else {
-        t.join();
-      }
-    }
-  }
+  ~CurlHttpTransport() override { requests_->stop(); }
 
   void send(HttpRequest request, HttpCompletion completion) override {
     enqueue(
@@ -236,30 +290,7 @@ class CurlHttpTransport : public HttpTransport {
   }
 
  private:
-  void enqueue(std::function<void()> job) {
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      jobs_.push_back(std::move(job));
-    }
-    wake_.notify_one();
-  }
-
-  void work() {
-    while (true) {
-      std::function<void()> job;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        wake_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
-        if (jobs_.empty()) return;  // stopping with nothing left
-        job = std::move(jobs_.front());
-        jobs_.pop_front();
-      }
-      try {
-        job();
-      } catch (...) {  // a completion must not take the worker down
-      }
-    }
-  }
+  void enqueue(std::function<void()> job) { requests_->add(std::move(job)); }
 
   struct Transfer {
     CURLcode code;
@@ -412,11 +443,7 @@ class CurlHttpTransport : public HttpTransport {
   }
 
   const std::string trustedAuthoritiesPem_;  // empty: the system's
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::function<void()>> jobs_;
-  bool stopping_ = false;
-  std::vector<std::thread> threads_;
+  const std::shared_ptr<PendingRequests> requests_;
 };
 
 }  // namespace
