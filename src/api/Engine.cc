@@ -75,6 +75,7 @@ Engine::Engine(Platform platform, std::optional<ContextManagerIsSupported> impos
                     release->done = true;
                     release->released.notify_all();
                   }),
+      weakSelf_(selfHandle_),
       defaults_(UserDefaultsProvider::open(platform_.keyValueStores.get(), kDefaultsSuite)),
       consent_(std::make_unique<CollectionConsent>(defaults_)),
       dateProvider_(std::make_shared<DefaultDateProvider>(platform_.clock)),
@@ -384,7 +385,7 @@ void Engine::sendLog(std::shared_ptr<Log> log) noexcept {
     if (!main || main->isCurrent()) {
       deliver();
     } else {
-      std::weak_ptr<Engine> alive = selfHandle_;
+      std::weak_ptr<Engine> alive = weakSelf_;
       main->async([alive, deliver = std::move(deliver)] {
         if (const auto held = hold(alive)) deliver();
       });

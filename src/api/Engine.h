@@ -122,7 +122,7 @@ class Engine {
   // the manager through it. Hold what lock() returns only for the call at hand: destruction
   // waits until every such hold is released (so never destroy a manager inside a call that
   // holds it).
-  std::weak_ptr<Engine> weakHandle() const { return selfHandle_; }
+  std::weak_ptr<Engine> weakHandle() const { return weakSelf_; }
   // The engine behind `handle` for the call at hand; null once its destruction has begun.
   static std::shared_ptr<Engine> hold(const std::weak_ptr<Engine>& handle);
   HostPlatform currentPlatform() const;
@@ -206,6 +206,8 @@ class Engine {
   std::atomic<bool> closing_{false};
   // Owns nothing: its deleter only says that no call holds the engine any more.
   std::shared_ptr<Engine> selfHandle_;
+  // Copied from selfHandle_ once: any thread reads it while the destructor resets selfHandle_.
+  const std::weak_ptr<Engine> weakSelf_;
   std::shared_ptr<UserDefaultsProvider> defaults_;
   // Before any component: it decides whether the suite and the network may be used.
   std::unique_ptr<CollectionConsent> consent_;
