@@ -136,9 +136,17 @@ std::shared_ptr<Engine> Engine::hold(const std::weak_ptr<Engine>& handle) {
 
 void Engine::runInitialBootup() {
   if (platform_.application) {
+    // Through the handle: a notification the host delivers while the manager is being
+    // destroyed finds it expired instead of half torn down.
     observerToken_ =
-        platform_.application->addObserver({[this] { handleDidBecomeActiveNotification(); },
-                                            [this] { handleWillResignActiveNotification(); }});
+        platform_.application->addObserver({[weak = weakHandle()] {
+                                              if (auto engine = hold(weak))
+                                                engine->handleDidBecomeActiveNotification();
+                                            },
+                                            [weak = weakHandle()] {
+                                              if (auto engine = hold(weak))
+                                                engine->handleWillResignActiveNotification();
+                                            }});
   }
   // The manager is usually created while the app is already starting in the foreground.
   becomeActiveHandling();
