@@ -162,15 +162,26 @@ TEST_F(DamagedSuiteTest, ABadPageCostsOnlyTheRecordsOnIt) {
   EXPECT_EQ(errors_.messages, std::vector<std::string>{});
 }
 
-TEST_F(DamagedSuiteTest, DamageAPlainReadWouldMissIsFoundAtOpen) {
+TEST_F(DamagedSuiteTest, DamageAPlainReadWouldMissIsRepairedBeforeTheFirstWrite) {
   writeSuite();
   // The tail of one record: every row still reads, only that value is garbage.
   overwrite(file(), tablePageOffset("overflow", 50), static_cast<size_t>(pageSize()), 2);
   auto store = open();
   ASSERT_NE(store, nullptr);
+  // Written at once, likely before the check has run: it must land in the repaired file.
+  store->set("written at open", "kept");
   EXPECT_EQ(intactRecords(store->get(kQueueKey)).size(), size_t{kRecords - 1});
+  store->synchronize();  // waits for the check too
   EXPECT_EQ(damageReports(), 1u) << ::testing::PrintToString(errors_.messages);
   EXPECT_TRUE(fs::exists(damagedCopy()));
+  EXPECT_TRUE(store->get(kStoreRepairNoteKey));
+
+  store.reset();
+  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM pragma_quick_check WHERE quick_check <> 'ok'"), 0);
+  store = open();
+  EXPECT_EQ(store->get("written at open"), PlistValue("kept"));
+  EXPECT_EQ(intactRecords(store->get(kQueueKey)).size(), size_t{kRecords - 1});
+  EXPECT_EQ(store->get(kIdentityKey), PlistValue("identity"));
 }
 
 TEST_F(DamagedSuiteTest, ATruncatedFileGivesUpWhatItStillHolds) {
@@ -417,6 +428,7 @@ TEST(DamagedDefaultsSuiteTest, TheEngineKeepsItsIdentityAndQueuedRecords) {
   fake.platform.keyValueStores =
       makeSqliteKeyValueStoreProvider(directory.path().string(), errors.sink());
   Engine engine(fake.platform);
+  engine.userDefaultsProvider()->synchronize();  // the structure check runs in the background
   EXPECT_EQ(engine.installationUUID(), identity);
   EXPECT_GE(intactRecords(engine.userDefaultsProvider()->object(kQueueKey)).size(),
             size_t{kRecords - 8});

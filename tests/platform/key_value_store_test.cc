@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -387,21 +388,69 @@ TEST_F(SqliteKeyValueStoreTest, AnUnreadableElementCostsOnlyItself) {
     auto store = open();
     ASSERT_NE(store, nullptr);
     store->set("queue", PlistArray{record(0), record(1)});
+    store->set("unread", PlistArray{record(0), record(1)});
     ASSERT_TRUE(store->synchronize());
   }
-  ASSERT_EQ(runSql(file(), "INSERT INTO array_elements VALUES ('queue', 99, ?1)", {0xDE, 0xAD}), 0);
+  for (const char* key : {"queue", "unread"}) {
+    ASSERT_EQ(
+        runSql(file(), "INSERT INTO array_elements VALUES ('" + std::string(key) + "', 99, ?1)",
+               {0xDE, 0xAD}),
+        0);
+  }
   auto store = open();
   ASSERT_NE(store, nullptr);
+  // Elements are decoded when their key is first needed, not at open.
+  EXPECT_EQ(errors_.messages, std::vector<std::string>{});
   const auto read = store->get("queue");
   ASSERT_TRUE(read);
   EXPECT_TRUE(identicalPlistValues(*read, PlistArray{record(0), record(1)})) << describe(*read);
   EXPECT_TRUE(errors_.mentions("position 99 of key \"queue\""));
 
-  // The next write of the key clears the damaged row.
+  // The next write of the key clears the damaged row, also of a key written before any read.
   store->set("queue", PlistArray{record(1), record(2)});
+  store->set("unread", PlistArray{record(1), record(2)});
   ASSERT_TRUE(store->synchronize());
+  EXPECT_TRUE(errors_.mentions("position 99 of key \"unread\""));
   EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM array_elements WHERE position = 99"), 0);
-  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM array_elements"), 2);
+  EXPECT_EQ(runSql(file(), "SELECT COUNT(*) FROM array_elements"), 4);
+  store.reset();
+  store = open();
+  EXPECT_TRUE(identicalPlistValues(*store->get("unread"), PlistArray{record(1), record(2)}));
+}
+
+// The first read of a stored array decodes it without the store's lock; a write of the same key
+// meanwhile must win, and every reader sees one whole value or the other.
+TEST_F(SqliteKeyValueStoreTest, ReadsOfAnUndecodedArrayRaceItsRewrite) {
+  const PlistValue before = PlistArray{record(0), record(1), record(2)};
+  const PlistValue after = PlistArray{record(7)};
+  for (int round = 0; round < 20; ++round) {
+    {
+      auto store = open();
+      ASSERT_NE(store, nullptr);
+      store->set("queue", before);
+      ASSERT_TRUE(store->synchronize());
+    }
+    auto store = open();
+    std::atomic<int> neither{0};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 3; ++i) {
+      readers.emplace_back([&] {
+        for (int n = 0; n < 50; ++n) {
+          const auto read = store->getShared("queue");
+          if (!read ||
+              (!identicalPlistValues(*read, before) && !identicalPlistValues(*read, after)))
+            ++neither;
+        }
+      });
+    }
+    store->set("queue", after);
+    for (auto& reader : readers) reader.join();
+    EXPECT_EQ(neither.load(), 0);
+    EXPECT_TRUE(identicalPlistValues(*store->get("queue"), after));
+    ASSERT_TRUE(store->synchronize());
+    store.reset();
+    EXPECT_TRUE(identicalPlistValues(*open()->get("queue"), after));
+  }
 }
 
 }  // namespace

@@ -4,8 +4,14 @@
 // that waits for the disk. Non-empty arrays are kept one element per row, so writing back a
 // queue that gained or lost a few records touches only those rows. Writes the disk refuses stay
 // in memory and are committed on a back-off until the disk takes them.
+//
+// Opening happens on the host's thread at start, so it does as little as it can: the rows of
+// an array are decoded when its key is first read or written, and the writer, not the opener,
+// checks the file's structure before its first commit; a damaged file is then repaired
+// (SqliteSuiteRepair.h) before anything is written over it.
 #include "platform/linux/SqliteKeyValueStore.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <iterator>
@@ -32,17 +38,22 @@ using Clock = std::chrono::steady_clock;
 
 class SqliteKeyValueStore final : public KeyValueStore {
  public:
-  SqliteKeyValueStore(std::string suiteName, KeyValueStoreErrorSink sink,
-                      const SqliteStoreOptions& options, LoadedSuite loaded)
-      : suiteName_(std::move(suiteName)),
+  SqliteKeyValueStore(std::filesystem::path file, std::string suiteName,
+                      KeyValueStoreErrorSink sink, const SqliteStoreOptions& options,
+                      LoadedSuite loaded)
+      : file_(std::move(file)),
+        suiteName_(std::move(suiteName)),
+        reportPrefix_("suite " + inQuotes(suiteName_) + ": "),
+        vfs_(options.vfs),
         sink_(std::move(sink)),
         db_(std::move(loaded.db)),
         statements_(std::move(loaded.statements)),
-        storedArrays_(std::move(loaded.arrays)),
-        failures_("suite " + inQuotes(suiteName_) + ": "),
+        undecodedArrays_(loaded.arrays),
+        failures_(reportPrefix_),
         firstRetryDelay_(options.firstRetryDelay),
         backoff_(options.firstRetryDelay, options.retryDelayCap),
-        values_(std::move(loaded.values)) {
+        values_(std::move(loaded.values)),
+        deferredArrays_(std::move(loaded.arrays)) {
     writer_ = std::thread([this] { runWriter(); });
   }
 
@@ -56,18 +67,33 @@ class SqliteKeyValueStore final : public KeyValueStore {
   }
 
   std::optional<PlistValue> get(std::string_view key) const override {
-    std::shared_ptr<const PlistValue> found;
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      auto it = values_.find(key);
-      if (it == values_.end()) return std::nullopt;
-      found = it->second;
-    }
+    std::shared_ptr<const PlistValue> found = getShared(key);
+    if (!found) return std::nullopt;
     return *found;  // values are immutable once stored, so the copy needs no lock
   }
 
   std::shared_ptr<const PlistValue> getShared(std::string_view key) const override {
+    std::shared_ptr<DeferredStoredArray> deferred;
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      if (auto it = values_.find(key); it != values_.end()) return it->second;
+      auto pending = deferredArrays_.find(key);
+      if (pending == deferredArrays_.end()) return nullptr;
+      deferred = pending->second;
+    }
+    // Decoded without the lock: other keys stay readable and writable meanwhile.
+    const StoredArray& stored =
+        deferred->decoded([this](const std::string& line) { report(line); });
     std::lock_guard<std::mutex> guard(mutex_);
+    if (auto pending = deferredArrays_.find(key);
+        pending != deferredArrays_.end() && pending->second == deferred) {
+      deferredArrays_.erase(pending);
+      // A key whose every element is unreadable reads as absent.
+      if (stored.positions.empty()) return nullptr;
+      values_.emplace(std::string(key), stored.value);
+      return stored.value;
+    }
+    // Written while it was being decoded: the write is the answer.
     auto it = values_.find(key);
     return it == values_.end() ? nullptr : it->second;
   }
@@ -85,8 +111,11 @@ class SqliteKeyValueStore final : public KeyValueStore {
   std::vector<std::string> keys() const override {
     std::lock_guard<std::mutex> guard(mutex_);
     std::vector<std::string> out;
-    out.reserve(values_.size());
+    out.reserve(values_.size() + deferredArrays_.size());
     for (const auto& [key, value] : values_) out.push_back(key);
+    // Listed before they are decoded, even one whose every element turns out unreadable.
+    for (const auto& [key, deferred] : deferredArrays_) out.push_back(key);
+    std::sort(out.begin(), out.end());
     return out;
   }
 
@@ -123,6 +152,9 @@ class SqliteKeyValueStore final : public KeyValueStore {
 
   void enqueue(std::string_view key, std::shared_ptr<const PlistValue> value) {
     std::lock_guard<std::mutex> guard(mutex_);
+    if (auto pending = deferredArrays_.find(key); pending != deferredArrays_.end()) {
+      deferredArrays_.erase(pending);
+    }
     if (value) {
       values_.insert_or_assign(std::string(key), value);
     } else if (auto it = values_.find(key); it != values_.end()) {
@@ -145,7 +177,10 @@ class SqliteKeyValueStore final : public KeyValueStore {
   }
 
   void runWriter() {
+    checkFileStructure();
     std::unique_lock<std::mutex> lock(mutex_);
+    lastSettled_ = std::max(lastSettled_, kStructureChecked);
+    progress_.notify_all();
     for (;;) {
       waitForWork(lock);
       if (pending_.empty()) {
@@ -189,10 +224,52 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
   }
 
+  // Writer thread, before its first commit. A file that is not sound is repaired and the store
+  // goes on with the repaired file; what readers already have stays in memory.
+  void checkFileStructure() {
+    std::string finding;
+    const int rc = checkSuiteStructure(db_.get(), finding);
+    // Anything but damage (another process holding the file) leaves the check to the next open.
+    if (!isDamageCode(rc)) return;
+    statements_ = {};
+    db_.reset();
+    SuiteRepair repair = repairDamagedSuite(file_, reportPrefix_, finding, vfsName());
+    report(repair.report);
+    if (reopen() && repair.replaced) {
+      // Reported through the SDK's error reporting once a manager reads it (Engine.cc).
+      enqueue(kStoreRepairNoteKey, std::make_shared<const PlistValue>(std::move(repair.report)));
+    }
+  }
+
+  // Writer thread: a connection to the file as it now is, after a repair replaced it. False
+  // (with a line) when it cannot be opened; commits then fail and try again.
+  bool reopen() {
+    std::vector<std::string> problems;
+    SuiteLoad load = loadSuiteFile(file_, reportPrefix_, vfsName(),
+                                   std::chrono::milliseconds(kCommitBusyTimeoutMs), problems);
+    for (const std::string& problem : problems) report(problem);
+    if (!load.loaded) {
+      report(load.error);
+      return false;
+    }
+    db_ = std::move(load.loaded->db);
+    statements_ = std::move(load.loaded->statements);
+    storedArrays_.clear();
+    undecodedArrays_ = std::move(load.loaded->arrays);
+    return true;
+  }
+
+  const char* vfsName() const { return vfs_.empty() ? nullptr : vfs_.c_str(); }
+
   // Runs on the writer thread only, without the lock: db_, the statements and storedArrays_
   // are its own.
   BatchOutcome persist(const std::vector<Write>& batch) {
     BatchOutcome outcome;
+    if (!db_ && !reopen()) {
+      outcome.code = SQLITE_CANTOPEN;
+      outcome.error = "the repaired file cannot be opened";
+      return outcome;
+    }
     // The transaction commits all or nothing, so only each key's last write matters.
     std::vector<const Write*> effective;
     std::unordered_set<std::string_view> seen;
@@ -235,10 +312,7 @@ class SqliteKeyValueStore final : public KeyValueStore {
   // One key's write inside the open transaction. False when a statement failed.
   bool persistWrite(const Write& write, BatchOutcome& outcome,
                     std::vector<std::pair<std::string_view, std::optional<StoredArray>>>& changes) {
-    const StoredArray* stored = nullptr;
-    if (auto found = storedArrays_.find(write.key); found != storedArrays_.end()) {
-      stored = &found->second;
-    }
+    const StoredArray* stored = storedArray(write.key);
     const PlistArray* array = write.value ? write.value->asArray() : nullptr;
     if (array && !array->empty()) {
       if (!run(statements_.erase.get(), write.key)) return false;
@@ -268,6 +342,18 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
     if (!blob) return run(statements_.erase.get(), write.key);
     return run(statements_.upsert.get(), write.key, std::nullopt, &*blob);
+  }
+
+  // What the file holds of an array kept element by element, decoding its rows if no write
+  // has needed them yet. Writer thread only.
+  const StoredArray* storedArray(const std::string& key) {
+    if (auto undecoded = undecodedArrays_.find(key); undecoded != undecodedArrays_.end()) {
+      storedArrays_.insert_or_assign(
+          key, undecoded->second->decoded([this](const std::string& line) { report(line); }));
+      undecodedArrays_.erase(undecoded);
+    }
+    auto found = storedArrays_.find(key);
+    return found == storedArrays_.end() ? nullptr : &found->second;
   }
 
   enum class ArrayWrite { kWritten, kUnencodable, kFailed };
@@ -321,13 +407,17 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
   }
 
+  const std::filesystem::path file_;
   const std::string suiteName_;
+  const std::string reportPrefix_;
+  const std::string vfs_;
   const KeyValueStoreErrorSink sink_;
   // The statements go before the connection closes (members die in reverse order).
   Database db_;
   SuiteStatements statements_;
-  // Writer thread only, like failures_ and backoff_.
+  // Writer thread only, like failures_ and backoff_. An array is in one or the other.
   StoredArrays storedArrays_;
+  DeferredArrays undecodedArrays_;
   CommitFailureLog failures_;
   const std::chrono::milliseconds firstRetryDelay_;
   RetryBackoff backoff_;
@@ -335,9 +425,14 @@ class SqliteKeyValueStore final : public KeyValueStore {
   mutable std::mutex mutex_;
   std::condition_variable writerWake_;
   std::condition_variable progress_;
-  SuiteValues values_;
+  // What readers see. A read of an array still deferred decodes it into values_, so both are
+  // filled by const reads.
+  mutable SuiteValues values_;
+  mutable DeferredArrays deferredArrays_;
   std::deque<Write> pending_;
-  uint64_t lastEnqueued_ = 0;
+  // Sequence 1 is the check of the file's structure, so synchronize() also waits for it.
+  static constexpr uint64_t kStructureChecked = 1;
+  uint64_t lastEnqueued_ = kStructureChecked;
   // Every write numbered up to here is on disk (or was refused by the encoder).
   uint64_t lastSettled_ = 0;
   uint64_t failedAttempts_ = 0;
@@ -366,7 +461,8 @@ std::shared_ptr<KeyValueStore> openSqliteSuite(const std::filesystem::path& file
       problems.push_back(std::move(load.error));
       return nullptr;
     }
-    return std::make_shared<SqliteKeyValueStore>(suiteName, sink, options, std::move(*load.loaded));
+    return std::make_shared<SqliteKeyValueStore>(file, suiteName, sink, options,
+                                                 std::move(*load.loaded));
   };
 
   // A log damaged in the middle reads as sound, only shorter: it is found before SQLite

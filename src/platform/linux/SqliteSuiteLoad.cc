@@ -7,7 +7,6 @@
 
 #include "platform/linux/PlistCodec.h"
 #include "platform/linux/SqliteSuiteTuning.h"
-#include "platform/linux/StoredElementCodec.h"
 
 namespace orvane {
 
@@ -31,10 +30,9 @@ std::span<const uint8_t> columnBlob(sqlite3_stmt* statement, int column) {
   return std::span<const uint8_t>(blob, blob ? size : 0);
 }
 
-// Damage a full read does not notice (a bad overflow page holding the tail of one value, a
-// broken index) shows here. It reads the file once more: about half a millisecond for a queue
-// of 100 records of 5 KB.
-int checkStructure(sqlite3* db, std::string& finding) {
+}  // namespace
+
+int checkSuiteStructure(sqlite3* db, std::string& finding) {
   Statement check = prepareStatement(db, "PRAGMA quick_check(1)");
   if (!check) return sqlite3_extended_errcode(db);
   const int rc = sqlite3_step(check.get());
@@ -45,6 +43,8 @@ int checkStructure(sqlite3* db, std::string& finding) {
   std::replace(finding.begin(), finding.end(), '\n', ' ');  // report lines stay one line
   return SQLITE_CORRUPT;
 }
+
+namespace {
 
 // The single-row values. A step that fails answers its code.
 int loadEntries(sqlite3* db, const std::string& prefix, SuiteValues& values,
@@ -65,29 +65,22 @@ int loadEntries(sqlite3* db, const std::string& prefix, SuiteValues& values,
   return step == SQLITE_DONE ? SQLITE_OK : sqlite3_extended_errcode(db);
 }
 
-// The arrays kept element by element, into `values`, and what their rows are into `arrays`.
-int loadArrays(sqlite3* db, const std::string& prefix, SuiteValues& values, StoredArrays& arrays,
-               std::vector<std::string>& problems) {
+// The arrays kept element by element, their rows as they are. The rows win over a stale
+// single-row value under the same key; the next write of the key removes whichever is out of
+// date.
+int loadArrays(sqlite3* db, const std::string& prefix, SuiteValues& values,
+               DeferredArrays& arrays) {
   Statement select = prepareStatement(
       db, "SELECT key, position, value FROM array_elements ORDER BY key, position");
   if (!select) return sqlite3_extended_errcode(db);
   std::optional<std::string> key;
-  PlistArray elements;
-  StoredArray stored;
+  std::vector<DeferredStoredArray::Row> rows;
   auto finishKey = [&] {
     if (!key) return;
-    stored.value = std::make_shared<const PlistValue>(std::move(elements));
-    // The rows win over a stale single-row value under the same key; the next write of the
-    // key removes whichever is out of date. A key whose every row is unreadable reads as
-    // absent, like an unreadable single-row value.
-    if (!stored.positions.empty()) {
-      values.insert_or_assign(*key, stored.value);
-    } else {
-      values.erase(*key);
-    }
-    arrays.insert_or_assign(*key, std::move(stored));
-    elements = {};
-    stored = {};
+    values.erase(*key);
+    arrays.insert_or_assign(*key,
+                            std::make_shared<DeferredStoredArray>(*key, prefix, std::move(rows)));
+    rows = {};
   };
   int step;
   while ((step = sqlite3_step(select.get())) == SQLITE_ROW) {
@@ -96,17 +89,8 @@ int loadArrays(sqlite3* db, const std::string& prefix, SuiteValues& values, Stor
       finishKey();
       key = std::move(rowKey);
     }
-    const int64_t position = sqlite3_column_int64(select.get(), 1);
-    auto element = decodeStoredElement(columnBlob(select.get(), 2));
-    if (!element) {
-      // The other elements of a queue are still worth keeping.
-      problems.push_back(prefix + "skipping unreadable element at position " +
-                         std::to_string(position) + " of key " + inQuotes(*key));
-      stored.unreadablePositions.push_back(position);
-      continue;
-    }
-    elements.push_back(std::move(*element));
-    stored.positions.push_back(position);
+    const std::span<const uint8_t> blob = columnBlob(select.get(), 2);
+    rows.push_back({sqlite3_column_int64(select.get(), 1), Bytes(blob.begin(), blob.end())});
   }
   finishKey();
   return step == SQLITE_DONE ? SQLITE_OK : sqlite3_extended_errcode(db);
@@ -146,26 +130,30 @@ SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& re
                 "journal mode stays " + std::string(mode ? mode : "unknown"));
   }
   journal.reset();
-  std::string finding;
-  if (const int checked = checkStructure(raw, finding); checked != SQLITE_OK) {
-    return fail("cannot read", checked, finding);
+  // A file from before the page-size change is rebuilt, and only a sound one is, only when no
+  // other connection would have to wait. Every other file is checked by its store's writer
+  // before the first commit, off the opening thread (SqliteKeyValueStore.cc).
+  if (suitePageSize(raw) != kSuitePageSize) {
+    std::string finding;
+    if (const int checked = checkSuiteStructure(raw, finding); checked != SQLITE_OK) {
+      return fail("cannot read", checked, finding);
+    }
+    sqlite3_busy_timeout(raw, 0);
+    if (!shrinkSuitePages(raw)) {
+      return fail("cannot switch back to write-ahead logging", SQLITE_CANTOPEN,
+                  "journal mode left by a page-size rebuild");
+    }
+    sqlite3_busy_timeout(raw, static_cast<int>(busyTimeout.count()));
   }
-  // Only a sound file is rebuilt, and only when no other connection would have to wait.
-  sqlite3_busy_timeout(raw, 0);
-  if (!shrinkSuitePages(raw)) {
-    return fail("cannot switch back to write-ahead logging", SQLITE_CANTOPEN,
-                "journal mode left by a page-size rebuild");
-  }
-  sqlite3_busy_timeout(raw, static_cast<int>(busyTimeout.count()));
   int rc = tuneSuiteWriting(raw);
   if (rc == SQLITE_OK) rc = executeStatement(raw, kCreateEntriesTable);
   if (rc == SQLITE_OK) rc = executeStatement(raw, kCreateArrayElementsTable);
   if (rc != SQLITE_OK) return fail("cannot prepare", rc);
 
   SuiteValues values;
-  StoredArrays arrays;
+  DeferredArrays arrays;
   if ((rc = loadEntries(raw, reportPrefix, values, problems)) != SQLITE_OK ||
-      (rc = loadArrays(raw, reportPrefix, values, arrays, problems)) != SQLITE_OK) {
+      (rc = loadArrays(raw, reportPrefix, values, arrays)) != SQLITE_OK) {
     return fail("cannot read", rc);
   }
 

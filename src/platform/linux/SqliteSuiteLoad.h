@@ -1,7 +1,8 @@
 // File: SqliteSuiteLoad.h
-// Reading a suite file into memory at open: its connection set up for writing, every value
-// decoded, the arrays kept element by element described row by row, and the file's structure
-// checked so that damage is found before anything is written over it.
+// Reading a suite file into memory at open: its connection set up for writing, every
+// single-row value decoded, the arrays kept element by element read row by row (decoded when
+// first needed, DeferredStoredArray.h). The check of the file's structure, which finds damage
+// before anything is written over it, is the store's to run.
 #pragma once
 
 #include <chrono>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "orvane/PlistValue.h"
+#include "platform/linux/DeferredStoredArray.h"
 #include "platform/linux/SqliteSupport.h"
 
 namespace orvane {
@@ -29,13 +31,8 @@ extern const char* const kCreateArrayElementsTable;
 
 using SuiteValues = std::map<std::string, std::shared_ptr<const PlistValue>, std::less<>>;
 
-// What the file holds of one array kept element by element.
-struct StoredArray {
-  std::shared_ptr<const PlistValue> value;   // the array the rows spell out
-  std::vector<int64_t> positions;            // one per element of `value`
-  std::vector<int64_t> unreadablePositions;  // rows skipped at open, dropped on next write
-};
 using StoredArrays = std::map<std::string, StoredArray, std::less<>>;
+using DeferredArrays = std::map<std::string, std::shared_ptr<DeferredStoredArray>, std::less<>>;
 
 struct SuiteStatements {
   Statement upsert;
@@ -49,8 +46,8 @@ struct LoadedSuite {
   // The statements go before the connection closes (members die in reverse order).
   Database db;
   SuiteStatements statements;
-  SuiteValues values;
-  StoredArrays arrays;
+  SuiteValues values;  // without the arrays kept element by element
+  DeferredArrays arrays;
 };
 
 struct SuiteLoad {
@@ -62,9 +59,15 @@ struct SuiteLoad {
   std::string error;
 };
 
-// Opens (creating when missing) and reads `file`. Rows whose value cannot be decoded are
-// skipped, each with a line in `problems`; a file that is damaged comes back unloaded with a
-// damage code (isDamageCode) rather than partly read.
+// Damage a full read does not notice (a bad overflow page holding the tail of one value, a
+// broken index) shows here: SQLITE_CORRUPT and what was found. It reads the whole file once
+// more, a few hundred microseconds for a queue of 100 records.
+int checkSuiteStructure(sqlite3* db, std::string& finding);
+
+// Opens (creating when missing) and reads `file`. Single-row values that cannot be decoded are
+// skipped, each with a line in `problems` (array elements say so when they are decoded); a file
+// that a read finds damaged comes back unloaded with a damage code (isDamageCode) rather than
+// partly read.
 SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& reportPrefix,
                         const char* vfs, std::chrono::milliseconds busyTimeout,
                         std::vector<std::string>& problems);
