@@ -1,7 +1,7 @@
 // File: FailingWritesVfs.h
-// A SQLite VFS over the default one whose writes fail on demand with a chosen result code, as
-// a full disk, a read-only file or a failing device make them fail. File permissions cannot
-// stand in for this where tests run as root, which writes regardless of them.
+// A SQLite VFS over the default one whose writes (or reads of one place) fail on demand with a
+// chosen result code, as a full disk, a read-only file or a failing device make them fail. File
+// permissions cannot stand in for this where tests run as root, which writes regardless of them.
 #pragma once
 
 #include <sqlite3.h>
@@ -24,11 +24,19 @@ class FailingWritesVfs {
   // through again.
   void failWritesWith(int code) { failure_.store(code); }
 
+  // A read of the main file that covers byte `offset` answers `code` from now on, as a bad
+  // sector would; SQLITE_OK lets such reads through again.
+  void failReadsAt(sqlite3_int64 offset, int code) {
+    readFailureOffset_.store(offset);
+    readFailure_.store(code);
+  }
+
  private:
   // The wrapper's file; the default VFS's file follows it in the same allocation.
   struct File {
     sqlite3_file base;
     sqlite3_file* real;
+    bool mainFile;
   };
 
   FailingWritesVfs() {
@@ -47,6 +55,7 @@ class FailingWritesVfs {
   static int open(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* outFlags) {
     auto* wrapper = reinterpret_cast<File*>(file);
     wrapper->real = reinterpret_cast<sqlite3_file*>(wrapper + 1);
+    wrapper->mainFile = (flags & SQLITE_OPEN_MAIN_DB) != 0;
     sqlite3_vfs* real = instance().real_;
     const int rc = real->xOpen(real, name, wrapper->real, flags, outFlags);
     wrapper->base.pMethods = wrapper->real->pMethods ? &kMethods : nullptr;
@@ -55,6 +64,12 @@ class FailingWritesVfs {
 
   static int close(sqlite3_file* f) { return real(f)->pMethods->xClose(real(f)); }
   static int read(sqlite3_file* f, void* out, int amount, sqlite3_int64 offset) {
+    const sqlite3_int64 bad = instance().readFailureOffset_.load();
+    if (const int code = instance().readFailure_.load(); code != SQLITE_OK &&
+                                                         reinterpret_cast<File*>(f)->mainFile &&
+                                                         offset <= bad && bad < offset + amount) {
+      return code;
+    }
     return real(f)->pMethods->xRead(real(f), out, amount, offset);
   }
   static int write(sqlite3_file* f, const void* data, int amount, sqlite3_int64 offset) {
@@ -123,6 +138,8 @@ class FailingWritesVfs {
   sqlite3_vfs* real_ = nullptr;
   sqlite3_vfs vfs_{};
   std::atomic<int> failure_{SQLITE_OK};
+  std::atomic<int> readFailure_{SQLITE_OK};
+  std::atomic<sqlite3_int64> readFailureOffset_{0};
 };
 
 }  // namespace orvane::testing

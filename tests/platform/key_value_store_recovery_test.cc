@@ -184,6 +184,42 @@ TEST_F(DamagedSuiteTest, DamageAPlainReadWouldMissIsRepairedBeforeTheFirstWrite)
   EXPECT_EQ(store->get(kIdentityKey), PlistValue("identity"));
 }
 
+// Opening reads only the single-row values and the arrays' names; the writer reads the rows. A
+// bad sector under a queue record shows there, after the store was handed out: the queue must
+// then read as absent and nothing may be written, or a queue written back without the records
+// never read would delete them.
+TEST_F(DamagedSuiteTest, ArrayRowsThatCannotBeReadAreNeverWrittenOver) {
+  writeSuite();
+  {
+    // The queue's rows start at position 10, clear of where a queue written anew would go.
+    auto store = open();
+    store->set(kQueueKey, queueOf(10, kRecords));
+    ASSERT_TRUE(store->synchronize());
+  }
+  FailingWritesVfs& vfs = FailingWritesVfs::instance();
+  vfs.failReadsAt(static_cast<sqlite3_int64>(tablePageOffset("overflow", 50)), SQLITE_IOERR_READ);
+  SqliteStoreOptions options;
+  options.vfs = FailingWritesVfs::kName;
+  options.firstRetryDelay = 10ms;
+  {
+    auto store =
+        makeSqliteKeyValueStoreProvider(directory_.path().string(), errors_.sink(), options)
+            ->openSuite("suite");
+    ASSERT_NE(store, nullptr);
+    EXPECT_EQ(store->get(kIdentityKey), PlistValue("identity"));
+    EXPECT_FALSE(store->get(kQueueKey));
+    store->set(kQueueKey, PlistArray{queueRecord(kRecords)});
+    EXPECT_FALSE(store->synchronize());
+    EXPECT_TRUE(errors_.mentions("nothing is written"))
+        << ::testing::PrintToString(errors_.messages);
+  }
+  vfs.failReadsAt(0, SQLITE_OK);
+  auto store = open();
+  EXPECT_EQ(intactRecords(store->get(kQueueKey)).size(), size_t{kRecords - 10});
+  EXPECT_EQ(store->get(kQueueKey)->asArray()->size(), size_t{kRecords - 10});
+  EXPECT_FALSE(fs::exists(damagedCopy()));
+}
+
 TEST_F(DamagedSuiteTest, ATruncatedFileGivesUpWhatItStillHolds) {
   writeSuite();
   const uintmax_t size = fs::file_size(file());

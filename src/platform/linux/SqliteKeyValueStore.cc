@@ -5,10 +5,11 @@
 // queue that gained or lost a few records touches only those rows. Writes the disk refuses stay
 // in memory and are committed on a back-off until the disk takes them.
 //
-// Opening happens on the host's thread at start, so it does as little as it can: the rows of
-// an array are decoded when its key is first read or written, and the writer, not the opener,
-// checks the file's structure before its first commit; a damaged file is then repaired
-// (SqliteSuiteRepair.h) before anything is written over it.
+// Opening happens on the host's thread at start, so it does as little as it can: it reads the
+// single-row values and names the arrays. The writer, before its first commit, reads the
+// arrays' rows (a reader of an array waits for them) and checks the file's structure; a
+// damaged file is then repaired (SqliteSuiteRepair.h) before anything is written over it. The
+// rows of an array are decoded when its key is first read or written.
 #include "platform/linux/SqliteKeyValueStore.h"
 
 #include <algorithm>
@@ -48,12 +49,17 @@ class SqliteKeyValueStore final : public KeyValueStore {
         sink_(std::move(sink)),
         db_(std::move(loaded.db)),
         statements_(std::move(loaded.statements)),
-        undecodedArrays_(loaded.arrays),
         failures_(reportPrefix_),
         firstRetryDelay_(options.firstRetryDelay),
         backoff_(options.firstRetryDelay, options.retryDelayCap),
-        values_(std::move(loaded.values)),
-        deferredArrays_(std::move(loaded.arrays)) {
+        values_(std::move(loaded.values)) {
+    if (loaded.arrayRowsRead) {
+      undecodedArrays_ = loaded.arrays;
+      deferredArrays_ = std::move(loaded.arrays);
+      writerHasArrayRows_ = true;
+    } else {
+      unreadArrayKeys_.insert(loaded.arrayKeys.begin(), loaded.arrayKeys.end());
+    }
     writer_ = std::thread([this] { runWriter(); });
   }
 
@@ -73,18 +79,18 @@ class SqliteKeyValueStore final : public KeyValueStore {
   }
 
   std::shared_ptr<const PlistValue> getShared(std::string_view key) const override {
-    std::shared_ptr<DeferredStoredArray> deferred;
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      if (auto it = values_.find(key); it != values_.end()) return it->second;
-      auto pending = deferredArrays_.find(key);
-      if (pending == deferredArrays_.end()) return nullptr;
-      deferred = pending->second;
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    // An array whose rows the writer has not read yet: it reads them first thing after opening.
+    arrayRowsPublished_.wait(lock, [&] { return !unreadArrayKeys_.contains(key); });
+    if (auto it = values_.find(key); it != values_.end()) return it->second;
+    auto pending = deferredArrays_.find(key);
+    if (pending == deferredArrays_.end()) return nullptr;
+    const std::shared_ptr<DeferredStoredArray> deferred = pending->second;
     // Decoded without the lock: other keys stay readable and writable meanwhile.
+    lock.unlock();
     const StoredArray& stored =
         deferred->decoded([this](const std::string& line) { report(line); });
-    std::lock_guard<std::mutex> guard(mutex_);
+    lock.lock();
     if (auto pending = deferredArrays_.find(key);
         pending != deferredArrays_.end() && pending->second == deferred) {
       deferredArrays_.erase(pending);
@@ -111,10 +117,11 @@ class SqliteKeyValueStore final : public KeyValueStore {
   std::vector<std::string> keys() const override {
     std::lock_guard<std::mutex> guard(mutex_);
     std::vector<std::string> out;
-    out.reserve(values_.size() + deferredArrays_.size());
+    out.reserve(values_.size() + deferredArrays_.size() + unreadArrayKeys_.size());
     for (const auto& [key, value] : values_) out.push_back(key);
     // Listed before they are decoded, even one whose every element turns out unreadable.
     for (const auto& [key, deferred] : deferredArrays_) out.push_back(key);
+    out.insert(out.end(), unreadArrayKeys_.begin(), unreadArrayKeys_.end());
     std::sort(out.begin(), out.end());
     return out;
   }
@@ -155,6 +162,10 @@ class SqliteKeyValueStore final : public KeyValueStore {
     if (auto pending = deferredArrays_.find(key); pending != deferredArrays_.end()) {
       deferredArrays_.erase(pending);
     }
+    if (auto unread = unreadArrayKeys_.find(key); unread != unreadArrayKeys_.end()) {
+      unreadArrayKeys_.erase(unread);
+      arrayRowsPublished_.notify_all();  // a reader waiting for it has its answer now
+    }
     if (value) {
       values_.insert_or_assign(std::string(key), value);
     } else if (auto it = values_.find(key); it != values_.end()) {
@@ -177,9 +188,9 @@ class SqliteKeyValueStore final : public KeyValueStore {
   }
 
   void runWriter() {
-    checkFileStructure();
+    startUp();
     std::unique_lock<std::mutex> lock(mutex_);
-    lastSettled_ = std::max(lastSettled_, kStructureChecked);
+    lastSettled_ = std::max(lastSettled_, kStartedUp);
     progress_.notify_all();
     for (;;) {
       waitForWork(lock);
@@ -224,16 +235,41 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
   }
 
-  // Writer thread, before its first commit. A file that is not sound is repaired and the store
-  // goes on with the repaired file; what readers already have stays in memory.
-  void checkFileStructure() {
-    std::string finding;
-    const int rc = checkSuiteStructure(db_.get(), finding);
-    // Anything but damage (another process holding the file) leaves the check to the next open.
-    if (!isDamageCode(rc)) return;
+  // Writer thread, before its first commit: the arrays' rows for readers and for writing, and
+  // the check of the file's structure. A damaged file is repaired and the store goes on with
+  // the repaired file; what readers already have stays in memory. Rows that cannot be read
+  // for any other reason leave the store unable to write: nothing is written over rows it
+  // never read, and the next launch reads them again.
+  void startUp() {
+    std::string damage;
+    if (!writerHasArrayRows_) {
+      DeferredArrays arrays;
+      const int rc = readArrayRows(db_.get(), reportPrefix_, arrays);
+      if (rc == SQLITE_OK) {
+        publishArrayRows(std::move(arrays));
+      } else if (isDamageCode(rc)) {
+        damage = sqlite3_errmsg(db_.get());
+      } else {
+        report(reportPrefix_ + "cannot read " + file_.string() + ": " + sqlite3_errmsg(db_.get()));
+      }
+    }
+    if (damage.empty() && writerHasArrayRows_) {
+      std::string finding;
+      if (isDamageCode(checkSuiteStructure(db_.get(), finding))) damage = std::move(finding);
+    }
+    if (!damage.empty()) repairFile(damage);
+    if (!writerHasArrayRows_) {
+      report(reportPrefix_ + "its arrays read as absent and nothing is written to " +
+             file_.string() + " until the next launch");
+      publishArrayRows({});
+      arraysUnread_ = true;
+    }
+  }
+
+  void repairFile(const std::string& damage) {
     statements_ = {};
     db_.reset();
-    SuiteRepair repair = repairDamagedSuite(file_, reportPrefix_, finding, vfsName());
+    SuiteRepair repair = repairDamagedSuite(file_, reportPrefix_, damage, vfsName());
     report(repair.report);
     if (reopen() && repair.replaced) {
       // Reported through the SDK's error reporting once a manager reads it (Engine.cc).
@@ -241,12 +277,13 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
   }
 
-  // Writer thread: a connection to the file as it now is, after a repair replaced it. False
-  // (with a line) when it cannot be opened; commits then fail and try again.
+  // Writer thread: a connection to the file as it now is, after a repair replaced it, with the
+  // arrays' rows. False (with a line) when it cannot be opened; commits then fail and try again.
   bool reopen() {
     std::vector<std::string> problems;
-    SuiteLoad load = loadSuiteFile(file_, reportPrefix_, vfsName(),
-                                   std::chrono::milliseconds(kCommitBusyTimeoutMs), problems);
+    SuiteLoad load =
+        loadSuiteFile(file_, reportPrefix_, vfsName(),
+                      std::chrono::milliseconds(kCommitBusyTimeoutMs), problems, ArrayRows::kRead);
     for (const std::string& problem : problems) report(problem);
     if (!load.loaded) {
       report(load.error);
@@ -254,9 +291,24 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
     db_ = std::move(load.loaded->db);
     statements_ = std::move(load.loaded->statements);
-    storedArrays_.clear();
-    undecodedArrays_ = std::move(load.loaded->arrays);
+    publishArrayRows(std::move(load.loaded->arrays));
     return true;
+  }
+
+  // Writer thread: the arrays' rows as the file now holds them, for writing and, while readers
+  // wait for them, for reading. Readers that already have them keep what they have.
+  void publishArrayRows(DeferredArrays arrays) {
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      for (const auto& [key, deferred] : arrays) {
+        if (unreadArrayKeys_.contains(key)) deferredArrays_.insert_or_assign(key, deferred);
+      }
+      unreadArrayKeys_.clear();
+    }
+    arrayRowsPublished_.notify_all();
+    undecodedArrays_ = std::move(arrays);
+    storedArrays_.clear();
+    writerHasArrayRows_ = true;
   }
 
   const char* vfsName() const { return vfs_.empty() ? nullptr : vfs_.c_str(); }
@@ -268,6 +320,11 @@ class SqliteKeyValueStore final : public KeyValueStore {
     if (!db_ && !reopen()) {
       outcome.code = SQLITE_CANTOPEN;
       outcome.error = "the repaired file cannot be opened";
+      return outcome;
+    }
+    if (arraysUnread_) {
+      outcome.code = SQLITE_IOERR_READ;
+      outcome.error = "its arrays could not be read, so nothing is written over them";
       return outcome;
     }
     // The transaction commits all or nothing, so only each key's last write matters.
@@ -415,9 +472,14 @@ class SqliteKeyValueStore final : public KeyValueStore {
   // The statements go before the connection closes (members die in reverse order).
   Database db_;
   SuiteStatements statements_;
-  // Writer thread only, like failures_ and backoff_. An array is in one or the other.
+  // Writer thread only, like failures_ and backoff_. An array is in one or the other, once
+  // writerHasArrayRows_.
   StoredArrays storedArrays_;
   DeferredArrays undecodedArrays_;
+  bool writerHasArrayRows_ = false;
+  // Readers were told the arrays are absent because their rows could not be read: for the
+  // rest of this store's life nothing is written, not even after a later reopen.
+  bool arraysUnread_ = false;
   CommitFailureLog failures_;
   const std::chrono::milliseconds firstRetryDelay_;
   RetryBackoff backoff_;
@@ -429,10 +491,13 @@ class SqliteKeyValueStore final : public KeyValueStore {
   // filled by const reads.
   mutable SuiteValues values_;
   mutable DeferredArrays deferredArrays_;
+  // Arrays named at open whose rows the writer has not read yet, less those written since.
+  std::set<std::string, std::less<>> unreadArrayKeys_;
+  mutable std::condition_variable arrayRowsPublished_;
   std::deque<Write> pending_;
-  // Sequence 1 is the check of the file's structure, so synchronize() also waits for it.
-  static constexpr uint64_t kStructureChecked = 1;
-  uint64_t lastEnqueued_ = kStructureChecked;
+  // Sequence 1 is the writer's start-up (startUp()), so synchronize() also waits for it.
+  static constexpr uint64_t kStartedUp = 1;
+  uint64_t lastEnqueued_ = kStartedUp;
   // Every write numbered up to here is on disk (or was refused by the encoder).
   uint64_t lastSettled_ = 0;
   uint64_t failedAttempts_ = 0;
@@ -471,14 +536,16 @@ std::shared_ptr<KeyValueStore> openSqliteSuite(const std::filesystem::path& file
   if (isWriteAheadLogDamaged(withSuffix(file, "-wal"))) {
     damage = "its write-ahead log is damaged";
   } else {
-    SuiteLoad load = loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems);
+    SuiteLoad load =
+        loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems, ArrayRows::kNamed);
     if (load.loaded || !isDamageCode(load.code)) return open(std::move(load));
     damage = std::move(load.detail);
   }
   SuiteRepair repair = repairDamagedSuite(file, prefix, damage, vfs);
   problems.push_back(repair.report);
   if (!repair.replaced) return nullptr;
-  auto store = open(loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems));
+  auto store = open(
+      loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems, ArrayRows::kNamed));
   if (store) store->set(kStoreRepairNoteKey, PlistValue(std::move(repair.report)));
   return store;
 }

@@ -65,11 +65,20 @@ int loadEntries(sqlite3* db, const std::string& prefix, SuiteValues& values,
   return step == SQLITE_DONE ? SQLITE_OK : sqlite3_extended_errcode(db);
 }
 
-// The arrays kept element by element, their rows as they are. The rows win over a stale
-// single-row value under the same key; the next write of the key removes whichever is out of
-// date.
-int loadArrays(sqlite3* db, const std::string& prefix, SuiteValues& values,
-               DeferredArrays& arrays) {
+// The keys of the arrays kept element by element, from the table's index alone.
+int loadArrayKeys(sqlite3* db, std::vector<std::string>& keys) {
+  Statement select = prepareStatement(db, "SELECT DISTINCT key FROM array_elements");
+  if (!select) return sqlite3_extended_errcode(db);
+  int step;
+  while ((step = sqlite3_step(select.get())) == SQLITE_ROW) {
+    keys.push_back(columnKey(select.get(), 0));
+  }
+  return step == SQLITE_DONE ? SQLITE_OK : sqlite3_extended_errcode(db);
+}
+
+}  // namespace
+
+int readArrayRows(sqlite3* db, const std::string& reportPrefix, DeferredArrays& arrays) {
   Statement select = prepareStatement(
       db, "SELECT key, position, value FROM array_elements ORDER BY key, position");
   if (!select) return sqlite3_extended_errcode(db);
@@ -77,9 +86,8 @@ int loadArrays(sqlite3* db, const std::string& prefix, SuiteValues& values,
   std::vector<DeferredStoredArray::Row> rows;
   auto finishKey = [&] {
     if (!key) return;
-    values.erase(*key);
-    arrays.insert_or_assign(*key,
-                            std::make_shared<DeferredStoredArray>(*key, prefix, std::move(rows)));
+    arrays.insert_or_assign(
+        *key, std::make_shared<DeferredStoredArray>(*key, reportPrefix, std::move(rows)));
     rows = {};
   };
   int step;
@@ -96,11 +104,9 @@ int loadArrays(sqlite3* db, const std::string& prefix, SuiteValues& values,
   return step == SQLITE_DONE ? SQLITE_OK : sqlite3_extended_errcode(db);
 }
 
-}  // namespace
-
 SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& reportPrefix,
                         const char* vfs, std::chrono::milliseconds busyTimeout,
-                        std::vector<std::string>& problems) {
+                        std::vector<std::string>& problems, ArrayRows arrayRows) {
   SuiteLoad result;
   sqlite3* raw = nullptr;
   const int opened = sqlite3_open_v2(
@@ -151,11 +157,17 @@ SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& re
   if (rc != SQLITE_OK) return fail("cannot prepare", rc);
 
   SuiteValues values;
+  std::vector<std::string> arrayKeys;
   DeferredArrays arrays;
   if ((rc = loadEntries(raw, reportPrefix, values, problems)) != SQLITE_OK ||
-      (rc = loadArrays(raw, reportPrefix, values, arrays)) != SQLITE_OK) {
+      (rc = loadArrayKeys(raw, arrayKeys)) != SQLITE_OK ||
+      (arrayRows == ArrayRows::kRead &&
+       (rc = readArrayRows(raw, reportPrefix, arrays)) != SQLITE_OK)) {
     return fail("cannot read", rc);
   }
+  // The rows win over a stale single-row value under the same key; the next write of the key
+  // removes whichever is out of date.
+  for (const std::string& key : arrayKeys) values.erase(key);
 
   SuiteStatements statements{
       prepareStatement(raw, "INSERT OR REPLACE INTO entries (key, value) VALUES (?1, ?2)"),
@@ -171,7 +183,8 @@ SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& re
   }
   sqlite3_busy_timeout(raw, kCommitBusyTimeoutMs);
   result.loaded =
-      LoadedSuite{std::move(db), std::move(statements), std::move(values), std::move(arrays)};
+      LoadedSuite{std::move(db),        std::move(statements),         std::move(values),
+                  std::move(arrayKeys), arrayRows == ArrayRows::kRead, std::move(arrays)};
   return result;
 }
 

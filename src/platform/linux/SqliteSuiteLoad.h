@@ -1,8 +1,9 @@
 // File: SqliteSuiteLoad.h
 // Reading a suite file into memory at open: its connection set up for writing, every
-// single-row value decoded, the arrays kept element by element read row by row (decoded when
-// first needed, DeferredStoredArray.h). The check of the file's structure, which finds damage
-// before anything is written over it, is the store's to run.
+// single-row value decoded, the arrays kept element by element named (their rows read at open
+// or by the store's writer, and decoded when first needed: DeferredStoredArray.h). The check of
+// the file's structure, which finds damage before anything is written over it, is the store's
+// to run.
 #pragma once
 
 #include <chrono>
@@ -46,8 +47,10 @@ struct LoadedSuite {
   // The statements go before the connection closes (members die in reverse order).
   Database db;
   SuiteStatements statements;
-  SuiteValues values;  // without the arrays kept element by element
-  DeferredArrays arrays;
+  SuiteValues values;                  // without the arrays kept element by element
+  std::vector<std::string> arrayKeys;  // those arrays
+  bool arrayRowsRead = false;
+  DeferredArrays arrays;  // their rows, when read
 };
 
 struct SuiteLoad {
@@ -64,12 +67,19 @@ struct SuiteLoad {
 // more, a few hundred microseconds for a queue of 100 records.
 int checkSuiteStructure(sqlite3* db, std::string& finding);
 
+// Reads the rows of every array kept element by element, not yet decoded.
+int readArrayRows(sqlite3* db, const std::string& reportPrefix, DeferredArrays& arrays);
+
+// Whether opening reads the arrays' rows, or only names the arrays (the store's writer then
+// reads their rows, off the opening thread).
+enum class ArrayRows { kRead, kNamed };
+
 // Opens (creating when missing) and reads `file`. Single-row values that cannot be decoded are
 // skipped, each with a line in `problems` (array elements say so when they are decoded); a file
 // that a read finds damaged comes back unloaded with a damage code (isDamageCode) rather than
 // partly read.
 SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& reportPrefix,
                         const char* vfs, std::chrono::milliseconds busyTimeout,
-                        std::vector<std::string>& problems);
+                        std::vector<std::string>& problems, ArrayRows arrayRows);
 
 }  // namespace orvane
