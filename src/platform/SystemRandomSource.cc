@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <random>
 
 #include "orvane/platform/RandomSource.h"
@@ -47,8 +48,6 @@ std::mt19937_64 seededEngine() {
 
 class SystemRandomSource : public RandomSource {
  public:
-  SystemRandomSource() : engine_(seededEngine()) {}
-
   // Both draws cover the closed interval: every multiple of 2^-bits from 0 to 1 inclusive is
   // equally likely, so a rate of exactly 1 can still fail one draw in 2^bits + 1.
   float uniformFloat() override {
@@ -65,12 +64,16 @@ class SystemRandomSource : public RandomSource {
     // Unsigned arithmetic keeps the full int64 range well defined.
     const uint64_t span = static_cast<uint64_t>(upper) - static_cast<uint64_t>(lower);
     std::lock_guard<std::mutex> guard(mutex_);
-    if (span == std::numeric_limits<uint64_t>::max()) return static_cast<int64_t>(engine_());
+    // Seeded at the first draw: seeding costs tens of microseconds, and making the platform
+    // happens on the host's thread at start, long before the first sampling decision.
+    if (!engine_) engine_ = seededEngine();
+    std::mt19937_64& engine = *engine_;
+    if (span == std::numeric_limits<uint64_t>::max()) return static_cast<int64_t>(engine());
     const uint64_t count = span + 1;
     // Draws below 2^64 mod count would favour the low results; reject them.
     const uint64_t threshold = (0 - count) % count;
     while (true) {
-      const uint64_t r = engine_();
+      const uint64_t r = engine();
       if (r >= threshold) return static_cast<int64_t>(static_cast<uint64_t>(lower) + r % count);
     }
   }
@@ -79,7 +82,7 @@ class SystemRandomSource : public RandomSource {
 
  private:
   std::mutex mutex_;
-  std::mt19937_64 engine_;
+  std::optional<std::mt19937_64> engine_;
 };
 
 }  // namespace

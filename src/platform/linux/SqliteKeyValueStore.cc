@@ -53,7 +53,7 @@ class SqliteKeyValueStore final : public KeyValueStore {
         firstRetryDelay_(options.firstRetryDelay),
         backoff_(options.firstRetryDelay, options.retryDelayCap),
         values_(std::move(loaded.values)) {
-    if (loaded.arrayRowsRead) {
+    if (loaded.full) {
       undecodedArrays_ = loaded.arrays;
       deferredArrays_ = std::move(loaded.arrays);
       writerHasArrayRows_ = true;
@@ -264,6 +264,19 @@ class SqliteKeyValueStore final : public KeyValueStore {
       publishArrayRows({});
       arraysUnread_ = true;
     }
+    // After the rows, which readers may be waiting for.
+    if (db_ && !statements_.upsert) prepareForWriting();
+  }
+
+  // Writer thread: a connection opened for reading becomes the writer's. A failure leaves
+  // commits failing (and trying this again) rather than the store unusable.
+  int prepareForWriting() {
+    const int rc = prepareSuiteWriting(db_.get(), statements_);
+    if (rc != SQLITE_OK) {
+      report(reportPrefix_ + "cannot prepare " + file_.string() +
+             " for writing: " + sqlite3_errstr(rc));
+    }
+    return rc;
   }
 
   void repairFile(const std::string& damage) {
@@ -281,9 +294,9 @@ class SqliteKeyValueStore final : public KeyValueStore {
   // arrays' rows. False (with a line) when it cannot be opened; commits then fail and try again.
   bool reopen() {
     std::vector<std::string> problems;
-    SuiteLoad load =
-        loadSuiteFile(file_, reportPrefix_, vfsName(),
-                      std::chrono::milliseconds(kCommitBusyTimeoutMs), problems, ArrayRows::kRead);
+    SuiteLoad load = loadSuiteFile(file_, reportPrefix_, vfsName(),
+                                   std::chrono::milliseconds(kCommitBusyTimeoutMs), problems,
+                                   SuiteLoadDepth::kFull);
     for (const std::string& problem : problems) report(problem);
     if (!load.loaded) {
       report(load.error);
@@ -321,6 +334,13 @@ class SqliteKeyValueStore final : public KeyValueStore {
       outcome.code = SQLITE_CANTOPEN;
       outcome.error = "the repaired file cannot be opened";
       return outcome;
+    }
+    if (!statements_.upsert) {
+      if (const int rc = prepareForWriting(); rc != SQLITE_OK) {
+        outcome.code = rc;
+        outcome.error = sqlite3_errstr(rc);
+        return outcome;
+      }
     }
     if (arraysUnread_) {
       outcome.code = SQLITE_IOERR_READ;
@@ -536,16 +556,16 @@ std::shared_ptr<KeyValueStore> openSqliteSuite(const std::filesystem::path& file
   if (isWriteAheadLogDamaged(withSuffix(file, "-wal"))) {
     damage = "its write-ahead log is damaged";
   } else {
-    SuiteLoad load =
-        loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems, ArrayRows::kNamed);
+    SuiteLoad load = loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems,
+                                   SuiteLoadDepth::kOpening);
     if (load.loaded || !isDamageCode(load.code)) return open(std::move(load));
     damage = std::move(load.detail);
   }
   SuiteRepair repair = repairDamagedSuite(file, prefix, damage, vfs);
   problems.push_back(repair.report);
   if (!repair.replaced) return nullptr;
-  auto store = open(
-      loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems, ArrayRows::kNamed));
+  auto store = open(loadSuiteFile(file, prefix, vfs, options.openingBusyTimeout, problems,
+                                  SuiteLoadDepth::kOpening));
   if (store) store->set(kStoreRepairNoteKey, PlistValue(std::move(repair.report)));
   return store;
 }

@@ -106,7 +106,7 @@ int readArrayRows(sqlite3* db, const std::string& reportPrefix, DeferredArrays& 
 
 SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& reportPrefix,
                         const char* vfs, std::chrono::milliseconds busyTimeout,
-                        std::vector<std::string>& problems, ArrayRows arrayRows) {
+                        std::vector<std::string>& problems, SuiteLoadDepth depth) {
   SuiteLoad result;
   sqlite3* raw = nullptr;
   const int opened = sqlite3_open_v2(
@@ -151,8 +151,7 @@ SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& re
     }
     sqlite3_busy_timeout(raw, static_cast<int>(busyTimeout.count()));
   }
-  int rc = tuneSuiteWriting(raw);
-  if (rc == SQLITE_OK) rc = executeStatement(raw, kCreateEntriesTable);
+  int rc = executeStatement(raw, kCreateEntriesTable);
   if (rc == SQLITE_OK) rc = executeStatement(raw, kCreateArrayElementsTable);
   if (rc != SQLITE_OK) return fail("cannot prepare", rc);
 
@@ -161,7 +160,7 @@ SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& re
   DeferredArrays arrays;
   if ((rc = loadEntries(raw, reportPrefix, values, problems)) != SQLITE_OK ||
       (rc = loadArrayKeys(raw, arrayKeys)) != SQLITE_OK ||
-      (arrayRows == ArrayRows::kRead &&
+      (depth == SuiteLoadDepth::kFull &&
        (rc = readArrayRows(raw, reportPrefix, arrays)) != SQLITE_OK)) {
     return fail("cannot read", rc);
   }
@@ -169,23 +168,35 @@ SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& re
   // removes whichever is out of date.
   for (const std::string& key : arrayKeys) values.erase(key);
 
-  SuiteStatements statements{
-      prepareStatement(raw, "INSERT OR REPLACE INTO entries (key, value) VALUES (?1, ?2)"),
-      prepareStatement(raw, "DELETE FROM entries WHERE key = ?1"),
-      prepareStatement(raw,
-                       "INSERT INTO array_elements (key, position, value) VALUES (?1, ?2, ?3)"),
-      prepareStatement(raw, "DELETE FROM array_elements WHERE key = ?1 AND position = ?2"),
-      prepareStatement(raw, "DELETE FROM array_elements WHERE key = ?1"),
-  };
-  if (!statements.upsert || !statements.erase || !statements.insertElement ||
-      !statements.eraseElement || !statements.eraseElements) {
-    return fail("cannot prepare", sqlite3_extended_errcode(raw));
+  SuiteStatements statements;
+  if (depth == SuiteLoadDepth::kFull) {
+    if (const int prepared = prepareSuiteWriting(raw, statements); prepared != SQLITE_OK) {
+      return fail("cannot prepare", prepared);
+    }
   }
   sqlite3_busy_timeout(raw, kCommitBusyTimeoutMs);
   result.loaded =
-      LoadedSuite{std::move(db),        std::move(statements),         std::move(values),
-                  std::move(arrayKeys), arrayRows == ArrayRows::kRead, std::move(arrays)};
+      LoadedSuite{std::move(db),        std::move(statements),          std::move(values),
+                  std::move(arrayKeys), depth == SuiteLoadDepth::kFull, std::move(arrays)};
   return result;
+}
+
+int prepareSuiteWriting(sqlite3* db, SuiteStatements& statements) {
+  if (const int rc = tuneSuiteWriting(db); rc != SQLITE_OK) return rc;
+  statements = SuiteStatements{
+      prepareStatement(db, "INSERT OR REPLACE INTO entries (key, value) VALUES (?1, ?2)"),
+      prepareStatement(db, "DELETE FROM entries WHERE key = ?1"),
+      prepareStatement(db, "INSERT INTO array_elements (key, position, value) VALUES (?1, ?2, ?3)"),
+      prepareStatement(db, "DELETE FROM array_elements WHERE key = ?1 AND position = ?2"),
+      prepareStatement(db, "DELETE FROM array_elements WHERE key = ?1"),
+  };
+  if (!statements.upsert || !statements.erase || !statements.insertElement ||
+      !statements.eraseElement || !statements.eraseElements) {
+    const int rc = sqlite3_extended_errcode(db);
+    statements = {};
+    return rc == SQLITE_OK ? SQLITE_ERROR : rc;
+  }
+  return SQLITE_OK;
 }
 
 }  // namespace orvane

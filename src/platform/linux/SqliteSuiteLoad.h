@@ -46,11 +46,11 @@ struct SuiteStatements {
 struct LoadedSuite {
   // The statements go before the connection closes (members die in reverse order).
   Database db;
-  SuiteStatements statements;
+  SuiteStatements statements;          // prepared by a full load only
   SuiteValues values;                  // without the arrays kept element by element
   std::vector<std::string> arrayKeys;  // those arrays
-  bool arrayRowsRead = false;
-  DeferredArrays arrays;  // their rows, when read
+  bool full = false;                   // see SuiteLoadDepth
+  DeferredArrays arrays;               // their rows, by a full load only
 };
 
 struct SuiteLoad {
@@ -70,9 +70,13 @@ int checkSuiteStructure(sqlite3* db, std::string& finding);
 // Reads the rows of every array kept element by element, not yet decoded.
 int readArrayRows(sqlite3* db, const std::string& reportPrefix, DeferredArrays& arrays);
 
-// Whether opening reads the arrays' rows, or only names the arrays (the store's writer then
-// reads their rows, off the opening thread).
-enum class ArrayRows { kRead, kNamed };
+// What a load does. kOpening, on the thread that opens the suite, only what reading needs:
+// the single-row values and the arrays' names. The store's writer then reads the arrays' rows
+// and prepares the connection for writing (prepareSuiteWriting). kFull does everything.
+enum class SuiteLoadDepth { kOpening, kFull };
+
+// Tunes the connection for the writer and prepares its statements.
+int prepareSuiteWriting(sqlite3* db, SuiteStatements& statements);
 
 // Opens (creating when missing) and reads `file`. Single-row values that cannot be decoded are
 // skipped, each with a line in `problems` (array elements say so when they are decoded); a file
@@ -80,6 +84,6 @@ enum class ArrayRows { kRead, kNamed };
 // partly read.
 SuiteLoad loadSuiteFile(const std::filesystem::path& file, const std::string& reportPrefix,
                         const char* vfs, std::chrono::milliseconds busyTimeout,
-                        std::vector<std::string>& problems, ArrayRows arrayRows);
+                        std::vector<std::string>& problems, SuiteLoadDepth depth);
 
 }  // namespace orvane
