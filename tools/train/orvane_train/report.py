@@ -19,7 +19,7 @@ def flow_lines(result):
                      f"contexts, positive rate {_interval(h.model_rate)}; control rule "
                      f"{_interval(h.control_rate)}")
     if result.ships:
-        lines.append("  ships")
+        lines.append(f"  ships: {result.model_file}")
     else:
         lines.extend(f"  not shipped: {reason}" for reason in result.refused)
     return lines
@@ -48,6 +48,7 @@ def flow_json(result):
                           "shownPositives": h.shown_positives,
                           "positiveRateWhenShown": rate(h.model_rate),
                           "controlPositiveRate": rate(h.control_rate)}
+        out["modelFile"] = result.model_file
         out["inputs"] = result.table.names()
         out["notInputs"] = result.table.skipped
     return out

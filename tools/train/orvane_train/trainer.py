@@ -33,6 +33,8 @@ class FlowResult:
     model: object = None  # the fitted classifier
     holdout_rows: object = None  # (matrix, probabilities) for checks of the written file
     refused: list = field(default_factory=list)
+    contexts: list = field(default_factory=list)  # the shown contexts trained and held out
+    model_file: str = None  # relative to the output folder, once written and checked
 
     @property
     def ships(self):
@@ -54,7 +56,7 @@ def make_classifier(seed):
 
 def train_flow(flow, contexts, settings):
     shown = [c for c in contexts if c.shown]
-    result = FlowResult(flow, len(shown), len(contexts) - len(shown))
+    result = FlowResult(flow, len(shown), len(contexts) - len(shown), contexts=shown)
     positives = sum(c.positive for c in shown)
     if len(shown) < settings.min_contexts:
         result.refused.append(f"{len(shown)} shown contexts (need {settings.min_contexts})")
