@@ -105,11 +105,6 @@ class PayloadPartsTest(unittest.TestCase):
         self.assertEqual(model_file.supported_duration(records), 3)
         self.assertEqual(model_file.supported_duration([]), 0)
 
-    def test_rows_to_check_spread_over_the_holdout(self):
-        self.assertEqual(model_file.rows_to_check(3, 20), [0, 1, 2])
-        picked = model_file.rows_to_check(1000, 20)
-        self.assertEqual((len(picked), picked[0], picked[-1]), (20, 0, 999))
-
 
 if __name__ == "__main__":
     unittest.main()

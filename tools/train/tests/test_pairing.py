@@ -65,16 +65,6 @@ class PairingTest(unittest.TestCase):
         self.assertEqual(result.other_logs, 4)
         self.assertEqual(result.answers_without_context, 1)
 
-    def test_flows_are_kept_apart(self):
-        result = paired([log("a", "paywall", 1), log("b", "banner", -1), log("c", "banner", 1)])
-        self.assertEqual({f: (c.positive, c.negative) for f, c in result.flows.items()},
-                         {"paywall": (1, 0), "banner": (1, 1)})
-
-    def test_shown_reads_the_decision(self):
-        result = paired([log("a", "paywall", 1, shown=False), log("b", "paywall", 1)])
-        self.assertEqual({c.context_id: c.shown for c in result.contexts},
-                         {"a": False, "b": True})
-
 
 class ReadingTest(unittest.TestCase):
     def setUp(self):

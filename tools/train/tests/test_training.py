@@ -79,11 +79,6 @@ class TrainingTest(unittest.TestCase):
         self.assertEqual(h.contexts + result.train_contexts, 1500)
         self.assertIn("113", result.table.names())
 
-    def test_too_little_data_is_not_trained(self):
-        result = train(moments(150, seed=7, signal_strength=1.5))
-        self.assertFalse(result.ships)
-        self.assertIsNone(result.model)
-
     def test_only_shown_contexts_are_used(self):
         events = moments(600, seed=8, signal_strength=1.5)
         for event in events[:400]:
