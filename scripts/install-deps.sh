@@ -7,6 +7,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libssl-dev libsqlite3-dev zlib1g-dev nlohmann-json3-dev libcli11-dev
   libcurl4-openssl-dev libprotobuf-dev protobuf-compiler libcpp-httplib-dev libeigen3-dev
+  python3-numpy python3-sklearn python3-protobuf
 )
 
 missing=()

@@ -1,0 +1,1 @@
+"""orvane-train: per-flow models from the records the SDK uploads."""
