@@ -17,9 +17,9 @@
 #include <thread>
 #include <vector>
 
+#include "RealisticLog.h"
 #include "api/Engine.h"
 #include "logging/LogDictionaries.h"
-#include "logging/LogEncoder.h"
 #include "logging/OrvaneLogSender.h"
 #include "orvane/Log.h"
 #include "util/UserDefaultsProvider.h"
@@ -29,22 +29,9 @@ namespace {
 using namespace orvane;
 using Clock = std::chrono::steady_clock;
 
-// A record about the size of a real one: ~420 signals of every kind.
+// A queued record about the size of a real one.
 PlistDictionary queuedRecord(Engine& manager, int serial) {
-  SignalList signals;
-  for (const SignalEnum id : SignalEnum::allCases()) {
-    if (signals.size() == 420) break;
-    const uint16_t raw = id.rawValue();
-    if (raw % 7 == 0) {
-      signals.push_back(SignalString(id, "value-" + std::to_string(raw + serial)));
-    } else if (raw % 5 == 0) {
-      signals.push_back(SignalInt(id, raw * 1000 + serial));
-    } else {
-      signals.push_back(SignalFloat(id, static_cast<float>(raw) / 7.0f + serial));
-    }
-  }
-  auto encoded = manager.logEncoder().encodeLog(signals, {}, {});
-  return rawDictionaryWithStaticColumns(Log(signals, {}, {}, {}, encoded ? *encoded : Bytes{}));
+  return rawDictionaryWithStaticColumns(bench::realisticLog(manager, serial));
 }
 
 double threadCpuMicros() {

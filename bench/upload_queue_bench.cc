@@ -11,9 +11,9 @@
 #include <memory>
 #include <string>
 
+#include "RealisticLog.h"
 #include "api/Engine.h"
 #include "logging/LogDictionaries.h"
-#include "logging/LogEncoder.h"
 #include "logging/OrvaneLogSender.h"
 #include "orvane/Log.h"
 #include "orvane/platform/Platform.h"
@@ -24,25 +24,7 @@ namespace {
 
 using namespace orvane;
 
-// A log about the size of a real one: ~420 signals of every kind.
-Log realisticLog(Engine& manager, int serial) {
-  SignalList signals;
-  for (const SignalEnum id : SignalEnum::allCases()) {
-    if (signals.size() == 420) break;
-    const uint16_t raw = id.rawValue();
-    if (raw % 7 == 0) {
-      signals.push_back(SignalString(id, "value-" + std::to_string(raw + serial)));
-    } else if (raw % 5 == 0) {
-      signals.push_back(SignalInt(id, raw * 1000 + serial));
-    } else {
-      signals.push_back(SignalFloat(id, static_cast<float>(raw) / 7.0f + serial));
-    }
-  }
-  signals.push_back(SignalString(SignalEnum::id(8), "log-" + std::to_string(serial)));
-  const CustomSignalList custom{CustomSignalString("plan", "pro")};
-  auto encoded = manager.logEncoder().encodeLog(signals, custom, {});
-  return Log(signals, custom, {}, {}, encoded ? *encoded : Bytes{});
-}
+using bench::realisticLog;
 
 // Bytes this process has caused to be written to storage so far.
 double bytesWrittenSoFar() {
