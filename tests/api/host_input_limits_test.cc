@@ -2,6 +2,7 @@
 // bounds with one line each, and the request is still answered.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "api/Engine.h"
@@ -75,6 +76,27 @@ TEST_F(HostInputLimitsTest, RunawayRequestIsCutAndStillAnswered) {
   EXPECT_EQ(linesContaining("exceeds the maximum allowed length of 500 characters."), 1u);
   EXPECT_EQ(linesContaining("[Orvane] The text of custom signal \"plan\" is 100000 bytes"), 1u);
   EXPECT_EQ(linesContaining("[Orvane] The custom signal id \"iii"), 1u);
+}
+
+TEST_F(HostInputLimitsTest, RunawayTrackedEventIsCutAndStillRecorded) {
+  const std::string hugeName = "checkout-" + std::string(1 << 20, 'e');
+  CustomSignalList signals;
+  for (int i = 0; i < 10'000; ++i) signals.push_back(CustomSignalInt("s" + std::to_string(i), i));
+
+  manager.recordTrackedEvent(hugeName, signals, EventType::kPageView);
+  fake.drain();
+
+  auto sent = logs.take();
+  ASSERT_EQ(sent.size(), 1u);
+  const SignalList& recorded = sent[0]->signals();
+  const auto name = std::find_if(recorded.begin(), recorded.end(),
+                                 [](const Signal& s) { return s.id() == SignalEnum::id(20); });
+  ASSERT_NE(name, recorded.end());
+  EXPECT_EQ(std::get<std::string>(name->value()),
+            hugeName.substr(0, Limits::kMaximumFlowNameBytes));
+  EXPECT_EQ(sent[0]->customSignals().size(), Limits::kMaximumCustomSignals);
+  EXPECT_EQ(linesContaining("[Orvane] The event name \"checkout-eee"), 1u);
+  EXPECT_EQ(linesContaining("10000 custom signals were passed"), 1u);
 }
 
 TEST_F(HostInputLimitsTest, InputWithinBoundsPassesUntouched) {

@@ -32,6 +32,7 @@ struct HostRun {
   pid_t pid = 0;
   std::chrono::steady_clock::time_point started;
   std::string description;
+  int slot = 0;  // data folder; two runs never share one, each reuses its folder's last data
 };
 
 pid_t spawnHost(const std::string& dataDir, long delayMicros, bool fromThread) {
@@ -107,7 +108,7 @@ TEST(ExitAtAnyMoment, NoRunEndsBySignal) {
 
   while (started < kRuns || !running.empty()) {
     while (started < kRuns && running.size() < 2) {
-      const int slot = started % 2;
+      const int slot = !running.empty() && running.front().slot == 0 ? 1 : 0;
       const bool fromThread = started % 3 == 2;
       const long delay = started % 10 == 0 ? startupDelay(random) : busyDelay(random);
       HostRun run;
@@ -116,6 +117,7 @@ TEST(ExitAtAnyMoment, NoRunEndsBySignal) {
       run.pid = spawnHost((root / ("slot" + std::to_string(slot))).string(), delay, fromThread);
       ASSERT_GT(run.pid, 0) << "cannot start " << ORVANE_EXIT_HOST;
       run.started = std::chrono::steady_clock::now();
+      run.slot = slot;
       running.push_back(run);
       ++started;
     }
