@@ -13,6 +13,9 @@ prefix="$work/prefix"
 
 cmake --install "$build" --prefix "$prefix" > "$work/install.log"
 echo "installed into a temporary prefix: $(find "$prefix" -type f | wc -l) files"
+for shipped in share/orvane/Orvane.bundle share/orvane/PrivacyInfo.xcprivacy; do
+  [ -e "$prefix/$shipped" ] || { echo "not installed: $shipped" >&2; exit 1; }
+done
 libdir=$(dirname "$(find "$prefix" -name orvane.pc | head -1)")/..
 shared=no
 if ls "$libdir"/liborvane.so* > /dev/null 2>&1; then shared=yes; fi
