@@ -420,6 +420,21 @@ ORVANE_API char* orvane_context_uuid(const orvane_context* context);
 /* The integration report, one finding per line. Caller-owned; NULL for NULL. */
 ORVANE_API char* orvane_context_validate(const orvane_context* context);
 
+/* What the SDK recorded. The signal lists are JSON arrays, caller-owned (NULL for NULL), of
+ * {"id", "type", "value"} objects in the record's order, where an id may repeat: built-in
+ * signals have numeric ids, custom signals and metadata text ids; "type" is "bool", "int",
+ * "float", "decimal" or "string"; decimals are text ("4.99"), non-finite floats "NaN",
+ * "Infinity" or "-Infinity". */
+ORVANE_API char* orvane_context_signals_json(const orvane_context* context);
+ORVANE_API char* orvane_context_outcome_metadata_json(const orvane_context* context);
+/* The numbers set `*has_value` (when not NULL) to whether there is one: false, and 0
+ * returned, for NULL. */
+/* -3 unsupported device, -1 no, 1 yes. */
+ORVANE_API int32_t orvane_context_model_result(const orvane_context* context, bool* has_value);
+/* Seconds from creation to the decision. */
+ORVANE_API double orvane_context_seconds_between_created_and_should_upsell_checked(
+    const orvane_context* context, bool* has_value);
+
 /* Sends a record of `outcome`; every call sends a new record. An outcome outside -3...4 is
  * logged and ignored, as by the forms below. */
 ORVANE_API void orvane_context_log(orvane_context* context, orvane_event_outcome outcome);
@@ -478,6 +493,12 @@ ORVANE_API char* orvane_log_flow_name(const orvane_log* log);
 ORVANE_API char* orvane_log_json(const orvane_log* log);
 /* The encoded record as one base64 text. */
 ORVANE_API char* orvane_log_base64(const orvane_log* log);
+/* The record's signal lists, as JSON arrays in the form orvane_context_signals_json
+ * describes. Caller-owned; NULL for NULL. */
+ORVANE_API char* orvane_log_signals_json(const orvane_log* log);
+ORVANE_API char* orvane_log_custom_signals_json(const orvane_log* log);
+ORVANE_API char* orvane_log_global_signals_json(const orvane_log* log);
+ORVANE_API char* orvane_log_outcome_metadata_json(const orvane_log* log);
 /* Queues the record for upload, as the default log sender does. */
 ORVANE_API void orvane_log_send(orvane_log* log);
 

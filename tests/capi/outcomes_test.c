@@ -94,13 +94,19 @@ static void test_outcomes_reach_the_sender_as_logged(void) {
 /* The sender's other forms of the same record, read while the log is lent to it. */
 static char* lent_json = NULL;
 static char* lent_base64 = NULL;
+static char* lent_custom = NULL;
+static char* lent_global = NULL;
 static void keep_forms(orvane_log* log, void* user_data) {
   (void)user_data;
   capture_log(log, NULL);
   free(lent_json);
   free(lent_base64);
+  free(lent_custom);
+  free(lent_global);
   lent_json = orvane_log_json(log);
   lent_base64 = orvane_log_base64(log);
+  lent_custom = orvane_log_custom_signals_json(log);
+  lent_global = orvane_log_global_signals_json(log);
 }
 
 static int sender_releases = 0;
@@ -111,18 +117,79 @@ static void count_release(void* user_data) {
 
 static void test_a_replaced_sender_releases_its_data_and_the_log_has_its_encoded_forms(void) {
   char pieces[32];
+  orvane_custom_signal list[2];
+  list[0] = signal_text("price", ORVANE_CUSTOM_SIGNAL_DECIMAL, "4.990");
+  list[1] = signal_bool("price", false); /* a repeated id is kept, in order */
   orvane_set_log_sender(keep_forms, NULL, count_release);
   CHECK_NUMBER(sender_releases, 0);
-  orvane_context_release(orvane_instant_context("encoded_flow", 1, NULL, 0));
+  orvane_context_release(orvane_instant_context("encoded_flow", 1, list, 2));
   CHECK(json_is_valid(lent_json));
   CHECK(json_member(lent_json, "ctx_400", pieces, sizeof pieces) && atoi(pieces) > 0);
   CHECK(lent_base64 != NULL && strlen(lent_base64) > 16);
+  CHECK_TEXT(lent_custom,
+             "[{\"id\":\"price\",\"type\":\"decimal\",\"value\":\"4.99\"},"
+             "{\"id\":\"price\",\"type\":\"bool\",\"value\":false}]");
+  CHECK_TEXT(lent_global, "[]");
   /* Back to the plain capture: the previous sender's data is released. */
   orvane_set_log_sender(capture_log, NULL, NULL);
   CHECK_NUMBER(sender_releases, 1);
   free(lent_json);
   free(lent_base64);
-  lent_json = lent_base64 = NULL;
+  free(lent_custom);
+  free(lent_global);
+  lent_json = lent_base64 = lent_custom = lent_global = NULL;
+}
+
+/* A built-in signal's entry in a signal list, as written: {"id":20,"type":"string",...}. */
+static bool has_signal(const char* list, int id, const char* type, const char* value) {
+  char entry[512], expected[512];
+  size_t i;
+  snprintf(expected, sizeof expected, "{\"id\":%d,\"type\":\"%s\",\"value\":%s}", id, type, value);
+  for (i = 0; json_element(list, i, entry, sizeof entry); ++i) {
+    if (strcmp(entry, expected) == 0) return true;
+  }
+  return false;
+}
+
+static void test_a_context_reads_back_what_it_recorded(void) {
+  orvane_context* context = orvane_instant_context("readback_flow", 1, NULL, 0);
+  orvane_custom_signal metadata[3];
+  bool has_value = false;
+  char* uuid = orvane_context_uuid(context);
+  char quoted_uuid[128];
+  char* list = orvane_context_signals_json(context);
+  double seconds;
+  if (!CHECK(context != NULL && uuid != NULL)) return;
+  snprintf(quoted_uuid, sizeof quoted_uuid, "\"%s\"", uuid);
+  CHECK(has_signal(list, 20, "string", "\"readback_flow\""));
+  CHECK(has_signal(list, 29, "string", quoted_uuid));
+  /* No model: the control rule says yes, and the record says so too. */
+  CHECK_NUMBER(orvane_context_model_result(context, &has_value), 1);
+  CHECK(has_value);
+  CHECK(has_signal(list, 11, "int", "1"));
+  CHECK(has_signal(list, 12, "bool", "true"));
+  has_value = false;
+  seconds = orvane_context_seconds_between_created_and_should_upsell_checked(context, &has_value);
+  CHECK(has_value && seconds >= 0 && seconds < 5);
+  CHECK(orvane_context_model_result(context, NULL) == 1); /* the out-parameter is optional */
+  orvane_string_free(list);
+
+  list = orvane_context_outcome_metadata_json(context);
+  CHECK_TEXT(list, "[]");
+  orvane_string_free(list);
+  metadata[0] = signal_text("screen", ORVANE_CUSTOM_SIGNAL_STRING, "first");
+  metadata[1] = signal_text("discount", ORVANE_CUSTOM_SIGNAL_DECIMAL, "0.50");
+  metadata[2] = signal_text("screen", ORVANE_CUSTOM_SIGNAL_STRING, "second");
+  /* A later entry of the same id replaces the earlier one and goes to the end. */
+  orvane_context_append_outcome_metadata(context, metadata, 2);
+  orvane_context_append_outcome_metadata(context, metadata + 2, 1);
+  list = orvane_context_outcome_metadata_json(context);
+  CHECK_TEXT(list,
+             "[{\"id\":\"discount\",\"type\":\"decimal\",\"value\":\"0.5\"},"
+             "{\"id\":\"screen\",\"type\":\"string\",\"value\":\"second\"}]");
+  orvane_string_free(list);
+  orvane_string_free(uuid);
+  orvane_context_release(context);
 }
 
 static void test_custom_signals_keep_their_type_and_value(void) {
@@ -407,6 +474,7 @@ int main(void) {
   run_test("outcomes reach the sender as logged", test_outcomes_reach_the_sender_as_logged);
   run_test("a replaced sender releases its data; the log has its encoded forms",
            test_a_replaced_sender_releases_its_data_and_the_log_has_its_encoded_forms);
+  run_test("a context reads back what it recorded", test_a_context_reads_back_what_it_recorded);
   run_test("custom signals keep their type and value",
            test_custom_signals_keep_their_type_and_value);
   run_test("global signals join later logs until removed",
