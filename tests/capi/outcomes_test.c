@@ -339,6 +339,89 @@ static void test_revenue_forms_log_the_purchase_with_the_outcome(void) {
   orvane_context_release(context);
 }
 
+static bool tracked_record_arrived(void* flow) {
+  bool found = false;
+  captured_log log = captured_latest(flow, -100, &found);
+  captured_free(&log);
+  return found;
+}
+
+static void test_tracked_events_log_a_record_of_their_kind(void) {
+  typedef void (*track_fn)(const char*, const orvane_custom_signal*, size_t);
+  static const struct {
+    track_fn track;
+    const char* name;
+    int event_type;
+    const char* method; /* how the context was made */
+  } kinds[] = {
+      {orvane_track_event, "tracked_event", 12, "7"},
+      {orvane_track_page_view, "tracked_page", 10, "8"},
+      {orvane_track_user_action, "tracked_action", 11, "9"},
+  };
+  const orvane_custom_signal source = signal_text("source", ORVANE_CUSTOM_SIGNAL_STRING, "menu");
+  size_t i;
+  for (i = 0; i < sizeof kinds / sizeof kinds[0]; ++i) {
+    bool found = false;
+    captured_log log;
+    kinds[i].track(kinds[i].name, &source, 1);
+    if (!host_loop_run_until(tracked_record_arrived, (void*)kinds[i].name, 10)) {
+      FAIL("%s logged no tracked record", kinds[i].name);
+      continue;
+    }
+    log = captured_latest(kinds[i].name, -100, &found);
+    CHECK_NUMBER(log.event_type, kinds[i].event_type);
+    CHECK(json_member_is(log.values_json, "ctx_25", kinds[i].method));
+    CHECK(json_member_is(log.values_json, "f_source", "\"menu\""));
+    captured_free(&log);
+  }
+}
+
+static void test_recent_context_is_the_flows_latest_handed_out_again(void) {
+  orvane_context* context = orvane_instant_context("recent_flow", 1, NULL, 0);
+  orvane_context* recent;
+  char *uuid, *recent_uuid, *list;
+  CHECK(orvane_recent_context("never_requested") == NULL);
+  list = orvane_context_signals_json(context);
+  CHECK(!has_signal(list, 27, "bool", "true"));
+  orvane_string_free(list);
+
+  recent = orvane_recent_context("recent_flow");
+  if (!CHECK(recent != NULL)) {
+    orvane_context_release(context);
+    return;
+  }
+  uuid = orvane_context_uuid(context);
+  recent_uuid = orvane_context_uuid(recent);
+  CHECK_TEXT(recent_uuid, uuid);
+  list = orvane_context_signals_json(recent);
+  CHECK(has_signal(list, 27, "bool", "true"));
+  orvane_string_free(list);
+  orvane_string_free(uuid);
+  orvane_string_free(recent_uuid);
+  orvane_context_release(recent);
+  orvane_context_release(context);
+}
+
+/* Whether a new record says decisions are enabled (signal 503). */
+static bool decisions_recorded_as(const char* expected) {
+  char* raw = fresh_record("switches");
+  const bool matches = json_member_is(raw, "ctx_503", expected);
+  free(raw);
+  return matches;
+}
+
+static void test_decisions_and_control_mode_switches_reach_the_record(void) {
+  CHECK(decisions_recorded_as("true"));
+  orvane_set_decisions_enabled(false);
+  CHECK(decisions_recorded_as("false"));
+  orvane_set_decisions_enabled(true);
+  CHECK(decisions_recorded_as("true"));
+  orvane_set_control_mode(true);
+  CHECK(decisions_recorded_as("false"));
+  orvane_set_control_mode(false);
+  CHECK(decisions_recorded_as("true"));
+}
+
 static void test_golden_signals_are_a_json_object_tied_to_a_logged_record(void) {
   char id[64];
   char* json = orvane_golden_signals("banner", "bid-7");
@@ -481,6 +564,12 @@ int main(void) {
            test_global_signals_join_later_logs_until_removed);
   run_test("revenue forms log the purchase with the outcome",
            test_revenue_forms_log_the_purchase_with_the_outcome);
+  run_test("tracked events log a record of their kind",
+           test_tracked_events_log_a_record_of_their_kind);
+  run_test("recent context is the flow's latest, handed out again",
+           test_recent_context_is_the_flows_latest_handed_out_again);
+  run_test("decisions and control-mode switches reach the record",
+           test_decisions_and_control_mode_switches_reach_the_record);
   run_test("golden signals are a JSON object tied to a logged record",
            test_golden_signals_are_a_json_object_tied_to_a_logged_record);
   run_test("device facts reach the request signals", test_device_facts_reach_the_request_signals);
