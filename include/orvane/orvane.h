@@ -429,11 +429,10 @@ ORVANE_API char* orvane_context_validate(const orvane_context* context);
  * "Infinity" or "-Infinity". */
 ORVANE_API char* orvane_context_signals_json(const orvane_context* context);
 ORVANE_API char* orvane_context_outcome_metadata_json(const orvane_context* context);
-/* The numbers set `*has_value` (when not NULL) to whether there is one: false, and 0
- * returned, for NULL. */
-/* -3 unsupported device, -1 no, 1 yes. */
+/* -3 unsupported device, -1 no, 1 yes. Sets `*has_value` (when not NULL) to whether there is
+ * a number: false, with 0 returned, for NULL. */
 ORVANE_API int32_t orvane_context_model_result(const orvane_context* context, bool* has_value);
-/* Seconds from creation to the decision. */
+/* Seconds from creation to the decision; `has_value` as above. */
 ORVANE_API double orvane_context_seconds_between_created_and_should_upsell_checked(
     const orvane_context* context, bool* has_value);
 
