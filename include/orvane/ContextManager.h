@@ -27,17 +27,6 @@ class Log;
 // Where finished logs go. The default hands them to the upload queue.
 using LogSender = std::function<void(std::shared_ptr<Log>)>;
 
-// The framework that embeds the SDK. Wrapper platforms (1, 3, 4) start their native layer
-// late, so setup gets a longer grace period there.
-enum class HostPlatform : int {
-  kUnknown = 0,
-  kManagedRuntime = 1,
-  kHybridWeb = 2,
-  kScriptBridge = 3,
-  kCompiledBridge = 4,
-  kNative = 5,
-};
-
 enum class ContextManagerIsSupported : int { kSupported = 0, kUnsupported = 1 };
 
 // How much the SDK writes to the platform's log: errors only; also warnings (the default, and
@@ -63,7 +52,7 @@ class ORVANE_API ContextManager {
       const Configuration& configuration) noexcept;
   // Replaces where finished logs go.
   static void setLogSender(LogSender closure) noexcept;
-  // "5.13.0".
+  // ORVANE_VERSION_STRING of orvane/Version.h.
   static std::string sdkVersion() noexcept;
   // With decisions disabled every flow behaves as a control flow.
   static void setDecisionsEnabled(bool enabled) noexcept;

@@ -45,10 +45,11 @@ typedef struct orvane_log orvane_log;
 /* One piece of work for the host's main thread (see orvane_use_main_dispatcher). */
 typedef struct orvane_main_job orvane_main_job;
 
-/* What the user did after the decision. */
 /* Every enumeration ends in a _MAX_ENUM member: it keeps the type 32 bits wide on every compiler
  * and makes any 32-bit value a valid one, so an unknown value from a newer or careless caller is
  * refused with a log line instead of being undefined behaviour. */
+
+/* What the user did after the decision. */
 typedef enum orvane_event_outcome {
   ORVANE_OUTCOME_POSITIVE_AD_TAPPED = 4,
   ORVANE_OUTCOME_POSITIVE_CONVERTED = 3,
@@ -61,9 +62,6 @@ typedef enum orvane_event_outcome {
   ORVANE_EVENT_OUTCOME_MAX_ENUM = 0x7FFFFFFF
 } orvane_event_outcome;
 
-/* A fact the host supplies under an id of its own. Decimals are text ("4.99", "-0.25"), so
- * that they stay exact. Strings are copied. */
-/* How much the SDK writes to its log (ContextManager::setLogLevel). */
 /* The user's choice about collection (orvane_set_consent). */
 typedef enum orvane_consent_state {
   ORVANE_CONSENT_UNKNOWN = 0,
@@ -72,6 +70,7 @@ typedef enum orvane_consent_state {
   ORVANE_CONSENT_STATE_MAX_ENUM = 0x7FFFFFFF
 } orvane_consent_state;
 
+/* How much the SDK writes to its log (ContextManager::setLogLevel). */
 typedef enum orvane_sdk_log_level {
   ORVANE_SDK_LOG_ERROR = 0,
   ORVANE_SDK_LOG_WARNING = 1, /* the default */
@@ -80,6 +79,8 @@ typedef enum orvane_sdk_log_level {
   ORVANE_SDK_LOG_LEVEL_MAX_ENUM = 0x7FFFFFFF
 } orvane_sdk_log_level;
 
+/* A fact the host supplies under an id of its own. Decimals are text ("4.99", "-0.25"), so
+ * that they stay exact. Strings are copied. */
 typedef enum orvane_custom_signal_type {
   ORVANE_CUSTOM_SIGNAL_BOOL = 0,
   ORVANE_CUSTOM_SIGNAL_INT = 1,
@@ -238,7 +239,8 @@ typedef void (*orvane_release_fn)(void* user_data);
 
 /* ==== Version and memory ================================================================= */
 
-/* The SDK version, "5.13.0". Static; never free it. */
+/* The SDK version, "<major>.<minor>.<patch>" (ORVANE_VERSION_STRING of orvane/Version.h).
+ * Static; never free it. */
 ORVANE_API const char* orvane_sdk_version(void);
 
 /* Frees a string the SDK returned. NULL is ignored. */
@@ -420,6 +422,20 @@ ORVANE_API char* orvane_context_uuid(const orvane_context* context);
 /* The integration report, one finding per line. Caller-owned; NULL for NULL. */
 ORVANE_API char* orvane_context_validate(const orvane_context* context);
 
+/* What the SDK recorded. The signal lists are JSON arrays, caller-owned (NULL for NULL), of
+ * {"id", "type", "value"} objects in the record's order, where an id may repeat: built-in
+ * signals have numeric ids, custom signals and metadata text ids; "type" is "bool", "int",
+ * "float", "decimal" or "string"; decimals are text ("4.99"), non-finite floats "NaN",
+ * "Infinity" or "-Infinity". */
+ORVANE_API char* orvane_context_signals_json(const orvane_context* context);
+ORVANE_API char* orvane_context_outcome_metadata_json(const orvane_context* context);
+/* -3 unsupported device, -1 no, 1 yes. Sets `*has_value` (when not NULL) to whether there is
+ * a number: false, with 0 returned, for NULL. */
+ORVANE_API int32_t orvane_context_model_result(const orvane_context* context, bool* has_value);
+/* Seconds from creation to the decision; `has_value` as above. */
+ORVANE_API double orvane_context_seconds_between_created_and_should_upsell_checked(
+    const orvane_context* context, bool* has_value);
+
 /* Sends a record of `outcome`; every call sends a new record. An outcome outside -3...4 is
  * logged and ignored, as by the forms below. */
 ORVANE_API void orvane_context_log(orvane_context* context, orvane_event_outcome outcome);
@@ -478,6 +494,12 @@ ORVANE_API char* orvane_log_flow_name(const orvane_log* log);
 ORVANE_API char* orvane_log_json(const orvane_log* log);
 /* The encoded record as one base64 text. */
 ORVANE_API char* orvane_log_base64(const orvane_log* log);
+/* The record's signal lists, as JSON arrays in the form orvane_context_signals_json
+ * describes. Caller-owned; NULL for NULL. */
+ORVANE_API char* orvane_log_signals_json(const orvane_log* log);
+ORVANE_API char* orvane_log_custom_signals_json(const orvane_log* log);
+ORVANE_API char* orvane_log_global_signals_json(const orvane_log* log);
+ORVANE_API char* orvane_log_outcome_metadata_json(const orvane_log* log);
 /* Queues the record for upload, as the default log sender does. */
 ORVANE_API void orvane_log_send(orvane_log* log);
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "api/CollectionConsent.h"
+#include "device/HostPlatform.h"
 #include "orvane/Configuration.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"

@@ -116,6 +116,11 @@ std::optional<Decimal> decimal(const char* text, const char* function, const cha
 // shortest round-trip decimal, non-finite numbers as "Infinity", "-Infinity" or "NaN", dates
 // as seconds since 1970, bytes as base64.
 std::string toJson(const PlistValue& value);
+// A signal list as a JSON array of {"id", "type", "value"} objects in the list's order; an id
+// may repeat. Built-in ids are numbers, custom ids text; the type is "bool", "int", "float",
+// "decimal" or "string".
+std::string toJson(const SignalList& signals);
+std::string toJson(const CustomSignalList& signals);
 // None (with `error` set) when `text` is not a JSON object.
 std::optional<LaunchOptions> launchOptionsFromJson(std::string_view text, std::string& error);
 // Merges a facts object into `facts`; false with `error` set on a value of the wrong type

@@ -1,6 +1,7 @@
 // Contexts and logs behind their C handles: queries, outcomes, revenue and the log's forms.
 #include <algorithm>
 #include <cctype>
+#include <utility>
 
 #include "capi/CApi.h"
 
@@ -25,6 +26,20 @@ R readContext(const orvane_context* handle, const char* function, R neutral, Rea
   const auto* context = contextOf(handle, function);
   if (context == nullptr) return neutral;
   return guarded(function, neutral, [&] { return read(**context); });
+}
+
+// A number with `*hasValue` (when not NULL) saying whether there is one.
+template <typename Read>
+auto readNumber(const orvane_context* handle, const char* function, bool* hasValue, Read&& read) {
+  using Number = decltype(read(std::declval<const Context&>()));
+  if (hasValue != nullptr) *hasValue = false;
+  const auto* context = contextOf(handle, function);
+  if (context == nullptr) return Number{0};
+  return guarded(function, Number{0}, [&] {
+    const Number value = read(**context);
+    if (hasValue != nullptr) *hasValue = true;
+    return value;
+  });
 }
 
 template <typename Act>
@@ -247,6 +262,28 @@ ORVANE_API char* orvane_context_validate(const orvane_context* context) {
                      [](const Context& c) { return copyString(c.validate()); });
 }
 
+ORVANE_API char* orvane_context_signals_json(const orvane_context* context) {
+  return readContext(context, "orvane_context_signals_json", static_cast<char*>(nullptr),
+                     [](const Context& c) { return copyString(toJson(c.signals())); });
+}
+
+ORVANE_API char* orvane_context_outcome_metadata_json(const orvane_context* context) {
+  return readContext(context, "orvane_context_outcome_metadata_json", static_cast<char*>(nullptr),
+                     [](const Context& c) { return copyString(toJson(c.outcomeMetadata())); });
+}
+
+ORVANE_API int32_t orvane_context_model_result(const orvane_context* context, bool* has_value) {
+  return readNumber(context, "orvane_context_model_result", has_value,
+                    [](const Context& c) { return static_cast<int32_t>(c.modelResult()); });
+}
+
+ORVANE_API double orvane_context_seconds_between_created_and_should_upsell_checked(
+    const orvane_context* context, bool* has_value) {
+  return readNumber(
+      context, "orvane_context_seconds_between_created_and_should_upsell_checked", has_value,
+      [](const Context& c) { return c.secondsBetweenCreatedAndShouldUpsellChecked(); });
+}
+
 // ---- Outcomes -----------------------------------------------------------------------------
 
 ORVANE_API void orvane_context_log(orvane_context* context, orvane_event_outcome outcome) {
@@ -384,6 +421,26 @@ ORVANE_API char* orvane_log_json(const orvane_log* log) {
 ORVANE_API char* orvane_log_base64(const orvane_log* log) {
   return readLogText(log, "orvane_log_base64",
                      [](const Log& l) { return std::optional<std::string>(l.toBase64()); });
+}
+
+ORVANE_API char* orvane_log_signals_json(const orvane_log* log) {
+  return readLogText(log, "orvane_log_signals_json",
+                     [](const Log& l) { return std::optional(toJson(l.signals())); });
+}
+
+ORVANE_API char* orvane_log_custom_signals_json(const orvane_log* log) {
+  return readLogText(log, "orvane_log_custom_signals_json",
+                     [](const Log& l) { return std::optional(toJson(l.customSignals())); });
+}
+
+ORVANE_API char* orvane_log_global_signals_json(const orvane_log* log) {
+  return readLogText(log, "orvane_log_global_signals_json",
+                     [](const Log& l) { return std::optional(toJson(l.globalSignals())); });
+}
+
+ORVANE_API char* orvane_log_outcome_metadata_json(const orvane_log* log) {
+  return readLogText(log, "orvane_log_outcome_metadata_json",
+                     [](const Log& l) { return std::optional(toJson(l.outcomeMetadata())); });
 }
 
 ORVANE_API void orvane_log_send(orvane_log* log) {

@@ -3,9 +3,11 @@
 // from their own dictionaries.
 #include <charconv>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <variant>
 
 #include "capi/CApi.h"
 #include "orvane/platform/DeviceService.h"
@@ -360,6 +362,40 @@ struct Merge {
 
 std::string toJson(const PlistValue& value) {
   return jsonOf(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+namespace {
+
+// {"id", "type", "value"}; the type names match orvane_custom_signal_type's.
+template <typename Value>
+PlistValue signalEntry(PlistValue id, const Value& value) {
+  static const char* const kTypes[] = {"bool", "int", "float", "decimal", "string"};
+  static_assert(std::variant_size_v<Value> == std::size(kTypes));
+  PlistDictionary entry;
+  entry.emplace("id", std::move(id));
+  entry.emplace("type", kTypes[value.index()]);
+  entry.emplace("value", std::visit([](const auto& v) { return PlistValue(v); }, value));
+  return PlistValue(std::move(entry));
+}
+
+}  // namespace
+
+std::string toJson(const SignalList& signals) {
+  PlistArray entries;
+  entries.reserve(signals.size());
+  for (const Signal& signal : signals) {
+    entries.push_back(signalEntry(static_cast<int64_t>(signal.id().rawValue()), signal.value()));
+  }
+  return toJson(PlistValue(std::move(entries)));
+}
+
+std::string toJson(const CustomSignalList& signals) {
+  PlistArray entries;
+  entries.reserve(signals.size());
+  for (const CustomSignal& signal : signals) {
+    entries.push_back(signalEntry(signal.id(), signal.value()));
+  }
+  return toJson(PlistValue(std::move(entries)));
 }
 
 std::optional<LaunchOptions> launchOptionsFromJson(std::string_view text, std::string& error) {

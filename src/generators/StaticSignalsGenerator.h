@@ -10,6 +10,7 @@
 #include <string>
 
 #include "device/Device.h"
+#include "device/HostPlatform.h"
 #include "generators/LocaleTiers.h"
 #include "orvane/ContextManager.h"
 #include "orvane/Signal.h"

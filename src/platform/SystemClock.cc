@@ -22,11 +22,17 @@ class SystemClock : public Clock {
         .count();
   }
 
-  // The boot clock keeps counting while the machine sleeps, which is what "since boot" means
-  // to the motion timestamps; kernels without it fall back to the monotonic clock.
+  // "Since boot" as the platform's motion timestamps count it. Linux and Android count the
+  // time asleep (CLOCK_BOOTTIME, elapsedRealtime); kernels without the boot clock fall back to
+  // the monotonic one. Apple's systemUptime stops while asleep, as CLOCK_UPTIME_RAW does.
   double uptime() const override {
+#if defined(CLOCK_BOOTTIME)
     const double boot = readClock(CLOCK_BOOTTIME);
     if (boot >= 0) return boot;
+#elif defined(__APPLE__)
+    const double awake = readClock(CLOCK_UPTIME_RAW);
+    if (awake >= 0) return awake;
+#endif
     return readClock(CLOCK_MONOTONIC);
   }
 };

@@ -10,8 +10,6 @@
 //
 // Task objects are only ever destroyed with the queue's mutex released: a task may hold the
 // last reference to its own queue, and destroying it under the lock would re-enter it.
-#include <pthread.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -26,6 +24,7 @@
 #include <utility>
 
 #include "orvane/platform/Executors.h"
+#include "platform/ThreadName.h"
 #include "platform/WorkerPool.h"
 
 namespace orvane {
@@ -82,12 +81,6 @@ thread_local const QueueState* currentQueue = nullptr;
 // threads of the host that run a queue's work inside sync() keep their own names.
 thread_local bool isPoolThread = false;
 thread_local std::string poolThreadName;
-
-void nameThisThread(const std::string& name) {
-  // Linux limits thread names to 15 bytes plus the terminator.
-  const std::string shortName = name.substr(0, 15);
-  if (!shortName.empty()) pthread_setname_np(pthread_self(), shortName.c_str());
-}
 
 // Tasks one pool turn runs before the queue goes to the back of the line, so that a busy
 // queue cannot hold a pool thread away from the others.
@@ -205,7 +198,7 @@ struct QueueState final : PoolClient, std::enable_shared_from_this<QueueState> {
     const QueueState* outer = currentQueue;
     currentQueue = this;
     if (isPoolThread && poolThreadName != name) {
-      nameThisThread(name);
+      setCurrentThreadName(name);
       poolThreadName = name;
     }
     for (size_t ran = 0; ran < budget && !enough(); ++ran) {

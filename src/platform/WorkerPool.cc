@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/ThreadName.h"
+
 namespace orvane {
 namespace {
 
@@ -108,7 +110,7 @@ void WorkerPool::summonLocked() {
 }
 
 void WorkerPool::work() {
-  pthread_setname_np(pthread_self(), "orvane.pool");
+  setCurrentThreadName("orvane.pool");
   currentPool = this;
   std::unique_lock<std::mutex> lock(mutex_);
   std::vector<std::pair<TimePoint, std::weak_ptr<PoolClient>>> due;

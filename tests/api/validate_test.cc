@@ -8,6 +8,7 @@
 #include "models/ModelExecutionInformation.h"
 #include "orvane/Context.h"
 #include "orvane/Log.h"
+#include "orvane/Version.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/ManagerHelpers.h"
 #include "util/UserDefaultsProvider.h"
@@ -62,7 +63,7 @@ TEST_F(ValidateTest, ReportsAContextWithoutMotionDataAndLeavesItAlone) {
   EXPECT_EQ(lines[2], "✅ Flow name provided: paywall");
   EXPECT_EQ(lines[3], "❌ Accelerometer Data: Invalid");
   EXPECT_EQ(lines[4].rfind("👉 Signal Sample 1: undefined (", 0), 0u);
-  EXPECT_EQ(lines[6], "👉 Orvane Version: 5.13.0");
+  EXPECT_EQ(lines[6], "👉 Orvane Version: " ORVANE_VERSION_STRING);
   EXPECT_EQ(lines[7],
             "❌ Insufficient Data During instantContext or calibrate(maxDelay: 0) Call - Check out "
             "the docs for further instructions");

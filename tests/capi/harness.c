@@ -194,6 +194,77 @@ static char* duplicate(const char* text) {
   return copy;
 }
 
+static const char* find_member(const char* json, const char* key, size_t* length);
+static const char* find_element(const char* json, size_t index, size_t* length);
+
+/* Text that grows; a failed allocation is a harness failure. */
+typedef struct text_buffer {
+  char* data;
+  size_t length;
+} text_buffer;
+
+static void append_text(text_buffer* buffer, const char* text, size_t length) {
+  char* grown = realloc(buffer->data, buffer->length + length + 1);
+  if (!grown) {
+    fprintf(stderr, "harness: out of memory\n");
+    abort();
+  }
+  memcpy(grown + buffer->length, text, length);
+  buffer->length += length;
+  grown[buffer->length] = '\0';
+  buffer->data = grown;
+}
+
+/* Adds "<prefix><id>": <value> to the object `flat` (kept closed, so that it stays valid)
+ * for each entry of the signal list `list` whose key is not there yet. Takes `list`. */
+static void add_signals(text_buffer* flat, const char* prefix, char* list) {
+  char id[256];
+  char key[300];
+  size_t i, entry_length = 0;
+  const char* element;
+  for (i = 0; list && (element = find_element(list, i, &entry_length)) != NULL; ++i) {
+    text_buffer entry = {NULL, 0};
+    size_t value_length = 0, unused;
+    const char* value;
+    append_text(&entry, element, entry_length);
+    value = find_member(entry.data, "value", &value_length);
+    if (!value || !json_member(entry.data, "id", id, sizeof id)) {
+      free(entry.data);
+      continue;
+    }
+    /* Text ids are quoted; the tests' ids have no escapes. */
+    if (id[0] == '"') {
+      id[strlen(id) - 1] = '\0';
+      memmove(id, id + 1, strlen(id));
+    }
+    snprintf(key, sizeof key, "%s%s", prefix, id);
+    if (find_member(flat->data, key, &unused)) {
+      free(entry.data);
+      continue;
+    }
+    flat->length -= 1; /* reopen: drop the closing brace */
+    if (flat->length > 1) append_text(flat, ",", 1);
+    append_text(flat, "\"", 1);
+    append_text(flat, key, strlen(key));
+    append_text(flat, "\":", 2);
+    append_text(flat, value, value_length);
+    append_text(flat, "}", 1);
+    free(entry.data);
+  }
+  orvane_string_free(list);
+}
+
+char* harness_log_values_json(const orvane_log* log) {
+  text_buffer flat = {NULL, 0};
+  if (!log) return NULL;
+  append_text(&flat, "{}", 2);
+  add_signals(&flat, "ctx_", orvane_log_signals_json(log));
+  add_signals(&flat, "f_", orvane_log_custom_signals_json(log));
+  add_signals(&flat, "g_", orvane_log_global_signals_json(log));
+  add_signals(&flat, "o_", orvane_log_outcome_metadata_json(log));
+  return flat.data;
+}
+
 void capture_log(orvane_log* log, void* user_data) {
   captured_log entry;
   (void)user_data;
@@ -402,19 +473,21 @@ bool json_is_valid(const char* text) {
   return *p == '\0';
 }
 
-bool json_member(const char* json, const char* key, char* out, size_t size) {
+/* The start of the value of member `key` of the object `json`, its length in `length`; NULL
+ * when the text is not an object or has no such member. */
+static const char* find_member(const char* json, const char* key, size_t* length) {
   const char* p = json;
   const size_t key_length = strlen(key);
-  if (!json_is_valid(json)) return false;
+  if (!json_is_valid(json)) return NULL;
   skip_space(&p);
-  if (*p != '{') return false;
+  if (*p != '{') return NULL;
   ++p;
   for (;;) {
     const char* name;
     const char* value;
     bool match;
     skip_space(&p);
-    if (*p != '"') return false;
+    if (*p != '"') return NULL;
     name = p + 1;
     parse_string(&p);
     /* Keys with escapes never match: the tests' keys have none. */
@@ -425,16 +498,57 @@ bool json_member(const char* json, const char* key, char* out, size_t size) {
     value = p;
     parse_value(&p, 1);
     if (match) {
-      const size_t length = (size_t)(p - value);
-      if (length + 1 > size) return false;
-      memcpy(out, value, length);
-      out[length] = '\0';
-      return true;
+      *length = (size_t)(p - value);
+      return value;
     }
     skip_space(&p);
-    if (*p != ',') return false;
+    if (*p != ',') return NULL;
     ++p;
   }
+}
+
+/* The start of element `index` of the array `json`, as find_member. */
+static const char* find_element(const char* json, size_t index, size_t* length) {
+  const char* p = json;
+  size_t i;
+  if (!json_is_valid(json)) return NULL;
+  skip_space(&p);
+  if (*p != '[') return NULL;
+  ++p;
+  skip_space(&p);
+  if (*p == ']') return NULL;
+  for (i = 0;; ++i) {
+    const char* value;
+    skip_space(&p);
+    value = p;
+    parse_value(&p, 1);
+    if (i == index) {
+      *length = (size_t)(p - value);
+      return value;
+    }
+    skip_space(&p);
+    if (*p != ',') return NULL;
+    ++p;
+  }
+}
+
+static bool copy_out(const char* value, size_t length, char* out, size_t size) {
+  if (!value || length + 1 > size) return false;
+  memcpy(out, value, length);
+  out[length] = '\0';
+  return true;
+}
+
+bool json_member(const char* json, const char* key, char* out, size_t size) {
+  size_t length = 0;
+  const char* value = json ? find_member(json, key, &length) : NULL;
+  return copy_out(value, length, out, size);
+}
+
+bool json_element(const char* json, size_t index, char* out, size_t size) {
+  size_t length = 0;
+  const char* value = json ? find_element(json, index, &length) : NULL;
+  return copy_out(value, length, out, size);
 }
 
 bool json_member_is(const char* json, const char* key, const char* expected) {

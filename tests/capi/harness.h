@@ -61,7 +61,9 @@ typedef struct captured_log {
   char* values_json; /* see harness_log_values_json */
 } captured_log;
 
-/* The log's signal values as a JSON object ("ctx_", "f_", "g_", "o_" keys); caller frees. */
+/* The log's signal values as one JSON object, read through the orvane_log_*_json calls:
+ * "ctx_<id>" built-in signals, "f_<id>" custom signals, "g_<id>" global ones, "o_<id>"
+ * outcome metadata, the first entry of each key; caller frees. */
 char* harness_log_values_json(const orvane_log* log);
 /* A log sender (user data unused) that keeps a copy of each log's values. */
 void capture_log(orvane_log* log, void* user_data);
@@ -80,6 +82,9 @@ bool json_is_valid(const char* text);
 /* Copies the text of the top-level member `key` of the object `json` into `out`; false when
  * the text is not an object or has no such member. */
 bool json_member(const char* json, const char* key, char* out, size_t size);
+/* Copies the text of element `index` of the array `json` into `out`; false past its end or
+ * when the text is not an array. */
+bool json_element(const char* json, size_t index, char* out, size_t size);
 /* Whether the member exists and its text is exactly `expected` ("true", "\"gold\"", "0.25"). */
 bool json_member_is(const char* json, const char* key, const char* expected);
 

@@ -231,6 +231,46 @@ static void test_cancelled_requests_never_call_back_and_release_their_data(void)
   orvane_context_release(kept.kept);
 }
 
+/* The creation record of `flow` says how the context was made (signal 25). */
+static bool created_by(const char* flow, const char* method) {
+  bool found = false, matches;
+  captured_log log = captured_latest(flow, -101, &found);
+  matches = found && json_member_is(log.values_json, "ctx_25", method) &&
+            json_member_is(log.values_json, "ctx_192", "true");
+  captured_free(&log);
+  return matches;
+}
+
+static bool both_called(void* boxes) {
+  answer** pair = boxes;
+  return pair[0]->calls > 0 && pair[1]->calls > 0;
+}
+
+static void test_optimize_and_calibrate_wait_for_the_hosts_motion(void) {
+  static answer optimized, calibrated, at_once;
+  answer* waiting[2];
+  waiting[0] = &optimized;
+  waiting[1] = &calibrated;
+  /* Let the earlier motion age out of a one-second window. */
+  sleep_seconds(2.1);
+  orvane_optimize("optimized", 1, NULL, 0, answered, &optimized, released);
+  orvane_calibrate("calibrated", 1, NULL, 0, answered, &calibrated, released);
+  /* No delay: decided at once, with whatever motion there is. */
+  orvane_calibrate("calibrated_now", 0, NULL, 0, answered, &at_once, released);
+  CHECK(host_loop_run_until(was_called, &at_once, 5));
+  CHECK_NUMBER(optimized.calls + calibrated.calls, 0);
+
+  CHECK_NUMBER(push_motion(120, true), 120);
+  CHECK(host_loop_run_until(both_called, waiting, 5));
+  CHECK(optimized.on_main_thread && calibrated.on_main_thread);
+  CHECK(created_by("optimized", "4"));
+  CHECK(created_by("calibrated", "3"));
+  CHECK(released_within(&optimized, 1, 5) && released_within(&calibrated, 1, 5));
+  orvane_context_release(optimized.kept);
+  orvane_context_release(calibrated.kept);
+  orvane_context_release(at_once.kept);
+}
+
 static void test_observers_release_their_data_when_replaced_or_removed(void) {
   static answer first, second;
   orvane_register_context_observer("observed", answered, &first, released);
@@ -315,6 +355,49 @@ static void test_lifecycle_runs_on_the_hosts_loop_and_refreshes_settings(void) {
   CHECK(!next_context_has("settings", "ctx_714", "0"));
 }
 
+static void test_background_refresh_and_protected_data_reach_the_record(void) {
+  /* Away from the defaults (available, readable), then back. */
+  orvane_application_set_background_refresh_status(0);
+  orvane_application_set_protected_data_available(false);
+  CHECK(next_context_has("state", "ctx_408", "0"));
+  CHECK(next_context_has("state", "ctx_409", "false"));
+  orvane_application_set_background_refresh_status(2);
+  orvane_application_set_protected_data_available(true);
+  CHECK(next_context_has("state", "ctx_408", "2"));
+  CHECK(next_context_has("state", "ctx_409", "true"));
+
+  CHECK(next_context_has("state", "ctx_407", "0")); /* active */
+  orvane_application_did_enter_background();
+  CHECK(next_context_has("state", "ctx_407", "2"));
+  host_loop_run();
+  CHECK(sensors_become(false));
+  orvane_application_did_become_active();
+  host_loop_run();
+  CHECK(sensors_become(true));
+  CHECK(next_context_has("state", "ctx_407", "0"));
+}
+
+static void test_an_observer_fires_once_the_hosts_motion_allows(void) {
+  static answer box;
+  const double deadline = seconds_since_boot() + 60;
+  char* flow;
+  char* list;
+  /* Evaluated once per polling interval (30 s without a service) on 3 s of motion. */
+  orvane_register_context_observer("observer_fires", answered, &box, released);
+  while (box.calls == 0 && seconds_since_boot() < deadline) push_motion(50, true);
+  if (!CHECK_NUMBER(box.calls, 1)) return;
+  CHECK(box.on_main_thread);
+  CHECK(released_within(&box, 1, 5));
+  flow = orvane_context_flow_name(box.kept);
+  CHECK_TEXT(flow, "observer_fires");
+  CHECK(orvane_context_should_upsell(box.kept));
+  list = orvane_context_signals_json(box.kept);
+  CHECK(contains(list, "{\"id\":25,\"type\":\"int\",\"value\":15}")); /* periodic */
+  orvane_string_free(list);
+  orvane_string_free(flow);
+  orvane_context_release(box.kept);
+}
+
 int main(void) {
   const orvane_configuration* defaults = NULL;
   main_thread = pthread_self();
@@ -338,5 +421,11 @@ int main(void) {
   run_test("the main thread is the host's", test_main_thread_is_the_hosts);
   run_test("lifecycle runs on the host's loop and refreshes settings",
            test_lifecycle_runs_on_the_hosts_loop_and_refreshes_settings);
+  run_test("optimize and calibrate wait for the host's motion",
+           test_optimize_and_calibrate_wait_for_the_hosts_motion);
+  run_test("background, refresh and protected data reach the record",
+           test_background_refresh_and_protected_data_reach_the_record);
+  run_test("an observer fires once the host's motion allows",
+           test_an_observer_fires_once_the_hosts_motion_allows);
   return finish_tests();
 }

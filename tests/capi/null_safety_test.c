@@ -82,6 +82,24 @@ static bool ctx_flow(void) { return orvane_context_flow_name(NULL) == NULL; }
 static bool ctx_uuid(void) { return orvane_context_uuid(NULL) == NULL; }
 static bool ctx_validate(void) { return orvane_context_validate(NULL) == NULL; }
 static bool ctx_retain(void) { return orvane_context_retain(NULL) == NULL; }
+static bool ctx_signals(void) { return orvane_context_signals_json(NULL) == NULL; }
+static bool ctx_outcome_metadata(void) {
+  return orvane_context_outcome_metadata_json(NULL) == NULL;
+}
+static bool ctx_model_result(void) {
+  bool has_value = true;
+  return orvane_context_model_result(NULL, &has_value) == 0 && !has_value;
+}
+static bool ctx_seconds_to_decision(void) {
+  bool has_value = true;
+  return orvane_context_seconds_between_created_and_should_upsell_checked(NULL, &has_value) ==
+             0.0 &&
+         !has_value;
+}
+static bool log_signals(void) { return orvane_log_signals_json(NULL) == NULL; }
+static bool log_custom_signals(void) { return orvane_log_custom_signals_json(NULL) == NULL; }
+static bool log_global_signals(void) { return orvane_log_global_signals_json(NULL) == NULL; }
+static bool log_outcome_metadata(void) { return orvane_log_outcome_metadata_json(NULL) == NULL; }
 static bool ctx_log(void) { return orvane_context_log(NULL, ORVANE_OUTCOME_POSITIVE), true; }
 static bool ctx_log_once(void) {
   return orvane_context_log_if_not_logged_yet(NULL, ORVANE_OUTCOME_POSITIVE), true;
@@ -208,6 +226,14 @@ static const null_case null_cases[] = {
     {"orvane_context_uuid", ctx_uuid},
     {"orvane_context_validate", ctx_validate},
     {"orvane_context_retain", ctx_retain},
+    {"orvane_context_signals_json", ctx_signals},
+    {"orvane_context_outcome_metadata_json", ctx_outcome_metadata},
+    {"orvane_context_model_result", ctx_model_result},
+    {"orvane_context_seconds_between_created_and_should_upsell_checked", ctx_seconds_to_decision},
+    {"orvane_log_signals_json", log_signals},
+    {"orvane_log_custom_signals_json", log_custom_signals},
+    {"orvane_log_global_signals_json", log_global_signals},
+    {"orvane_log_outcome_metadata_json", log_outcome_metadata},
     {"orvane_context_log", ctx_log},
     {"orvane_context_log_if_not_logged_yet", ctx_log_once},
     {"orvane_context_append_outcome_metadata", ctx_metadata},

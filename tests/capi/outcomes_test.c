@@ -94,13 +94,19 @@ static void test_outcomes_reach_the_sender_as_logged(void) {
 /* The sender's other forms of the same record, read while the log is lent to it. */
 static char* lent_json = NULL;
 static char* lent_base64 = NULL;
+static char* lent_custom = NULL;
+static char* lent_global = NULL;
 static void keep_forms(orvane_log* log, void* user_data) {
   (void)user_data;
   capture_log(log, NULL);
   free(lent_json);
   free(lent_base64);
+  free(lent_custom);
+  free(lent_global);
   lent_json = orvane_log_json(log);
   lent_base64 = orvane_log_base64(log);
+  lent_custom = orvane_log_custom_signals_json(log);
+  lent_global = orvane_log_global_signals_json(log);
 }
 
 static int sender_releases = 0;
@@ -111,18 +117,79 @@ static void count_release(void* user_data) {
 
 static void test_a_replaced_sender_releases_its_data_and_the_log_has_its_encoded_forms(void) {
   char pieces[32];
+  orvane_custom_signal list[2];
+  list[0] = signal_text("price", ORVANE_CUSTOM_SIGNAL_DECIMAL, "4.990");
+  list[1] = signal_bool("price", false); /* a repeated id is kept, in order */
   orvane_set_log_sender(keep_forms, NULL, count_release);
   CHECK_NUMBER(sender_releases, 0);
-  orvane_context_release(orvane_instant_context("encoded_flow", 1, NULL, 0));
+  orvane_context_release(orvane_instant_context("encoded_flow", 1, list, 2));
   CHECK(json_is_valid(lent_json));
   CHECK(json_member(lent_json, "ctx_400", pieces, sizeof pieces) && atoi(pieces) > 0);
   CHECK(lent_base64 != NULL && strlen(lent_base64) > 16);
+  CHECK_TEXT(lent_custom,
+             "[{\"id\":\"price\",\"type\":\"decimal\",\"value\":\"4.99\"},"
+             "{\"id\":\"price\",\"type\":\"bool\",\"value\":false}]");
+  CHECK_TEXT(lent_global, "[]");
   /* Back to the plain capture: the previous sender's data is released. */
   orvane_set_log_sender(capture_log, NULL, NULL);
   CHECK_NUMBER(sender_releases, 1);
   free(lent_json);
   free(lent_base64);
-  lent_json = lent_base64 = NULL;
+  free(lent_custom);
+  free(lent_global);
+  lent_json = lent_base64 = lent_custom = lent_global = NULL;
+}
+
+/* A built-in signal's entry in a signal list, as written: {"id":20,"type":"string",...}. */
+static bool has_signal(const char* list, int id, const char* type, const char* value) {
+  char entry[512], expected[512];
+  size_t i;
+  snprintf(expected, sizeof expected, "{\"id\":%d,\"type\":\"%s\",\"value\":%s}", id, type, value);
+  for (i = 0; json_element(list, i, entry, sizeof entry); ++i) {
+    if (strcmp(entry, expected) == 0) return true;
+  }
+  return false;
+}
+
+static void test_a_context_reads_back_what_it_recorded(void) {
+  orvane_context* context = orvane_instant_context("readback_flow", 1, NULL, 0);
+  orvane_custom_signal metadata[3];
+  bool has_value = false;
+  char* uuid = orvane_context_uuid(context);
+  char quoted_uuid[128];
+  char* list = orvane_context_signals_json(context);
+  double seconds;
+  if (!CHECK(context != NULL && uuid != NULL)) return;
+  snprintf(quoted_uuid, sizeof quoted_uuid, "\"%s\"", uuid);
+  CHECK(has_signal(list, 20, "string", "\"readback_flow\""));
+  CHECK(has_signal(list, 29, "string", quoted_uuid));
+  /* No model: the control rule says yes, and the record says so too. */
+  CHECK_NUMBER(orvane_context_model_result(context, &has_value), 1);
+  CHECK(has_value);
+  CHECK(has_signal(list, 11, "int", "1"));
+  CHECK(has_signal(list, 12, "bool", "true"));
+  has_value = false;
+  seconds = orvane_context_seconds_between_created_and_should_upsell_checked(context, &has_value);
+  CHECK(has_value && seconds >= 0 && seconds < 5);
+  CHECK(orvane_context_model_result(context, NULL) == 1); /* the out-parameter is optional */
+  orvane_string_free(list);
+
+  list = orvane_context_outcome_metadata_json(context);
+  CHECK_TEXT(list, "[]");
+  orvane_string_free(list);
+  metadata[0] = signal_text("screen", ORVANE_CUSTOM_SIGNAL_STRING, "first");
+  metadata[1] = signal_text("discount", ORVANE_CUSTOM_SIGNAL_DECIMAL, "0.50");
+  metadata[2] = signal_text("screen", ORVANE_CUSTOM_SIGNAL_STRING, "second");
+  /* A later entry of the same id replaces the earlier one and goes to the end. */
+  orvane_context_append_outcome_metadata(context, metadata, 2);
+  orvane_context_append_outcome_metadata(context, metadata + 2, 1);
+  list = orvane_context_outcome_metadata_json(context);
+  CHECK_TEXT(list,
+             "[{\"id\":\"discount\",\"type\":\"decimal\",\"value\":\"0.5\"},"
+             "{\"id\":\"screen\",\"type\":\"string\",\"value\":\"second\"}]");
+  orvane_string_free(list);
+  orvane_string_free(uuid);
+  orvane_context_release(context);
 }
 
 static void test_custom_signals_keep_their_type_and_value(void) {
@@ -272,6 +339,89 @@ static void test_revenue_forms_log_the_purchase_with_the_outcome(void) {
   orvane_context_release(context);
 }
 
+static bool tracked_record_arrived(void* flow) {
+  bool found = false;
+  captured_log log = captured_latest(flow, -100, &found);
+  captured_free(&log);
+  return found;
+}
+
+static void test_tracked_events_log_a_record_of_their_kind(void) {
+  typedef void (*track_fn)(const char*, const orvane_custom_signal*, size_t);
+  static const struct {
+    track_fn track;
+    const char* name;
+    int event_type;
+    const char* method; /* how the context was made */
+  } kinds[] = {
+      {orvane_track_event, "tracked_event", 12, "7"},
+      {orvane_track_page_view, "tracked_page", 10, "8"},
+      {orvane_track_user_action, "tracked_action", 11, "9"},
+  };
+  const orvane_custom_signal source = signal_text("source", ORVANE_CUSTOM_SIGNAL_STRING, "menu");
+  size_t i;
+  for (i = 0; i < sizeof kinds / sizeof kinds[0]; ++i) {
+    bool found = false;
+    captured_log log;
+    kinds[i].track(kinds[i].name, &source, 1);
+    if (!host_loop_run_until(tracked_record_arrived, (void*)kinds[i].name, 10)) {
+      FAIL("%s logged no tracked record", kinds[i].name);
+      continue;
+    }
+    log = captured_latest(kinds[i].name, -100, &found);
+    CHECK_NUMBER(log.event_type, kinds[i].event_type);
+    CHECK(json_member_is(log.values_json, "ctx_25", kinds[i].method));
+    CHECK(json_member_is(log.values_json, "f_source", "\"menu\""));
+    captured_free(&log);
+  }
+}
+
+static void test_recent_context_is_the_flows_latest_handed_out_again(void) {
+  orvane_context* context = orvane_instant_context("recent_flow", 1, NULL, 0);
+  orvane_context* recent;
+  char *uuid, *recent_uuid, *list;
+  CHECK(orvane_recent_context("never_requested") == NULL);
+  list = orvane_context_signals_json(context);
+  CHECK(!has_signal(list, 27, "bool", "true"));
+  orvane_string_free(list);
+
+  recent = orvane_recent_context("recent_flow");
+  if (!CHECK(recent != NULL)) {
+    orvane_context_release(context);
+    return;
+  }
+  uuid = orvane_context_uuid(context);
+  recent_uuid = orvane_context_uuid(recent);
+  CHECK_TEXT(recent_uuid, uuid);
+  list = orvane_context_signals_json(recent);
+  CHECK(has_signal(list, 27, "bool", "true"));
+  orvane_string_free(list);
+  orvane_string_free(uuid);
+  orvane_string_free(recent_uuid);
+  orvane_context_release(recent);
+  orvane_context_release(context);
+}
+
+/* Whether a new record says decisions are enabled (signal 503). */
+static bool decisions_recorded_as(const char* expected) {
+  char* raw = fresh_record("switches");
+  const bool matches = json_member_is(raw, "ctx_503", expected);
+  free(raw);
+  return matches;
+}
+
+static void test_decisions_and_control_mode_switches_reach_the_record(void) {
+  CHECK(decisions_recorded_as("true"));
+  orvane_set_decisions_enabled(false);
+  CHECK(decisions_recorded_as("false"));
+  orvane_set_decisions_enabled(true);
+  CHECK(decisions_recorded_as("true"));
+  orvane_set_control_mode(true);
+  CHECK(decisions_recorded_as("false"));
+  orvane_set_control_mode(false);
+  CHECK(decisions_recorded_as("true"));
+}
+
 static void test_golden_signals_are_a_json_object_tied_to_a_logged_record(void) {
   char id[64];
   char* json = orvane_golden_signals("banner", "bid-7");
@@ -407,12 +557,19 @@ int main(void) {
   run_test("outcomes reach the sender as logged", test_outcomes_reach_the_sender_as_logged);
   run_test("a replaced sender releases its data; the log has its encoded forms",
            test_a_replaced_sender_releases_its_data_and_the_log_has_its_encoded_forms);
+  run_test("a context reads back what it recorded", test_a_context_reads_back_what_it_recorded);
   run_test("custom signals keep their type and value",
            test_custom_signals_keep_their_type_and_value);
   run_test("global signals join later logs until removed",
            test_global_signals_join_later_logs_until_removed);
   run_test("revenue forms log the purchase with the outcome",
            test_revenue_forms_log_the_purchase_with_the_outcome);
+  run_test("tracked events log a record of their kind",
+           test_tracked_events_log_a_record_of_their_kind);
+  run_test("recent context is the flow's latest, handed out again",
+           test_recent_context_is_the_flows_latest_handed_out_again);
+  run_test("decisions and control-mode switches reach the record",
+           test_decisions_and_control_mode_switches_reach_the_record);
   run_test("golden signals are a JSON object tied to a logged record",
            test_golden_signals_are_a_json_object_tied_to_a_logged_record);
   run_test("device facts reach the request signals", test_device_facts_reach_the_request_signals);

@@ -8,6 +8,7 @@
 #include "models/CoreMLModelManager.h"
 #include "orvane/Context.h"
 #include "orvane/ContextManager.h"
+#include "orvane/Version.h"
 #include "testutil/FakePlatform.h"
 
 namespace orvane {
@@ -107,7 +108,7 @@ TEST_F(StaticApiTest, StaticSettersReachTheSharedManager) {
   EXPECT_EQ(&ContextManager::shared(), &ContextManager::shared());
   Engine& shared = ContextManagerAccess::engine(ContextManager::shared());
   EXPECT_EQ(shared.licenseKey(), "KEY-0123456789abcdef");
-  EXPECT_EQ(ContextManager::sdkVersion(), "5.13.0");
+  EXPECT_EQ(ContextManager::sdkVersion(), ORVANE_VERSION_STRING);
 
   ContextManager::setGlobalCustomSignal("n", 1);
   ContextManager::setGlobalCustomSignal("f", 0.5);

@@ -6,6 +6,7 @@
 #include "config/RemoteConfiguration.h"
 #include "logging/OrvaneErrorReporting.h"
 #include "models/ControlGrouper.h"
+#include "orvane/Version.h"
 #include "testutil/FakePlatform.h"
 #include "testutil/RecordingHttpTransport.h"
 #include "util/UserDefaultsProvider.h"
@@ -60,7 +61,7 @@ TEST_F(ErrorReportingTest, SendsOneJsonRequestPerReport) {
   const nlohmann::json expected = {{"message", "Failed to parse V3 JSON returned by server."},
                                    {"bundle_id", "com.example.host"},
                                    {"license_key", "APP-KEY-0123456789"},
-                                   {"sdk_version", "5.13.0"},
+                                   {"sdk_version", ORVANE_VERSION_STRING},
                                    {"last_ota_update", 42},
                                    {"installation_uuid", manager->installationUUID()},
                                    {"severity", "error"},

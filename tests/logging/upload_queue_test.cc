@@ -4,6 +4,7 @@
 #include "generators/GeoIPSignalGenerator.h"
 #include "logging/UploadQueueFixture.h"
 #include "models/CoreMLModelManager.h"
+#include "orvane/Version.h"
 #include "timing/TimingCoordinator.h"
 #include "util/UserDefaultsProvider.h"
 
@@ -22,7 +23,7 @@ TEST_F(UploadQueueTest, ForcedPostCarriesTheInstallationAndAnEmptyBatch) {
   EXPECT_EQ(body["events"], nlohmann::json::array());
   EXPECT_EQ(body["bundle_id"], "com.example.host");
   EXPECT_EQ(body["license_key"], "KEY-0123456789abcdef");
-  EXPECT_EQ(body["sdk_version"], "5.13.0");
+  EXPECT_EQ(body["sdk_version"], ORVANE_VERSION_STRING);
   EXPECT_EQ(body["last_ota_update"], 0);
   EXPECT_EQ(body["installation_uuid"], manager->installationUUID());
   EXPECT_EQ(body["platform"], "ios_ads");
