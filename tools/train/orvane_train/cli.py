@@ -10,7 +10,7 @@ from . import model_file, report
 from .features import FeatureSettings
 from .pairing import pair
 from .records import Problems, read_records
-from .trainer import Settings, train_all
+from .trainer import Settings, in_holdout, train_all
 
 
 DEFAULT_SIM = os.path.join(os.path.dirname(__file__), "..", "..", "..", "build", "tools", "sim",
@@ -48,6 +48,24 @@ def write_models(results, args):
     return entries
 
 
+def write_rows(results, settings, path):
+    """Every trained context's model inputs and the trainer's probability, one JSON object per
+    line, in the input format of `orvane-sim predict`: what each model was fed, to compare with
+    what the SDK feeds it."""
+    with open(path, "w") as f:
+        for result in results:
+            if result.model is None:
+                continue
+            matrix = result.table.matrix([c.record for c in result.contexts])
+            probabilities = result.model.predict_proba(matrix)[:, 1]
+            for context, row, probability in zip(result.contexts, matrix, probabilities):
+                line = {"flow": result.flow, "context": context.context_id,
+                        "heldOut": in_holdout(context.context_id, settings),
+                        "positive": context.positive, "probability": float(probability),
+                        "inputs": result.table.inputs_json(row)}
+                f.write(json.dumps(line) + "\n")
+
+
 def parse_arguments(argv):
     p = argparse.ArgumentParser(
         prog="orvane-train",
@@ -81,6 +99,8 @@ def parse_arguments(argv):
                    help="share of installations the service keeps on the control rule")
     p.add_argument("--check-rows", type=int, default=20,
                    help="held-out rows run through orvane-sim per model")
+    p.add_argument("--rows", metavar="FILE",
+                   help="also write every trained context's inputs and probability (JSON lines)")
     p.add_argument("--max-categories", type=int, default=20)
     p.add_argument("--min-category-count", type=int, default=5)
     args = p.parse_args(argv)
@@ -120,6 +140,9 @@ def main(argv=None):
     for result in results:
         for line in report.flow_lines(result):
             print(line)
+
+    if args.rows:
+        write_rows(results, settings, args.rows)
 
     model_payload, control_payload = model_file.payloads(entries, args.payload_version)
     for name, payload in (("payload.json", model_payload),

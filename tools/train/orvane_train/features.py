@@ -40,8 +40,10 @@ def custom_name(signal_id):
 
 def numeric_value(value):
     """What the SDK hands a model for a numeric JSON value of a record, or None when the value
-    is not numeric. Fractional numbers come from 32-bit float signals, written as the shortest
-    text that reads back as that float: reading them as float32 recovers the exact value."""
+    is not numeric. A number with a fraction or an exponent comes from a 32-bit float signal
+    (integer signals are written as plain digits, decimals as text), written as the shortest
+    text that reads back as that float: "1.23e+10" is the float 12300000256, so every such
+    number is read back through float32, whole ones too."""
     if isinstance(value, bool):
         return 1.0 if value else 0.0
     if isinstance(value, int):
@@ -51,9 +53,8 @@ def numeric_value(value):
             return math.nan
         if math.isinf(value):
             return math.copysign(FLOAT32_MAX, value)
-        if value.is_integer():
-            return value
-        return float(np.float32(value))
+        single = np.float32(value) if abs(value) <= FLOAT32_MAX else np.float32(np.inf)
+        return float(single) if np.isfinite(single) else math.copysign(FLOAT32_MAX, value)
     if isinstance(value, str) and value in SPECIAL_NUMBERS:
         return numeric_value(SPECIAL_NUMBERS[value])
     return None
@@ -102,7 +103,9 @@ def classify(values):
     """NUMERIC, TEXT or None (mixed, or nothing usable) for one signal's observed values."""
     numbers = sum(1 for v in values if isinstance(v, (bool, int, float)))
     texts = [v for v in values if isinstance(v, str)]
-    if numbers and all(v in SPECIAL_NUMBERS for v in texts):
+    # A float signal that is never finite uploads only "NaN" and "Infinity" texts: it is still
+    # a number to the SDK, which matches no text category against it.
+    if (numbers or texts) and all(v in SPECIAL_NUMBERS for v in texts):
         return NUMERIC
     if texts and not numbers and len(texts) == len(values):
         return TEXT
@@ -154,12 +157,15 @@ class FeatureTable:
                     continue
             else:
                 numbers = [numeric_value(v) for v in values]
+                if all(math.isnan(n) for n in numbers):
+                    skipped[name] = "never has a value"
+                    continue
                 if len(values) == len(records) and len(set(numbers)) == 1:
                     skipped[name] = "the same value everywhere"
                     continue
-                column.integral = all(
-                    isinstance(v, bool) or (isinstance(v, (int, float)) and float(v).is_integer())
-                    for v in values)
+                # Only integer and bool signals upload as plain digits or true/false; a
+                # number with a fraction or exponent is a float, whole or not.
+                column.integral = all(isinstance(v, (bool, int)) for v in values)
             columns.append(column)
         return cls(columns, skipped)
 
