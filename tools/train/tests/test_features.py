@@ -51,6 +51,12 @@ class FeatureNamingTest(unittest.TestCase):
         # Absent signals are missing, every one-hot column included.
         self.assertTrue(math.isnan(values["<c>sessions</c>"]))
         self.assertTrue(math.isnan(values["<c>ratio</c>"]))
+        # A float's written text is read back through float32 even when whole; an infinity
+        # becomes the largest float32.
+        (row,) = self.table.matrix(records([({70: 1.23e10}, {"ratio": "Infinity"})]))
+        values = dict(zip(self.table.names(), row))
+        self.assertEqual(values["70"], 12300000256.0)
+        self.assertEqual(values["<c>ratio</c>"], float(np.finfo(np.float32).max))
 
     def test_absent_text_signal_leaves_all_its_columns_missing(self):
         (row,) = self.table.matrix(records([({70: 0.2}, {})]))
