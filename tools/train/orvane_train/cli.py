@@ -102,10 +102,10 @@ def parse_arguments(argv):
                    help="share of installations the service keeps on the control rule")
     p.add_argument("--check-rows", type=int, default=20,
                    help="held-out rows run through orvane-sim per model")
-    p.add_argument("--max-contexts", type=int, default=1_000_000,
+    p.add_argument("--max-contexts", type=int, default=200_000,
                    help="a flow with more shown contexts trains on a sample of this many "
                         "(0: no limit)")
-    p.add_argument("--column-sample", type=int, default=100_000,
+    p.add_argument("--column-sample", type=int, default=50_000,
                    help="choose a flow's inputs and categories from at most this many of its "
                         "training contexts (0: all)")
     p.add_argument("--threads", type=int, default=1,
