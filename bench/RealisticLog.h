@@ -10,8 +10,9 @@
 
 namespace orvane::bench {
 
-// ~420 signals of every kind, a log id and one custom signal; `serial` varies the values.
-inline Log realisticLog(Engine& manager, int serial) {
+// ~420 signals of every kind the SDK sends (text, integer, float by id); `serial` varies the
+// values.
+inline SignalList realisticSignals(int serial) {
   SignalList signals;
   for (const SignalEnum id : SignalEnum::allCases()) {
     if (signals.size() == 420) break;
@@ -24,6 +25,12 @@ inline Log realisticLog(Engine& manager, int serial) {
       signals.push_back(SignalFloat(id, static_cast<float>(raw) / 7.0f + serial));
     }
   }
+  return signals;
+}
+
+// The signals above, a log id and one custom signal.
+inline Log realisticLog(Engine& manager, int serial) {
+  SignalList signals = realisticSignals(serial);
   signals.push_back(SignalString(SignalEnum::id(8), "log-" + std::to_string(serial)));
   const CustomSignalList custom{CustomSignalString("plan", "pro")};
   auto encoded = manager.logEncoder().encodeLog(signals, custom, {});

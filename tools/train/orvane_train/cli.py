@@ -3,14 +3,18 @@
 import argparse
 import json
 import os
+import resource
 import sqlite3
 import sys
+import time
+
+from threadpoolctl import threadpool_limits
 
 from . import model_file, report
 from .features import FeatureSettings
 from .pairing import pair
-from .records import Problems, read_records
-from .trainer import Settings, train_all
+from .records import Problems, Sources
+from .trainer import Settings, in_holdout, train_all
 
 
 DEFAULT_SIM = os.path.join(os.path.dirname(__file__), "..", "..", "..", "build", "tools", "sim",
@@ -48,6 +52,23 @@ def write_models(results, args):
     return entries
 
 
+def write_rows(results, settings, path):
+    """Every trained context's model inputs and the trainer's probability, one JSON object per
+    line, in the input format of `orvane-sim predict`: what each model was fed, to compare with
+    what the SDK feeds it."""
+    with open(path, "w") as f:
+        for result in results:
+            if result.model is None:
+                continue
+            probabilities = result.model.predict_proba(result.matrix)[:, 1]
+            for context, row, probability in zip(result.contexts, result.matrix, probabilities):
+                line = {"flow": result.flow, "context": context.context_id,
+                        "heldOut": in_holdout(context.context_id, settings),
+                        "positive": context.positive, "probability": float(probability),
+                        "inputs": result.table.inputs_json(row)}
+                f.write(json.dumps(line) + "\n")
+
+
 def parse_arguments(argv):
     p = argparse.ArgumentParser(
         prog="orvane-train",
@@ -81,6 +102,17 @@ def parse_arguments(argv):
                    help="share of installations the service keeps on the control rule")
     p.add_argument("--check-rows", type=int, default=20,
                    help="held-out rows run through orvane-sim per model")
+    p.add_argument("--max-contexts", type=int, default=200_000,
+                   help="a flow with more shown contexts trains on a sample of this many "
+                        "(0: no limit)")
+    p.add_argument("--column-sample", type=int, default=50_000,
+                   help="choose a flow's inputs and categories from at most this many of its "
+                        "training contexts (0: all)")
+    p.add_argument("--threads", type=int, default=1,
+                   help="threads the trees are fitted with; more help only on idle cores (on "
+                        "a busy machine OpenMP's waiting threads make a fit many times slower)")
+    p.add_argument("--rows", metavar="FILE",
+                   help="also write every trained context's inputs and probability (JSON lines)")
     p.add_argument("--max-categories", type=int, default=20)
     p.add_argument("--min-category-count", type=int, default=5)
     args = p.parse_args(argv)
@@ -96,30 +128,38 @@ def main(argv=None):
     settings = Settings(seed=args.seed, holdout_share=args.holdout_share,
                         show_share=args.show_share, min_contexts=args.min_contexts,
                         min_each_class=args.min_each_class, min_shown=args.min_shown,
+                        max_contexts=args.max_contexts, column_sample=args.column_sample,
                         features=FeatureSettings(args.max_categories, args.min_category_count))
-    problems = Problems()
-    records = []
-    for path in args.data:
-        try:
-            found = read_records(path, problems)
-        except (OSError, sqlite3.Error) as error:
-            print(f"orvane-train: cannot read {path}: {error}", file=sys.stderr)
-            return 1
-        # Later sources come after earlier ones, so a re-sent record keeps its first copy.
-        for record in found:
-            record.order += len(records)
-        records.extend(found)
+    started = time.monotonic()
 
-    pairing = pair(records, problems)
-    print(f"{len(records)} records read")
-    for line in report.pairing_lines(pairing) + problems.lines():
-        print(line)
-    results = train_all(pairing, settings)
+    def stage(text):
+        peak = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024
+        print(f"[{time.monotonic() - started:7.1f} s, peak {peak:6.0f} MB] {text}")
+
+    problems = Problems()
+    # Sources are read once for pairing and again for the contexts trained on; later sources
+    # come after earlier ones, so a re-sent record keeps its first copy.
+    source = Sources(args.data)
+    try:
+        records = source.light_records(problems)
+        stage(f"{len(records)} records read and paired")
+        pairing = pair(records, problems)
+        for line in report.pairing_lines(pairing) + problems.lines():
+            print(line)
+        with threadpool_limits(limits=max(1, args.threads)):
+            results = train_all(pairing, settings, source, log=stage)
+    except (OSError, sqlite3.Error) as error:
+        print(f"orvane-train: cannot read the records: {error}", file=sys.stderr)
+        return 1
     os.makedirs(args.out, exist_ok=True)
     entries = write_models(results, args)
+    stage("models written and checked")
     for result in results:
         for line in report.flow_lines(result):
             print(line)
+
+    if args.rows:
+        write_rows(results, settings, args.rows)
 
     model_payload, control_payload = model_file.payloads(entries, args.payload_version)
     for name, payload in (("payload.json", model_payload),

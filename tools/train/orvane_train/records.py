@@ -19,6 +19,7 @@ FLOW = 20
 EVENT_TYPE = 23
 SHOWN = 12
 MODEL_RAN = 16
+REQUESTED_DURATION = 191
 
 
 @dataclass
@@ -79,20 +80,24 @@ class Problems:
                 for kind, n in sorted(self.counts.items())]
 
 
-def record_from_json(event, order, problems, where):
-    """A Record from one event object, or None (counted in `problems`) when it is not one."""
+def record_from_json(event, order, problems, where, only=None):
+    """A Record from one event object, or None (counted in `problems`) when it is not one.
+    With `only` (signal ids), the record holds just those signals and no custom ones."""
     if not isinstance(event, dict):
         problems.add("event is not a JSON object", where)
         return None
-    signals = {}
-    for key, value in event.items():
-        if key.startswith("ctx_") and key[4:].isdigit():
-            signals[int(key[4:])] = value
     custom = {}
-    groups = event.get("ctx_custom_signals")
-    if isinstance(groups, dict):
-        # Only the request's own custom signals ("f_") reach a model; global ones do not.
-        custom = {k[2:]: v for k, v in groups.items() if k.startswith("f_") and len(k) > 2}
+    if only is not None:
+        signals = {i: event[f"ctx_{i}"] for i in only if f"ctx_{i}" in event}
+    else:
+        signals = {}
+        for key, value in event.items():
+            if key.startswith("ctx_") and key[4:].isdigit():
+                signals[int(key[4:])] = value
+        groups = event.get("ctx_custom_signals")
+        if isinstance(groups, dict):
+            # Only the request's own custom signals ("f_") reach a model; global ones do not.
+            custom = {k[2:]: v for k, v in groups.items() if k.startswith("f_") and len(k) > 2}
     record = Record(order=order, signals=signals, custom=custom)
     if record.log_id is None:
         problems.add("record without a log id (ctx_8)", where)
@@ -100,31 +105,25 @@ def record_from_json(event, order, problems, where):
     return record
 
 
-def read_sqlite(path, problems):
-    """Records of the `events` table, in the order the service received them."""
+PAIRING_SIGNALS = (LOG_ID, OUTCOME, CONTEXT_ID, FLOW, EVENT_TYPE, SHOWN, MODEL_RAN,
+                   REQUESTED_DURATION)
+
+
+def _sqlite_events(path, problems):
+    """(where, JSON text, True) of the `events` table, in the order the service received them,
+    read a row at a time."""
     uri = "file:" + os.path.abspath(path) + "?mode=ro"
     connection = sqlite3.connect(uri, uri=True)
     try:
-        rows = connection.execute("SELECT id, event FROM events ORDER BY id").fetchall()
+        for row_id, text in connection.execute("SELECT id, event FROM events ORDER BY id"):
+            yield f"{path} events.id={row_id}", text, True
     finally:
         connection.close()
-    records = []
-    for row_id, text in rows:
-        where = f"{path} events.id={row_id}"
-        try:
-            event = json.loads(text)
-        except (TypeError, ValueError) as error:
-            problems.add("event that is not JSON", f"{where}: {error}")
-            continue
-        record = record_from_json(event, len(records), problems, where)
-        if record:
-            records.append(record)
-    return records
 
 
-def read_upload_folder(path, problems):
-    """Records of every upload body (*.json, *.json.gz) in a folder, files in name order."""
-    records = []
+def _folder_events(path, problems):
+    """(where, event, False) of every upload body (*.json, *.json.gz) in a folder, files in
+    name order."""
     names = sorted(n for n in os.listdir(path) if n.endswith((".json", ".json.gz")))
     for name in names:
         file_path = os.path.join(path, name)
@@ -140,13 +139,72 @@ def read_upload_folder(path, problems):
             problems.add("upload without an \"events\" array", file_path)
             continue
         for i, event in enumerate(events):
-            record = record_from_json(event, len(records), problems, f"{file_path} event {i}")
+            yield f"{file_path} event {i}", event, False
+
+
+class Sources:
+    """The records of several inputs (SQLite files or upload folders; earlier ones count as
+    received first), read again for each pass rather than held: a record's `order` is its
+    position among every event of every input, the same in each pass."""
+
+    def __init__(self, paths):
+        self.paths = list(paths)
+
+    def _events(self, problems):
+        order = 0
+        for path in self.paths:
+            events = _folder_events if os.path.isdir(path) else _sqlite_events
+            for where, event, is_text in events(path, problems):
+                yield order, where, event, is_text
+                order += 1
+
+    @staticmethod
+    def _parse(order, where, event, is_text, problems, only=None):
+        if is_text:
+            try:
+                event = json.loads(event)
+            except ValueError as error:
+                problems.add("event that is not JSON", f"{where}: {error}")
+                return None
+        return record_from_json(event, order, problems, where, only)
+
+    def light_records(self, problems):
+        """Every record with only what pairing and the payload read (a million full records
+        do not fit in memory, a million light ones do), reporting what cannot be read."""
+        records = []
+        for order, where, event, is_text in self._events(problems):
+            record = self._parse(order, where, event, is_text, problems, PAIRING_SIGNALS)
             if record:
                 records.append(record)
-    return records
+        return records
+
+    def full_records(self, orders):
+        """(order, Record) for the records at `orders`, in received order; only those are
+        parsed."""
+        quiet = Problems()
+        for order, where, event, is_text in self._events(quiet):
+            if order in orders:
+                record = self._parse(order, where, event, is_text, quiet)
+                if record:
+                    yield order, record
+
+
+class InMemory:
+    """Records already read, served like `Sources` (small inputs and tests)."""
+
+    def __init__(self, records):
+        self.by_order = {r.order: r for r in records}
+
+    def full_records(self, orders):
+        for order in sorted(orders):
+            yield order, self.by_order[order]
 
 
 def read_records(path, problems):
-    if os.path.isdir(path):
-        return read_upload_folder(path, problems)
-    return read_sqlite(path, problems)
+    """Every record of one input, held in memory."""
+    records = []
+    for order, where, event, is_text in Sources([path])._events(problems):
+        record = Sources._parse(order, where, event, is_text, problems)
+        if record:
+            records.append(record)
+    return records

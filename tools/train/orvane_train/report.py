@@ -9,6 +9,11 @@ def _interval(rate):
 def flow_lines(result):
     lines = [f"flow {result.flow}: {result.shown_contexts} shown contexts answered "
              f"({result.not_shown} answered but not shown, left out)"]
+    if result.sampled_contexts:
+        lines.append(f"  trained and held out on a sample of {result.sampled_contexts} of them")
+    if result.column_contexts:
+        lines.append(f"  inputs chosen from a sample of {result.column_contexts} training "
+                     f"contexts")
     h = result.holdout
     if h is not None:
         lines.append(f"  train {result.train_contexts} ({result.train_positives} positive), "
@@ -39,6 +44,8 @@ def pairing_lines(pairing):
 def flow_json(result):
     out = {"flow": result.flow, "ships": result.ships, "refused": result.refused,
            "shownContexts": result.shown_contexts, "notShown": result.not_shown,
+           "sampledContexts": result.sampled_contexts or None,
+           "columnContexts": result.column_contexts or None,
            "trainContexts": result.train_contexts, "trainPositives": result.train_positives}
     h = result.holdout
     if h is not None:

@@ -51,6 +51,12 @@ class FeatureNamingTest(unittest.TestCase):
         # Absent signals are missing, every one-hot column included.
         self.assertTrue(math.isnan(values["<c>sessions</c>"]))
         self.assertTrue(math.isnan(values["<c>ratio</c>"]))
+        # A float's written text is read back through float32 even when whole; an infinity
+        # becomes the largest float32.
+        (row,) = self.table.matrix(records([({70: 1.23e10}, {"ratio": "Infinity"})]))
+        values = dict(zip(self.table.names(), row))
+        self.assertEqual(values["70"], 12300000256.0)
+        self.assertEqual(values["<c>ratio</c>"], float(np.finfo(np.float32).max))
 
     def test_absent_text_signal_leaves_all_its_columns_missing(self):
         (row,) = self.table.matrix(records([({70: 0.2}, {})]))
@@ -83,6 +89,18 @@ class FeatureChoiceTest(unittest.TestCase):
         self.assertEqual(table.names(), ["71"])
         self.assertEqual(set(table.skipped), {"70", "72", "1", "<c>x<c></c>"})
 
+    def test_float_that_is_never_a_number_is_not_text(self):
+        # The SDK serves such a signal as a missing double, never as a category.
+        rows = [({70: i / 10, 53: "NaN"}, {}) for i in range(6)]
+        table = FeatureTable.fit(records(rows), FeatureSettings(min_category_count=2))
+        self.assertEqual(table.names(), ["70"])
+        self.assertEqual(table.skipped["53"], "never has a value")
+
+    def test_custom_floats_written_whole_stay_doubles(self):
+        rows = [({}, {"big": 1.5e10 * (i + 1), "count": i}) for i in range(6)]
+        types = dict(FeatureTable.fit(records(rows)).input_types())
+        self.assertEqual(types, {"<c>big</c>": "double", "<c>count</c>": "int64"})
+
     def test_category_cap_keeps_the_most_frequent(self):
         rows = [({34: "common"}, {}) for _ in range(5)] + [({34: f"r{i % 3}"}, {})
                                                           for i in range(6)]
@@ -97,7 +115,10 @@ class NumericValueTest(unittest.TestCase):
         self.assertEqual(numeric_value(7), 7.0)
         self.assertEqual(numeric_value(0.1), float(np.float32(0.1)))
         self.assertNotEqual(numeric_value(0.1), 0.1)
-        self.assertEqual(numeric_value(1e12), 1e12)  # integral values are left alone
+        # A float's shortest text may be whole ("1.23e+10") without being the float's value;
+        # an integer signal's plain digits are exact.
+        self.assertEqual(numeric_value(1.23e10), 12300000256.0)
+        self.assertEqual(numeric_value(12300000000), 12300000000.0)
         self.assertTrue(math.isnan(numeric_value("NaN")))
         self.assertEqual(numeric_value("-Infinity"), -float(np.finfo(np.float32).max))
         self.assertIsNone(numeric_value("text"))

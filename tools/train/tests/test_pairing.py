@@ -6,7 +6,7 @@ import tempfile
 import unittest
 
 from orvane_train.pairing import pair
-from orvane_train.records import Problems, read_records, record_from_json
+from orvane_train.records import Problems, Sources, read_records, record_from_json
 
 from .synthetic import log
 
@@ -89,6 +89,29 @@ class ReadingTest(unittest.TestCase):
         records = read_records(db, problems)
         self.assertEqual([r.log_id for r in records], ["first", "second"])
         self.assertEqual(sum(problems.counts.values()), 2)
+
+    def test_passes_over_several_sources_agree_on_record_order(self):
+        with open(self.path("1.json"), "w") as f:
+            json.dump({"events": [log("a", "paywall", 1, signals={113: 0.5}), "broken",
+                                  log("b", "paywall", -1, custom={"plan": "gold"})]}, f)
+        db = self.path("service.sqlite")
+        connection = sqlite3.connect(db)
+        connection.execute("CREATE TABLE events(id INTEGER PRIMARY KEY, event TEXT)")
+        connection.execute("INSERT INTO events(event) VALUES (?)",
+                           (json.dumps(log("c", "banner", 2, signals={191: 3})),))
+        connection.commit()
+        connection.close()
+        sources = Sources([self.folder.name, db])
+        problems = Problems()
+        light = sources.light_records(problems)
+        self.assertEqual([(r.order, r.context_id) for r in light], [(0, "a"), (2, "b"), (3, "c")])
+        self.assertEqual(problems.counts, {"event is not a JSON object": 1})
+        # Light records carry what pairing and the payload read, not the features.
+        self.assertNotIn(113, light[0].signals)
+        self.assertEqual((light[1].custom, light[2].get(191)), ({}, 3))
+        full = dict(sources.full_records({2, 0}))
+        self.assertEqual(sorted(full), [0, 2])
+        self.assertEqual((full[0].get(113), full[2].custom), (0.5, {"plan": "gold"}))
 
     def test_upload_folder_with_compressed_and_broken_bodies(self):
         with open(self.path("1.json"), "w") as f:

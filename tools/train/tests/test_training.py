@@ -6,6 +6,7 @@ from sklearn.metrics import roc_auc_score
 from orvane_train.evaluation import auc_delong, choose_threshold, evaluate_holdout, wilson
 from orvane_train.pairing import pair
 from orvane_train.records import Problems, record_from_json
+from orvane_train.report import flow_lines
 from orvane_train.trainer import Settings, in_holdout, train_flow
 
 from .synthetic import moments
@@ -85,6 +86,18 @@ class TrainingTest(unittest.TestCase):
             event["ctx_12"] = False
         result = train(events, Settings(min_contexts=100))
         self.assertEqual((result.shown_contexts, result.not_shown), (200, 400))
+
+    def test_huge_flows_are_sampled_and_say_so(self):
+        events = moments(900, seed=10, signal_strength=1.5)
+        result = train(events, Settings(max_contexts=600, column_sample=200))
+        self.assertEqual((result.shown_contexts, result.sampled_contexts), (900, 600))
+        self.assertEqual(len(result.contexts), 600)
+        self.assertEqual(result.holdout.contexts + result.train_contexts, 600)
+        self.assertEqual(result.column_contexts, 200)
+        self.assertTrue(result.ships, result.refused)
+        lines = "\n".join(flow_lines(result))
+        self.assertIn("sample of 600", lines)
+        self.assertIn("sample of 200 training contexts", lines)
 
     def test_split_is_stable_and_near_the_share(self):
         ids = [f"ctx-{i}" for i in range(4000)]
