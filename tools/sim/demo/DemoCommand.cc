@@ -390,8 +390,10 @@ int DemoRun::run() {
 void addDemoCommand(CLI::App& app, int& exitCode) {
   auto options = std::make_shared<demo::DemoOptions>();
   auto* demo = app.add_subcommand("demo", "play a host app for about a minute and report on it");
-  demo->add_option("--seconds", options->seconds, "length of the run (default 60)")
-      ->check(CLI::Range(5.0, 3600.0));
+  auto* seconds =
+      demo->add_option("--seconds", options->seconds,
+                       "length of the run (default 60), or of each act of --learn (default 90)")
+          ->check(CLI::Range(5.0, 3600.0));
   demo->add_option("--service", options->service,
                    "the service's base URL (default: start orvane-devservice on loopback)");
   demo->add_option("--data-dir", options->dataDir,
@@ -415,8 +417,14 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
   demo->add_option("--trainer", options->trainer, "the orvane-train program, for --learn");
   // The learning run's installations: not for people.
   demo->add_flag("--play-only", options->playOnly)->group("");
-  demo->callback([options, &exitCode] {
-    exitCode = options->learn ? demo::LearnRun(*options).run() : demo::DemoRun(*options).run();
+  demo->callback([options, seconds, &exitCode] {
+    if (!options->learn) {
+      exitCode = demo::DemoRun(*options).run();
+      return;
+    }
+    // Long enough for the trainer's minimum counts on the flows that ask most often.
+    if (seconds->count() == 0) options->seconds = 90;
+    exitCode = demo::LearnRun(*options).run();
   });
 }
 

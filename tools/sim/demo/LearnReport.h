@@ -23,8 +23,9 @@ struct LearnResult {
   int installations = 0;
   double actSeconds = 0;
   double controlShare = 0;
-  int64_t collectVersion = 0;  // act 1's update
-  int64_t trainedVersion = 0;  // act 2's
+  int64_t collectVersion = 0;   // act 1's update
+  int64_t trainedVersion = 0;   // act 2's
+  int64_t act1LastRequest = 0;  // the service's upload numbers up to this one are act 1
   std::vector<std::string> flowOrder;
   double act1WallSeconds = 0, trainWallSeconds = 0, act2WallSeconds = 0, wallSeconds = 0;
   int act1Failures = 0, act2Failures = 0;  // installations that did not end well

@@ -302,6 +302,7 @@ int Learning::run() {
     return 1;
   }
 
+  result_.act1LastRequest = *act1Last;
   std::cout << "training: orvane-train on the " << *act1Last << " uploads of act 1" << std::endl;
   phase = Clock::now();
   train();

@@ -17,6 +17,7 @@ namespace orvane::sim::demo {
 struct Tally {
   int64_t shown = 0;
   int64_t positive = 0;
+  bool operator==(const Tally&) const = default;
 };
 
 // A rate with its 95 % Wilson score interval; all 0 when nothing was shown.
