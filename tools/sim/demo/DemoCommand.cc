@@ -392,7 +392,7 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
   auto* demo = app.add_subcommand("demo", "play a host app for about a minute and report on it");
   auto* seconds =
       demo->add_option("--seconds", options->seconds,
-                       "length of the run (default 60), or of each act of --learn (default 90)")
+                       "length of the run (default 60), or of each act of --learn (default 30)")
           ->check(CLI::Range(5.0, 3600.0));
   demo->add_option("--service", options->service,
                    "the service's base URL (default: start orvane-devservice on loopback)");
@@ -412,7 +412,7 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
                  "to all but a control share of installations and play on; --seconds is each "
                  "act's length");
   demo->add_option("--installations", options->installations,
-                   "installations per act of --learn, each a process of its own (default 12)")
+                   "installations per act of --learn, each a process of its own (default 48)")
       ->check(CLI::Range(1, 64));
   demo->add_option("--trainer", options->trainer, "the orvane-train program, for --learn");
   // The learning run's installations: not for people.
@@ -422,8 +422,9 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
       exitCode = demo::DemoRun(*options).run();
       return;
     }
-    // Long enough for the trainer's minimum counts on the flows that ask most often.
-    if (seconds->count() == 0) options->seconds = 90;
+    // Request periods scale with the run, so a longer act brings no more answers: the
+    // trainer's data comes from the number of installations, and short acts keep it quick.
+    if (seconds->count() == 0) options->seconds = 30;
     exitCode = demo::LearnRun(*options).run();
   });
 }

@@ -23,7 +23,7 @@ struct DemoOptions {
   bool playOnly = false;
   // The learning run: collect with the control rule, train, ship, and play on.
   bool learn = false;
-  int installations = 12;
+  int installations = 48;
   std::string trainer;  // orvane-train; found beside orvane-sim or in the source tree
 };
 

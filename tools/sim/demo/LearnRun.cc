@@ -30,7 +30,7 @@ constexpr int64_t kTrainedVersion = 2;
 constexpr double kControlShare = 0.5;
 // What the trainer needs per flow, lowered from its defaults (200 contexts, 20 of each answer
 // and 20 held-out contexts shown) to what a few minutes of demo installations collect.
-constexpr int kMinContexts = 100;
+constexpr int kMinContexts = 80;
 constexpr int kMinEachClass = 15;
 constexpr int kMinShown = 15;
 // An installation's flush at the end may wait out a back-off; past this it is ended.
@@ -96,6 +96,11 @@ class Learning {
 
 bool Learning::prepare() {
   sim_ = simExecutable();
+  if (!options_.service.empty()) {
+    std::cerr << "orvane-sim demo --learn: the run starts its own service; --service does not "
+                 "apply\n";
+    return false;
+  }
   if (options_.dataDir.empty()) {
     std::string pattern = (fs::temp_directory_path() / "orvane-learn-XXXXXX").string();
     if (!mkdtemp(pattern.data())) {
