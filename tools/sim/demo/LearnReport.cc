@@ -165,7 +165,8 @@ std::string facts(const LearnResult& r) {
                  act(s.act2) + "; model arm " + std::to_string(s.modelInstallations) +
                      " installations, control arm " + std::to_string(s.controlInstallations));
     html += fact("re-sent records", std::to_string(s.duplicates) + " dropped");
-    if (s.act2.installations > 0 && (s.modelInstallations == 0 || s.controlInstallations == 0)) {
+    if (r.controlShare > 0 && s.act2.installations > 0 &&
+        (s.modelInstallations == 0 || s.controlInstallations == 0)) {
       html += fact("note", "every installation of act 2 fell in one arm: no comparison of arms");
     }
   }

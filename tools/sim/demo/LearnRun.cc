@@ -279,8 +279,9 @@ void Learning::printTrainedFlows() {
       std::cout << text << "\n";
     } else {
       const json refused = entry.value("refused", json::array());
+      const json& reason = refused.empty() ? json("no reason given") : refused[0];
       std::cout << "not shipped: "
-                << (refused.empty() ? std::string("no reason given") : refused[0].dump()) << "\n";
+                << (reason.is_string() ? reason.get<std::string>() : reason.dump()) << "\n";
     }
   }
 }
