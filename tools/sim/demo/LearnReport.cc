@@ -229,11 +229,15 @@ json learnFigures(const LearnResult& result) {
                    {"act2Model", tallyJson(a.model)},    {"act2Control", tallyJson(a.control)},
                    {"act2BeforeUpdate", a.beforeUpdate}, {"modelShipped", ships(result, flow)}};
   }
-  json out = {
-      {"installationsPerAct", result.installations}, {"actSeconds", result.actSeconds},
-      {"controlShare", result.controlShare},         {"trainedVersion", result.trainedVersion},
-      {"act1LastRequest", result.act1LastRequest},   {"trainProblem", result.trainProblem},
-      {"wallSeconds", result.wallSeconds},           {"flows", flows}};
+  json out = {{"installationsPerAct", result.installations},
+              {"actSeconds", result.actSeconds},
+              {"controlShare", result.controlShare},
+              {"trainedVersion", result.trainedVersion},
+              {"act1LastRequest", result.act1LastRequest},
+              {"trainProblem", result.trainProblem},
+              {"wallSeconds", result.wallSeconds},
+              {"flows", flows},
+              {"installationFailures", {result.act1Failures, result.act2Failures}}};
   if (result.records) {
     auto act = [](const ActCounts& a) {
       return json{{"installations", a.installations}, {"uploads", a.uploads}, {"events", a.events}};
