@@ -2,58 +2,22 @@
 // script, and ends with a summary and a report. What the service received is read from its
 // database, not from the demo's own account.
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
+
+#include "sim/ToolRun.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-struct Finished {
-  int status = -1;
-  std::string output;
-};
-
-Finished run(const std::string& command) {
-  Finished finished;
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (!pipe) return finished;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) finished.output.append(buffer, n);
-  const int status = pclose(pipe);
-  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return finished;
-}
-
-int64_t queryNumber(const fs::path& database, const std::string& sql) {
-  sqlite3* db = nullptr;
-  int64_t value = -1;
-  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
-        sqlite3_step(statement) == SQLITE_ROW) {
-      value = sqlite3_column_int64(statement, 0);
-    }
-    sqlite3_finalize(statement);
-  }
-  sqlite3_close(db);
-  return value;
-}
-
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using sim_testing::Finished;
+using sim_testing::queryNumber;
+using sim_testing::readFile;
+using sim_testing::run;
 
 TEST(DemoRun, TenSecondsReachTheServiceApplyTheUpdateAndWriteTheReport) {
   const fs::path dir =

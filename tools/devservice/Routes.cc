@@ -41,10 +41,15 @@ std::vector<FaultStep> stepsFromBody(const std::string& body) {
   return steps;
 }
 
+json describe(const PayloadFile::Snapshot& payload) {
+  return {{"loads", payload.loads}, {"problem", payload.problem.value_or("")}};
+}
+
 void upload(Services& services, const httplib::Request& req, httplib::Response& res) {
   const std::optional<FaultStep> step = services.faults.next();
   const std::optional<int> status = step ? step->status : 200;
-  services.storage.addUpload(req.body, status);
+  const std::string arm = services.split.armOf(installationUuidOf(req.body));
+  services.storage.addUpload(req.body, status, arm);
   if (step && step->delaySeconds > 0 && !services.stop.waitFor(step->delaySeconds)) {
     answerJson(res, 503, {{"error", "service stopping"}});
     return;
@@ -53,7 +58,8 @@ void upload(Services& services, const httplib::Request& req, httplib::Response& 
     breakConnection(res);
   } else if (*status >= 200 && *status < 300) {
     res.status = *status;
-    const PayloadFile::Snapshot payload = services.payload.current();
+    PayloadFile& file = arm == kControlArm ? services.controlPayload : services.payload;
+    const PayloadFile::Snapshot payload = file.current();
     if (!payload.body.empty()) res.set_content(payload.body, kJson);
   } else {
     answerJson(res, *status, {{"error", "injected fault"}});
@@ -72,7 +78,9 @@ void installRoutes(httplib::Server& server, Services& services) {
                 res.status = 200;
               });
   server.Get("/stored", [&services](const httplib::Request&, httplib::Response& res) {
-    answerJson(res, 200, services.storage.listing());
+    json listing = services.storage.listing();
+    listing["control_share"] = services.split.share();
+    answerJson(res, 200, listing);
   });
   server.Post("/control/faults", [&services](const httplib::Request& req, httplib::Response& res) {
     try {
@@ -84,10 +92,12 @@ void installRoutes(httplib::Server& server, Services& services) {
     answerJson(res, 200, {{"faults", services.faults.remaining()}});
   });
   server.Get("/health", [&services](const httplib::Request&, httplib::Response& res) {
-    const PayloadFile::Snapshot payload = services.payload.current();
     answerJson(res, 200,
                {{"status", "ok"},
-                {"payload", {{"loads", payload.loads}, {"problem", payload.problem.value_or("")}}},
+                {"payload", describe(services.payload.current())},
+                {"control_payload", describe(services.controlPayload.current())},
+                {"control_share", services.split.share()},
+                {"arms", services.storage.armCounts()},
                 {"faults", services.faults.remaining()}});
   });
   if (!services.modelsDir.empty() && !server.set_mount_point("/models", services.modelsDir)) {

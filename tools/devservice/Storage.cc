@@ -20,7 +20,8 @@ CREATE TABLE IF NOT EXISTS uploads (
   event_count INTEGER NOT NULL,
   answered INTEGER,     -- NULL: the connection was broken without an answer
   problem TEXT,         -- why the body was not the expected JSON
-  envelope TEXT         -- the body without its events (the whole body when unreadable)
+  envelope TEXT,        -- the body without its events (the whole body when unreadable)
+  arm TEXT              -- which file answered the installation: payload or control
 );
 CREATE TABLE IF NOT EXISTS events (
   id INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -142,6 +143,10 @@ Storage::Storage(const std::string& path) {
     throw std::runtime_error("cannot open " + path + ": " + message);
   }
   exec(kSchema);
+  // Files written before uploads had an arm keep their rows; those rows have none.
+  if (!Statement(db_, "SELECT 1 FROM pragma_table_info('uploads') WHERE name = 'arm'").step()) {
+    exec("ALTER TABLE uploads ADD COLUMN arm TEXT");
+  }
 }
 
 Storage::~Storage() { sqlite3_close(db_); }
@@ -155,7 +160,8 @@ void Storage::exec(const char* sql) {
   }
 }
 
-int64_t Storage::addUpload(const std::string& body, std::optional<int> answered) {
+int64_t Storage::addUpload(const std::string& body, std::optional<int> answered,
+                           const std::string& arm) {
   json request = json::parse(body, nullptr, false);
   json events = json::array();
   json problem;
@@ -179,8 +185,8 @@ int64_t Storage::addUpload(const std::string& body, std::optional<int> answered)
   try {
     Statement upload(db_,
                      "INSERT INTO uploads (received_at, installation_uuid, bundle_id, sdk_version,"
-                     " platform, last_ota_update, event_count, answered, problem, envelope)"
-                     " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+                     " platform, last_ota_update, event_count, answered, problem, envelope, arm)"
+                     " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     upload.bind(1, received)
         .bind(2, uuid)
         .bind(3, valueAt(request, "bundle_id"))
@@ -191,6 +197,7 @@ int64_t Storage::addUpload(const std::string& body, std::optional<int> answered)
         .bind(8, answered ? json(*answered) : json())
         .bind(9, problem)
         .bind(10, envelope)
+        .bind(11, arm)
         .step();
     const int64_t number = sqlite3_last_insert_rowid(db_);
     Statement event(db_,
@@ -253,7 +260,29 @@ json Storage::listing() {
   out["counts"] = {{"uploads", out["uploads"].size()},
                    {"events", out["events"].size()},
                    {"error_reports", out["error_reports"].size()}};
+  out["arms"] = armCountsLocked();
   return out;
+}
+
+json Storage::armCounts() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return armCountsLocked();
+}
+
+json Storage::armCountsLocked() {
+  json arms = json::object();
+  Statement counts(db_,
+                   "SELECT arm, COUNT(*) AS uploads, COUNT(DISTINCT installation_uuid) AS"
+                   " installations, TOTAL(event_count) AS events FROM uploads WHERE arm IS NOT NULL"
+                   " GROUP BY arm ORDER BY arm");
+  while (counts.step()) {
+    json row = counts.row();
+    arms[row["arm"].get<std::string>()] = {
+        {"uploads", row["uploads"]},
+        {"installations", row["installations"]},
+        {"events", static_cast<int64_t>(row["events"].get<double>())}};
+  }
+  return arms;
 }
 
 }  // namespace devservice

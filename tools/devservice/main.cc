@@ -15,6 +15,7 @@
 #include <iostream>
 #include <thread>
 
+#include "ControlSplit.h"
 #include "FaultScript.h"
 #include "PayloadFile.h"
 #include "Routes.h"
@@ -52,8 +53,8 @@ void waitForStop(sigset_t signals, double seconds) {
 int main(int argc, char** argv) {
   CLI::App app{"Loopback upload and error-reporting service for development and tests"};
   int port = 0;
-  std::string database, payloadPath, modelsDir, faultList;
-  double timeLimit = 600;
+  std::string database, payloadPath, controlPayloadPath, modelsDir, faultList;
+  double timeLimit = 600, controlShare = 0;
   app.add_option("--port", port, "Port on 127.0.0.1; 0 picks a free one")
       ->check(CLI::Range(0, 65535));
   app.add_option("--db", database,
@@ -62,6 +63,13 @@ int main(int argc, char** argv) {
   app.add_option("--payload", payloadPath,
                  "JSON file uploads are answered with, read again when it changes (default: "
                  "empty answers)");
+  app.add_option("--control-payload", controlPayloadPath,
+                 "JSON file the control arm's uploads are answered with, read again when it "
+                 "changes");
+  app.add_option("--control-share", controlShare,
+                 "Share of installations (by a hash of their uuid) answered with "
+                 "--control-payload (default 0: everyone gets --payload)")
+      ->check(CLI::Range(0.0, 1.0));
   app.add_option("--models", modelsDir, "Folder served at /models/<name>")
       ->check(CLI::ExistingDirectory);
   app.add_option("--faults", faultList,
@@ -69,6 +77,10 @@ int main(int argc, char** argv) {
   app.add_option("--time-limit", timeLimit, "Seconds before the service stops by itself")
       ->check(CLI::PositiveNumber);
   CLI11_PARSE(app, argc, argv);
+  if (controlShare > 0 && controlPayloadPath.empty()) {
+    std::cerr << "orvane-devservice: --control-share needs --control-payload\n";
+    return 1;
+  }
 
   // Before any thread starts, so that every thread leaves these signals to waitForStop.
   sigset_t signals;
@@ -86,8 +98,11 @@ int main(int argc, char** argv) {
     {
       devservice::Storage storage(database);
       devservice::PayloadFile payload(payloadPath);
+      devservice::PayloadFile controlPayload(controlPayloadPath);
+      const devservice::ControlSplit split(controlShare);
       devservice::StopSignal stop;
-      devservice::Services services{storage, payload, faults, stop, modelsDir};
+      devservice::Services services{storage, payload, controlPayload, split,
+                                    faults,  stop,    modelsDir};
       httplib::Server server;
       // httplib's default SO_REUSEPORT would let a second service share a port already taken.
       server.set_socket_options([](int socket) {

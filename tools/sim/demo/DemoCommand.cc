@@ -10,8 +10,10 @@
 #include <iostream>
 #include <thread>
 
+#include "DemoOptions.h"
 #include "DevService.h"
 #include "HostApp.h"
+#include "LearnRun.h"
 #include "PostureMotionService.h"
 #include "Recorder.h"
 #include "RecordingServices.h"
@@ -25,26 +27,15 @@
 
 namespace orvane::sim {
 namespace demo {
-namespace {
 
 namespace fs = std::filesystem;
-
-struct DemoOptions {
-  double seconds = 60;
-  std::string service;
-  std::string dataDir;
-  std::string report;
-  std::string devservice;
-  std::string serviceDb;
-  std::string fixtures = ORVANE_SIM_FIXTURES;
-  std::string key = "ORVANE-DEMO-KEY-0123456789ABCDEF";
-  uint32_t seed = 7;
-};
 
 std::string simExecutable() {
   std::error_code error;
   return fs::read_symlink("/proc/self/exe", error).string();
 }
+
+namespace {
 
 std::string freshDataDirectory() {
   std::string pattern = (fs::temp_directory_path() / "orvane-demo-XXXXXX").string();
@@ -101,6 +92,7 @@ class DemoRun {
   bool startService();
   bool installPlatform();
   void scheduleScript();
+  void scheduleService();
   void scheduleFlow(const FlowPlan& flow, double t);
   void tick();
   void flush();
@@ -144,6 +136,10 @@ bool DemoRun::prepareDataDirectory() {
 }
 
 bool DemoRun::startService() {
+  if (options_.playOnly && options_.service.empty()) {
+    std::cerr << "orvane-sim demo: --play-only needs --service\n";
+    return false;
+  }
   if (!options_.service.empty()) {
     client_ = std::make_unique<ServiceClient>(options_.service);
     return true;
@@ -215,19 +211,8 @@ void DemoRun::scheduleFlow(const FlowPlan& flow, double t) {
   });
 }
 
-void DemoRun::scheduleScript() {
-  for (const PostureSpan& span : script_.postures) {
-    scheduler_.at(span.start, [this, span] {
-      motion_->setPosture(span.posture);
-      recorder_->note("motion", std::string("device ") + describe(span.posture));
-    });
-    recorder_->edit([&](RunRecord& r) {
-      r.postures.push_back({span.start, span.end, describe(span.posture)});
-    });
-  }
-  for (const FlowPlan& flow : script_.flows) scheduleFlow(flow, flow.firstAt);
-
-  scheduler_.at(script_.consentAt, [this] { app_->grantConsent(); });
+// The service's part of the script: the update, the outage and the recovery.
+void DemoRun::scheduleService() {
   scheduler_.at(script_.updateAt, [this] {
     if (payloadFile_.empty()) {
       recorder_->note("service", "not started by the demo: no update offered");
@@ -256,6 +241,22 @@ void DemoRun::scheduleScript() {
       recorder_->note("service", "healthy again");
     }
   });
+}
+
+void DemoRun::scheduleScript() {
+  for (const PostureSpan& span : script_.postures) {
+    scheduler_.at(span.start, [this, span] {
+      motion_->setPosture(span.posture);
+      recorder_->note("motion", std::string("device ") + describe(span.posture));
+    });
+    recorder_->edit([&](RunRecord& r) {
+      r.postures.push_back({span.start, span.end, describe(span.posture)});
+    });
+  }
+  for (const FlowPlan& flow : script_.flows) scheduleFlow(flow, flow.firstAt);
+
+  scheduler_.at(script_.consentAt, [this] { app_->grantConsent(); });
+  if (!options_.playOnly) scheduleService();
 
   scheduler_.at(script_.resignAt, [this] {
     app_->resignActive();
@@ -327,7 +328,9 @@ void DemoRun::finish() {
   const Diagnostics last = ContextManager::diagnostics();
   std::vector<std::string> waiting = last.queuedLogIds;
   waiting.insert(waiting.end(), last.unansweredLogIds.begin(), last.unansweredLogIds.end());
-  auto stored = client_->stored();
+  // An installation of a learning run leaves the listing to the parent, which reads the
+  // service's file.
+  auto stored = options_.playOnly ? std::nullopt : client_->stored();
   recorder_->edit([&](RunRecord& r) {
     r.length = recorder_->now();
     // The device stays where the script left it while the last uploads go out.
@@ -387,8 +390,10 @@ int DemoRun::run() {
 void addDemoCommand(CLI::App& app, int& exitCode) {
   auto options = std::make_shared<demo::DemoOptions>();
   auto* demo = app.add_subcommand("demo", "play a host app for about a minute and report on it");
-  demo->add_option("--seconds", options->seconds, "length of the run (default 60)")
-      ->check(CLI::Range(5.0, 3600.0));
+  auto* seconds =
+      demo->add_option("--seconds", options->seconds,
+                       "length of the run (default 60), or of each act of --learn (default 30)")
+          ->check(CLI::Range(5.0, 3600.0));
   demo->add_option("--service", options->service,
                    "the service's base URL (default: start orvane-devservice on loopback)");
   demo->add_option("--data-dir", options->dataDir,
@@ -402,7 +407,26 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
                    "folder with motion/ traces and coreml/ models");
   demo->add_option("--seed", options->seed, "seed of the scripted user");
   demo->add_option("--key", options->key, "the app key");
-  demo->callback([options, &exitCode] { exitCode = demo::DemoRun(*options).run(); });
+  demo->add_flag("--learn", options->learn,
+                 "collect with the control rule, train a model per flow (orvane-train), ship it "
+                 "to all but a control share of installations and play on; --seconds is each "
+                 "act's length");
+  demo->add_option("--installations", options->installations,
+                   "installations per act of --learn, each a process of its own (default 48)")
+      ->check(CLI::Range(1, 64));
+  demo->add_option("--trainer", options->trainer, "the orvane-train program, for --learn");
+  // The learning run's installations: not for people.
+  demo->add_flag("--play-only", options->playOnly)->group("");
+  demo->callback([options, seconds, &exitCode] {
+    if (!options->learn) {
+      exitCode = demo::DemoRun(*options).run();
+      return;
+    }
+    // Request periods scale with the run, so a longer act brings no more answers: the
+    // trainer's data comes from the number of installations, and short acts keep it quick.
+    if (seconds->count() == 0) options->seconds = 30;
+    exitCode = demo::LearnRun(*options).run();
+  });
 }
 
 }  // namespace orvane::sim

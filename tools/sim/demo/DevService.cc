@@ -29,15 +29,15 @@ std::string findDevService(const std::string& simExecutable) {
 
 std::unique_ptr<DevService> DevService::start(const DevServiceOptions& options,
                                               std::string* error) {
-  std::vector<std::string> arguments = {options.program,
-                                        "--port",
-                                        "0",
-                                        "--payload",
-                                        options.payloadFile,
-                                        "--time-limit",
-                                        std::to_string(options.timeLimit)};
+  std::vector<std::string> arguments = {
+      options.program,     "--port",       std::to_string(options.port),     "--payload",
+      options.payloadFile, "--time-limit", std::to_string(options.timeLimit)};
   if (!options.modelsDir.empty())
     arguments.insert(arguments.end(), {"--models", options.modelsDir});
+  if (!options.controlPayloadFile.empty()) {
+    arguments.insert(arguments.end(), {"--control-payload", options.controlPayloadFile,
+                                       "--control-share", std::to_string(options.controlShare)});
+  }
   if (!options.database.empty()) arguments.insert(arguments.end(), {"--db", options.database});
   std::vector<char*> argv;
   argv.reserve(arguments.size() + 1);

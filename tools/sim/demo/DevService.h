@@ -22,16 +22,20 @@ std::string findDevService(const std::string& simExecutable);
 struct DevServiceOptions {
   std::string program;
   std::string payloadFile;  // uploads are answered with it, re-read when it changes
-  std::string modelsDir;    // served at /models/<name>
-  std::string database;     // empty: a temporary file the service removes
-  std::string logFile;      // the service's request lines
+  // The control arm: installations the service keeps on the control rule, and their answer.
+  std::string controlPayloadFile;
+  double controlShare = 0;
+  int port = 0;           // 0: a free one
+  std::string modelsDir;  // served at /models/<name>
+  std::string database;   // empty: a temporary file the service removes
+  std::string logFile;    // the service's request lines
   double timeLimit = 600;
 };
 
 class DevService {
  public:
-  // Starts the service on a free loopback port and waits until it accepts requests. Null
-  // with `error` set when it does not come up.
+  // Starts the service on its loopback port (a free one by default) and waits until it accepts
+  // requests. Null with `error` set when it does not come up.
   static std::unique_ptr<DevService> start(const DevServiceOptions& options, std::string* error);
   // Stops the service.
   ~DevService();

@@ -487,6 +487,8 @@ std::string timelineTable(const RunRecord& r) {
 
 }  // namespace
 
+const char* reportStyle() { return kStyle; }
+
 std::string renderReport(const RunRecord& r, const Summary& s) {
   std::string html = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">";
   html += "<title>orvane-sim demo report</title><style>" + std::string(kStyle) +

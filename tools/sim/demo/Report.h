@@ -11,6 +11,9 @@
 
 namespace orvane::sim::demo {
 
+// The page's style sheet, shared by the learning run's report.
+const char* reportStyle();
+
 std::string renderReport(const RunRecord& record, const Summary& summary);
 bool writeReport(const std::string& path, const RunRecord& record, const Summary& summary,
                  std::string* error);

@@ -15,7 +15,39 @@ int secondsOf(const Script& script, const std::string& flow) {
   return 3;
 }
 
+json configuration(const Script& script) {
+  return {{"errorReportingSampleRate", 1.0},
+          {"uploadContentEncoding", "gzip"},  // the development service takes gzip bodies
+          {"additionalAccelDataSampleRate", 0.1},
+          {"automaticEntryPointPollingIntervalSeconds",
+           static_cast<int64_t>(std::lround(script.observerPolling))}};
+}
+
 }  // namespace
+
+json makeCollectionPayload(int64_t version, const Script& script) {
+  json flows = json::object();
+  for (const FlowPlan& plan : script.flows) {
+    const bool instant = plan.form == RequestForm::kInstantContext;
+    flows[plan.name] = {{"isControl", true},
+                        {"randomUpsellChance", 1.0},
+                        {"supportedDuration", plan.seconds},
+                        {"useInstantContext", instant}};
+  }
+  return {{"updateData",
+           {{"version", version},
+            {"generationId", "demo-collect-" + std::to_string(version)},
+            {"modelInfoPerFlow", flows},
+            {"configuration", configuration(script)}}}};
+}
+
+json withDemoConfiguration(json payload, const Script& script) {
+  if (payload.is_object() && payload["updateData"].is_object() &&
+      !payload["updateData"].contains("configuration")) {
+    payload["updateData"]["configuration"] = configuration(script);
+  }
+  return payload;
+}
 
 json makeUpdatePayload(int64_t version, const std::string& serviceURL, const Script& script) {
   auto seconds = [](double value) { return json{{"unit", "seconds"}, {"value", value}}; };
@@ -51,12 +83,7 @@ json makeUpdatePayload(int64_t version, const std::string& serviceURL, const Scr
            {{"version", version},
             {"generationId", "demo-update-" + std::to_string(version)},
             {"modelInfoPerFlow", flows},
-            {"configuration",
-             {{"errorReportingSampleRate", 1.0},
-              {"uploadContentEncoding", "gzip"},  // the development service takes gzip bodies
-              {"additionalAccelDataSampleRate", 0.1},
-              {"automaticEntryPointPollingIntervalSeconds",
-               static_cast<int64_t>(std::lround(script.observerPolling))}}}}}};
+            {"configuration", configuration(script)}}}};
 }
 
 }  // namespace orvane::sim::demo
