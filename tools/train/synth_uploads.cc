@@ -176,9 +176,9 @@ int main(int argc, char** argv) {
       for (const auto& record : batch) pointers.push_back(&record);
       const auto body = OrvaneLogSender::encodeUploadBody(pointers, fields);
       if (!body) throw std::runtime_error("a record could not be written as JSON");
-      storage.addUpload(*body, 200);
+      storage.addUpload(*body, 200, "payload");
       // A batch whose answer was lost comes again, with the same log ids.
-      if (generator.unit() < 0.01) storage.addUpload(*body, 200);
+      if (generator.unit() < 0.01) storage.addUpload(*body, 200, "payload");
       batch.clear();
     };
     for (int serial = 0; written < records; ++serial) {
