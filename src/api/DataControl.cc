@@ -71,22 +71,28 @@ void Engine::resetAllData() noexcept {
     // The queues go on the sender's queue, behind every record handed over before this call
     // (moments later: the queue never waits for the network).
     orvaneLogSender().discardQueues(nullptr);
-    // What components keep in memory goes before the suite, so that none of it is written
-    // back over the erase.
-    coreMLModelManager().eraseAll();
-    remoteConfiguration().forgetStored();
-    timingCoordinator().forgetStored();
-    geoIPSignalGenerator().forget();
-    appLaunchSignals_->forgetHistory();
-    {
-      std::lock_guard<std::mutex> guard(stateMutex_);
-      installationUUID_.reset();
-      installationUUIDIsInterim_ = false;
-    }
-    std::vector<std::string> kept = CollectionConsent::keysKeptOnErase();
-    kept.emplace_back(OrvaneLogSender::kMainQueueKey);
-    kept.emplace_back(OrvaneLogSender::kUnloggedQueueKey);
-    if (defaults_->eraseAllExcept(kept)) {
+    // Under a new generation: an upload answer or model update asked for before this call
+    // finds it moved and is dropped, and one writing now ends before the erase begins.
+    bool durable = false;
+    erasures_->advance([&] {
+      // What components keep in memory goes before the suite, so that none of it is written
+      // back over the erase.
+      coreMLModelManager().eraseAll();
+      remoteConfiguration().forgetStored();
+      timingCoordinator().forgetStored();
+      geoIPSignalGenerator().forget();
+      appLaunchSignals_->forgetHistory();
+      {
+        std::lock_guard<std::mutex> guard(stateMutex_);
+        installationUUID_.reset();
+        installationUUIDIsInterim_ = false;
+      }
+      std::vector<std::string> kept = CollectionConsent::keysKeptOnErase();
+      kept.emplace_back(OrvaneLogSender::kMainQueueKey);
+      kept.emplace_back(OrvaneLogSender::kUnloggedQueueKey);
+      durable = defaults_->eraseAllExcept(kept);
+    });
+    if (durable) {
       platform_.log->notice("[Orvane] All data erased: the next start is a new installation.");
     } else {
       platform_.log->error("[Orvane] Data erased, but the store did not confirm it as durable.");

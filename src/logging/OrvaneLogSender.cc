@@ -107,9 +107,10 @@ struct OrvaneLogSender::UploadRun {
   // What is still to send, as [begin, end) of `batch`, next first. A part refused as too large
   // is replaced by its halves.
   std::deque<std::pair<size_t, size_t>> parts;
-  uint64_t attempt = 0;  // the answer waited for
-  size_t bodyBytes = 0;  // of that request, as sent
-  bool gzipped = false;  // whether that request's body was gzip-coded
+  uint64_t attempt = 0;          // the answer waited for
+  uint64_t eraseGeneration = 0;  // when the run began: its answers belong to that installation
+  size_t bodyBytes = 0;          // of that request, as sent
+  bool gzipped = false;          // whether that request's body was gzip-coded
   std::shared_ptr<Cancellable> guard;
 
   std::span<const PlistDictionary* const> nextPart() const {
@@ -359,6 +360,7 @@ bool OrvaneLogSender::beginUpload(UploadQueueKind queue, UploadFlags flags) {
   if (!owner_.collectionAllowed()) return false;
   auto run = std::make_shared<UploadRun>();
   run->queue = queue;
+  run->eraseGeneration = owner_.erasures().current();
   run->key = queue == UploadQueueKind::kMain ? kMainQueueKey : kUnloggedQueueKey;
   // Read in place: the stored queue is large and the upload only reads it.
   run->stored = viewStoredQueue(store_->stored(run->key, kUploadFailed));
@@ -506,7 +508,7 @@ void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
   }
   if (tooLarge) {
     dropRefusedRecord(*run);
-  } else if (completeUpload(response)) {
+  } else if (completeUpload(response, run->eraseGeneration)) {
     removeLogsFromQueue(run->key, logIdsOf(run->nextPart()));
   } else {
     UploadFailureNotes::noteBackoff(
@@ -591,7 +593,8 @@ void OrvaneLogSender::endRun(UploadQueueKind queue) {
   if (auto pending = std::exchange(uploads.pending, std::nullopt)) startRun(queue, *pending);
 }
 
-bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response) {
+bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response,
+                                     uint64_t generation) {
   if (isAccepted(response)) {
     {
       std::lock_guard<std::mutex> guard(shared_->mutex);
@@ -602,7 +605,7 @@ bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response
       const std::string text(response->body.begin(), response->body.end());
       std::string error;
       if (auto payload = decodeServerPayload(text, &error)) {
-        applyServerPayload(*payload);
+        applyServerPayload(*payload, generation);
       } else {
         owner_.orvaneErrorReporting().reportError(
             "Failed to parse V3 JSON returned by server.",
@@ -632,14 +635,21 @@ bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response
   return false;
 }
 
-void OrvaneLogSender::applyServerPayload(const ServerPayload& payload) {
-  owner_.geoIPSignalGenerator().updateGeoIPData(payload.geoIpData);
-  if (!payload.updateData) return;
-  // Model files are large: in low-data mode they wait for a later answer.
-  if (owner_.internetSignalsGenerator().isConstrained() != true) {
-    owner_.coreMLModelManager().applyModelUpdates(payload.updateData);
+void OrvaneLogSender::applyServerPayload(const ServerPayload& payload, uint64_t generation) {
+  const bool applied = owner_.erasures().whileCurrent(generation, [&] {
+    owner_.geoIPSignalGenerator().updateGeoIPData(payload.geoIpData);
+    if (!payload.updateData) return;
+    // Model files are large: in low-data mode they wait for a later answer.
+    if (owner_.internetSignalsGenerator().isConstrained() != true) {
+      owner_.coreMLModelManager().applyModelUpdates(payload.updateData, generation);
+    }
+    owner_.timingCoordinator().applyLatestConfiguration(payload.updateData->modelInfoPerFlow);
+  });
+  if (!applied) {
+    owner_.platform().log->write(
+        LogLevel::kDebug,
+        "[Orvane] An upload answer came after an erase; its service state was dropped.");
   }
-  owner_.timingCoordinator().applyLatestConfiguration(payload.updateData->modelInfoPerFlow);
 }
 
 // ---- Diagnostics --------------------------------------------------------------------------

@@ -7,8 +7,10 @@
 
 #include <chrono>
 #include <future>
+#include <thread>
 
 #include "api/Engine.h"
+#include "config/RemoteConfiguration.h"
 #include "devservice/ServiceProcess.h"
 #include "devservice/SilentServer.h"
 #include "logging/LogDictionaries.h"
@@ -168,6 +170,64 @@ TEST(ConsentOverLoopbackTest, AnEraseRemovesRecordsAndIdentityButKeepsTheConsent
   EXPECT_EQ(next.manager->consent(), ConsentState::kGranted);
 }
 
+// A service answer with state for `flow`: a geo-IP estimate, settings, a control model and
+// timing rules, at update `version`.
+std::string answerFor(const std::string& flow, int version, bool withGeoIP) {
+  json answer = {
+      {"updateData",
+       {{"version", version},
+        {"configuration", {{"errorReportingSampleRate", 0.25 * version}}},
+        {"modelInfoPerFlow",
+         {{flow,
+           {{"isControl", true},
+            {"upsellThreshold", 0.5},
+            {"timingConfiguration", {{"atMostOncePer", {{"unit", "hours"}, {"value", 1}}}}}}}}}}}};
+  if (withGeoIP) answer["geoIpData"] = {{"estimatedCountryCode", "XX"}};
+  return answer.dump();
+}
+
+template <typename Condition>
+bool waitUntil(Condition condition, double seconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+TEST(ConsentOverLoopbackTest, AnAnswerAskedForBeforeAnEraseIsNotAppliedAfterIt) {
+  TempDir dir;
+  const auto data = dir.path() / "data";
+  const auto payload = dir.write("payload.json", answerFor("erased", 1, true));
+  // The launch upload's answer comes 3 s late; later ones at once.
+  Service service(std::vector<std::string>{"--time-limit", "120", "--payload", payload.string(),
+                                           "--faults", "200:3"});
+  ASSERT_GT(service.port(), 0);
+  {
+    DiskHost host(data, "http://127.0.0.1:" + std::to_string(service.port()), false);
+    OrvaneLogSender& sender = host.manager->orvaneLogSender();
+    ASSERT_TRUE(waitUntil([&] { return sender.uploadInFlight(); }, 5));
+    host.manager->resetAllData();
+    ASSERT_TRUE(waitUntil([&] { return !sender.uploadInFlight(); }, 10));
+    ASSERT_EQ(uploadsReceived(service), 1);
+
+    // An upload of the new installation is answered and applied as usual; the model store
+    // applies in order, so the late answer's update, had it gone there, came first.
+    dir.write("payload.json", answerFor("fresh", 2, false));
+    host.log("after-erase");
+    EXPECT_TRUE(host.manager->flush(10));
+    const auto& defaults = host.manager->userDefaultsProvider();
+    EXPECT_TRUE(waitUntil([&] { return defaults->integer("ota_last_applied_version") == 2; }, 10));
+    EXPECT_NE(host.manager->remoteConfiguration().getConfiguration().errorReportingSampleRate,
+              0.25);
+  }
+  const auto suite = suiteOnDisk(data);
+  EXPECT_FALSE(suite->get("gip_latest_data"));
+  EXPECT_FALSE(suite->get("model_info_for_flow_erased"));
+  EXPECT_TRUE(suite->get("model_info_for_flow_fresh"));
+}
+
 TEST(ConsentOverLoopbackTest, FlushEmptiesTheQueueInTimeOrGivesUpAtItsTimeout) {
   TempDir dir;
   Service service(std::vector<std::string>{"--time-limit", "120"});
@@ -197,6 +257,7 @@ TEST(ConsentOverLoopbackTest, FlushEmptiesTheQueueInTimeOrGivesUpAtItsTimeout) {
   EXPECT_TRUE(host.manager->orvaneLogSender().mainQueue().empty());
   EXPECT_EQ(recordsOnDisk(dir.path() / "hanging"), 0u);
 }
+
 
 }  // namespace
 }  // namespace orvane
