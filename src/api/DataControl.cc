@@ -50,7 +50,7 @@ bool Engine::collectionAllowed() const { return consent_->allowed(); }
 
 void Engine::collectionChanged(CollectionConsent::Change change, const char* why) {
   if (change.wasAllowed && !change.nowAllowed) {
-    orvaneLogSender().discardQueues(nullptr);
+    orvaneLogSender().discardQueues([defaults = defaults_] { defaults->forgetRemoved(); });
     platform_.log->notice(std::string("[Orvane] Consent ") + why +
                           ": queued records deleted; nothing is stored or sent until consent is "
                           "granted.");
@@ -92,6 +92,8 @@ void Engine::resetAllData() noexcept {
       kept.emplace_back(OrvaneLogSender::kUnloggedQueueKey);
       durable = defaults_->eraseAllExcept(kept);
     });
+    // Behind the queues' deletion, so that the records go from the files too.
+    orvaneLogSender().onQueue([defaults = defaults_] { defaults->forgetRemoved(); });
     if (durable) {
       platform_.log->notice("[Orvane] All data erased: the next start is a new installation.");
     } else {

@@ -192,4 +192,8 @@ bool UserDefaultsProvider::eraseAllExcept(const std::vector<std::string>& keep) 
   return eraseKeys(keys);
 }
 
+void UserDefaultsProvider::forgetRemoved() {
+  if (KeyValueStore* store = this->store()) store->forgetRemoved();
+}
+
 }  // namespace orvane

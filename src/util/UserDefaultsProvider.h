@@ -71,6 +71,8 @@ class UserDefaultsProvider {
   bool eraseKeys(const std::vector<std::string>& keys);
   // The same for every key but `keep`.
   bool eraseAllExcept(const std::vector<std::string>& keep);
+  // Asks the suite to clear what was removed from its files too (KeyValueStore::forgetRemoved).
+  void forgetRemoved();
 
  private:
   // Installs the suite once; later calls are ignored.

@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <thread>
 
 #include "api/Engine.h"
@@ -226,6 +228,50 @@ TEST(ConsentOverLoopbackTest, AnAnswerAskedForBeforeAnEraseIsNotAppliedAfterIt) 
   EXPECT_FALSE(suite->get("gip_latest_data"));
   EXPECT_FALSE(suite->get("model_info_for_flow_erased"));
   EXPECT_TRUE(suite->get("model_info_for_flow_fresh"));
+}
+
+// The files of the data folder that hold `text` anywhere in their bytes.
+std::vector<std::string> filesHolding(const std::filesystem::path& data, const std::string& text) {
+  std::vector<std::string> holding;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(data)) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream in(entry.path(), std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (bytes.find(text) != std::string::npos) holding.push_back(entry.path().filename());
+  }
+  return holding;
+}
+
+TEST(ConsentOverLoopbackTest, ErasedRecordsAndIdentityAreGoneFromEveryByteOfTheFiles) {
+  TempDir dir;
+  const auto data = dir.path() / "data";
+  const std::string logId = "log-id-to-be-forgotten";
+  {
+    DiskHost host(data, "http://127.0.0.1:9", false);
+    const std::string erasedInstallation = host.installation();
+    host.log(logId);
+    ASSERT_TRUE(host.manager->userDefaultsProvider()->synchronize());
+    // Meaningful only if both are in the files before.
+    ASSERT_FALSE(filesHolding(data, logId).empty());
+    ASSERT_FALSE(filesHolding(data, erasedInstallation).empty());
+
+    host.manager->resetAllData();
+    host.settle();
+    ASSERT_TRUE(host.manager->userDefaultsProvider()->synchronize());
+    EXPECT_EQ(filesHolding(data, logId), std::vector<std::string>{});
+    EXPECT_EQ(filesHolding(data, erasedInstallation), std::vector<std::string>{});
+  }
+  EXPECT_EQ(filesHolding(data, logId), std::vector<std::string>{});
+
+  // A denial deletes the queues the same way.
+  DiskHost host(data, "http://127.0.0.1:9", false);
+  host.log(logId);
+  ASSERT_TRUE(host.manager->userDefaultsProvider()->synchronize());
+  ASSERT_FALSE(filesHolding(data, logId).empty());
+  host.manager->setConsent(ConsentState::kDenied);
+  host.settle();
+  ASSERT_TRUE(host.manager->userDefaultsProvider()->synchronize());
+  EXPECT_EQ(filesHolding(data, logId), std::vector<std::string>{});
 }
 
 TEST(ConsentOverLoopbackTest, FlushEmptiesTheQueueInTimeOrGivesUpAtItsTimeout) {
