@@ -1,5 +1,6 @@
 // The host's controls over what the SDK keeps and sends: consent, erase and shutdown.
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "api/Absorbing.h"
@@ -49,11 +50,19 @@ ConsentState Engine::consent() const { return consent_->state(); }
 bool Engine::collectionAllowed() const { return consent_->allowed(); }
 
 void Engine::collectionChanged(CollectionConsent::Change change, const char* why) {
+  const bool atSetup = std::string_view(why) == "setup";
   if (change.wasAllowed && !change.nowAllowed) {
     orvaneLogSender().discardQueues([defaults = defaults_] { defaults->forgetRemoved(); });
-    platform_.log->notice(std::string("[Orvane] Consent ") + why +
-                          ": queued records deleted; nothing is stored or sent until consent is "
-                          "granted.");
+    if (atSetup) {
+      // Learnt at setup (the first launch that requires consent): what this launch wrote so
+      // far was taken back from the suite, and there is usually nothing queued to speak of.
+      platform_.log->info(
+          "[Orvane] Consent is required and not granted: nothing is stored or sent.");
+    } else {
+      platform_.log->notice(std::string("[Orvane] Consent ") + why +
+                            ": queued records deleted; nothing is stored or sent until consent "
+                            "is granted.");
+    }
   } else if (!change.wasAllowed && change.nowAllowed) {
     platform_.log->info(std::string("[Orvane] Consent ") + why + ": collection starts now.");
     if (platform_.executors) {
@@ -61,7 +70,7 @@ void Engine::collectionChanged(CollectionConsent::Change change, const char* why
         if (auto engine = hold(weak)) engine->triggerBothUploadQueues();
       });
     }
-  } else if (!change.nowAllowed && std::string_view(why) == "setup") {
+  } else if (!change.nowAllowed && atSetup) {
     platform_.log->info("[Orvane] Consent is required and not granted: nothing is stored or sent.");
   }
 }

@@ -151,6 +151,19 @@ TEST(ConsentOverLoopbackTest, NothingLeavesOrStaysWithoutConsentAndRecordsFlowOn
   EXPECT_EQ(receivedLogIds(service), (std::set<std::string>{"granted-0", "granted-1"}));
 }
 
+TEST(ConsentOverLoopbackTest, AFirstLaunchThatRequiresConsentLeavesOnlyTheConsentOnDisk) {
+  TempDir dir;
+  const auto data = dir.path() / "data";
+  {
+    DiskHost host(data, "http://127.0.0.1:9", true);
+    // The launch is still counted, in memory.
+    EXPECT_TRUE(host.manager->userDefaultsProvider()->object("app_launches"));
+    EXPECT_EQ(host.fake.log->countContaining("Consent is required and not granted"), 1u);
+    EXPECT_EQ(host.fake.log->countContaining("queued records deleted"), 0u);
+  }
+  EXPECT_EQ(suiteOnDisk(data)->keys(), std::vector<std::string>{"orvane_consent_required"});
+}
+
 TEST(ConsentOverLoopbackTest, AnEraseRemovesRecordsAndIdentityButKeepsTheConsent) {
   TempDir dir;
   const auto data = dir.path() / "data";
