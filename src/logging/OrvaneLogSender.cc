@@ -479,7 +479,7 @@ void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
                                    const std::optional<PlatformError>& error) {
   if (run->guard) run->guard->cancel();
   if (auto failure = UploadFailureNotes::describe(response, error)) {
-    failureNotes_.noteFailure(*owner_.platform().log, *failure);
+    failureNotes_.noteFailure(*owner_.platform().log, *failure, owner_.currentSessionId());
     if (error && error->code == kResourceExceedsMaximumSize) {
       // Rare and a sign of a service gone wrong: not thinned out by the sampling rate.
       owner_.orvaneErrorReporting().reportError("Upload answer exceeded the size limit", *error,
