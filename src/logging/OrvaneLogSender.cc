@@ -28,6 +28,16 @@
 namespace orvane {
 namespace {
 
+// A host's timeout as a wait: NaN and below zero wait not at all; anything beyond a year (an
+// infinite one included) waits a year, as its count in clock ticks would overflow and end the
+// wait at once.
+std::chrono::nanoseconds flushWait(double seconds) {
+  constexpr double kLongestS = 365.0 * 24 * 3600;
+  if (!(seconds > 0)) return std::chrono::nanoseconds(0);
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::duration<double>(std::min(seconds, kLongestS)));
+}
+
 constexpr const char* kInternalBundleIdentifiers[] = {"com.orvane.demo", "com.orvane.demo.dev",
                                                       "com.orvane.internal"};
 
@@ -327,8 +337,7 @@ bool OrvaneLogSender::flush(double timeoutSeconds) {
     waiter.done = [done] { done->set_value(); };
     flushWaiters_.push_back(std::move(waiter));
   });
-  const auto wait = std::chrono::duration<double>(std::max(0.0, timeoutSeconds));
-  if (finished.wait_for(wait) != std::future_status::ready) return false;
+  if (finished.wait_for(flushWait(timeoutSeconds)) != std::future_status::ready) return false;
   return mainQueue().empty();
 }
 

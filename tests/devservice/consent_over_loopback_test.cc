@@ -9,6 +9,7 @@
 #include <fstream>
 #include <future>
 #include <iterator>
+#include <limits>
 #include <thread>
 
 #include "api/Engine.h"
@@ -317,6 +318,18 @@ TEST(ConsentOverLoopbackTest, FlushEmptiesTheQueueInTimeOrGivesUpAtItsTimeout) {
   EXPECT_EQ(recordsOnDisk(dir.path() / "hanging"), 0u);
 }
 
+TEST(ConsentOverLoopbackTest, FlushAndShutdownWithHugeTimeoutsWaitForTheAnswer) {
+  TempDir dir;
+  Service service(std::vector<std::string>{"--time-limit", "120", "--faults", "200:1,200:1"});
+  ASSERT_GT(service.port(), 0);
+  DiskHost host(dir.path() / "data", "http://127.0.0.1:9", false);
+  host.manager->setServiceBaseURLValue("http://127.0.0.1:" + std::to_string(service.port()));
+  host.log("flushed");
+  EXPECT_TRUE(host.manager->flush(std::numeric_limits<double>::infinity()));
+  host.log("shut-down");
+  EXPECT_TRUE(host.manager->shutdown(1e10));
+  EXPECT_EQ(receivedLogIds(service), (std::set<std::string>{"flushed", "shut-down"}));
+}
 
 }  // namespace
 }  // namespace orvane
