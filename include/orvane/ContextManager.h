@@ -155,8 +155,12 @@ class ORVANE_API ContextManager {
   // configuration, models and the installation identity: the next start is a new
   // installation. The consent choice stays. Any thread, at any moment.
   static void resetAllData() noexcept;
-  // Flushes (at most `timeoutSeconds`), stops motion sampling and timers, and turns every
-  // later call into a logged no-op. Returns what the flush returned.
+  // Flushes (at most `timeoutSeconds`), stops motion sampling and timers, and turns later
+  // calls that would collect, decide or send into logged no-ops. Some keep working on purpose:
+  // setConsent, consent and resetAllData (the user's rights outlive the app's state),
+  // diagnostics, the model queries (currentAppliedCustomModelVersion, getCustomModel),
+  // setLogLevel and sdkVersion, which only read or touch no data. Returns what the flush
+  // returned; a second call returns false at once.
   static bool shutdown(double timeoutSeconds) noexcept;
 
   // ---- The process-wide manager -----------------------------------------------------------

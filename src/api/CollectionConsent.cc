@@ -50,14 +50,17 @@ CollectionConsent::CollectionConsent(std::shared_ptr<UserDefaultsProvider> defau
 bool CollectionConsent::allowed() const { return allows(state(), required()); }
 
 CollectionConsent::Change CollectionConsent::setState(ConsentState state) {
-  return change(state, required());
+  return change(state, required(), false);
 }
 
 CollectionConsent::Change CollectionConsent::setRequired(bool required) {
-  return change(state(), required);
+  const Change result = change(state(), required, true);
+  defaults_->endEarlyWrites();
+  return result;
 }
 
-CollectionConsent::Change CollectionConsent::change(ConsentState state, bool required) {
+CollectionConsent::Change CollectionConsent::change(ConsentState state, bool required,
+                                                    bool takeBackEarlyWrites) {
   std::lock_guard<std::mutex> guard(changeMutex_);
   const Change change{allows(state_, required_), allows(state, required)};
   bool wrote = false;
@@ -67,7 +70,7 @@ CollectionConsent::Change CollectionConsent::change(ConsentState state, bool req
   if (required != required_.load()) wrote |= defaults_->setInSuite(kRequiredKey, required);
   state_ = state;
   required_ = required;
-  if (change.wasAllowed && !change.nowAllowed) defaults_->holdWrites();
+  if (change.wasAllowed && !change.nowAllowed) defaults_->holdWrites(takeBackEarlyWrites);
   if (!change.wasAllowed && change.nowAllowed) {
     defaults_->releaseHeldWrites(true);  // synchronises
   } else if (wrote) {

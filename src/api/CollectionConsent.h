@@ -38,6 +38,8 @@ class CollectionConsent {
   // Records the host's choice. Entering "not allowed" holds writes (what is held meanwhile is
   // never written); leaving it writes what was held.
   Change setState(ConsentState state);
+  // At setup. A launch that learns here that it may not collect takes back from the suite
+  // what it wrote before (held in memory from now on).
   Change setRequired(bool required);
 
   ConsentState state() const { return state_.load(); }
@@ -50,7 +52,7 @@ class CollectionConsent {
   std::shared_ptr<HttpTransport> gate(std::shared_ptr<HttpTransport> inner);
 
  private:
-  Change change(ConsentState state, bool required);
+  Change change(ConsentState state, bool required, bool takeBackEarlyWrites);
 
   std::shared_ptr<UserDefaultsProvider> defaults_;
   std::mutex changeMutex_;  // one change at a time: state, suite and holding agree

@@ -192,6 +192,7 @@ CoreMLModelManager& Engine::coreMLModelManager() {
     deps.updatingQueue = platform_.executors->makeSerialQueue("com.orvane.CoreMLModelManager");
     deps.errorReporter = [this]() -> ErrorReporter& { return orvaneErrorReporting(); };
     deps.remoteConfiguration = [this]() -> RemoteConfiguration& { return remoteConfiguration(); };
+    deps.erasures = erasures_;
     deps.bundleIdentifier = bundleIdentifier_;
     deps.sdkVersion = sdkVersionString();
     if (!platform_.bundle.sdkResourceDirectory.empty()) {

@@ -21,6 +21,7 @@
 #include "orvane/ContextModelInformation.h"
 #include "orvane/CustomSignal.h"
 #include "orvane/platform/Platform.h"
+#include "util/EraseGeneration.h"
 
 namespace orvane {
 
@@ -82,6 +83,8 @@ class Engine {
   // Whether anything may be written to the data folder or sent.
   bool collectionAllowed() const;
   void resetAllData() noexcept;
+  // Moves at every erase; state fetched for an older generation is never applied.
+  EraseGeneration& erasures() { return *erasures_; }
   bool shutdown(double timeoutSeconds) noexcept;
   bool isShutDown() const { return shutDown_.load(); }
   // Hands a finished log to the current log sender.
@@ -213,6 +216,7 @@ class Engine {
   // Before any component: it decides whether the suite and the network may be used.
   std::unique_ptr<CollectionConsent> consent_;
   std::atomic<bool> shutDown_{false};
+  const std::shared_ptr<EraseGeneration> erasures_ = std::make_shared<EraseGeneration>();
   std::shared_ptr<DateProvider> dateProvider_;
   const Date initializationDate_;
   const std::string bundleIdentifier_;

@@ -83,12 +83,22 @@ ConfigurationData RemoteConfiguration::merge(const std::optional<ServerConfigura
   return merged;
 }
 
-void RemoteConfiguration::applyConfigurationUpdate(std::optional<ServerConfiguration> update) {
+void RemoteConfiguration::applyConfigurationUpdate(std::optional<ServerConfiguration> update,
+                                                   std::shared_ptr<EraseGeneration> erasures,
+                                                   uint64_t generation) {
+  // Without a queue the caller applies now and holds the generation itself.
   if (!updateQueue_) {
     state_->apply(update);
     return;
   }
-  updateQueue_->async([state = state_, update = std::move(update)]() { state->apply(update); });
+  updateQueue_->async([state = state_, update = std::move(update), erasures, generation]() {
+    // A drop says nothing here: the update that carried it logged it.
+    if (erasures) {
+      erasures->whileCurrent(generation, [&] { state->apply(update); });
+    } else {
+      state->apply(update);
+    }
+  });
 }
 
 void RemoteConfiguration::State::apply(const std::optional<ServerConfiguration>& update) {

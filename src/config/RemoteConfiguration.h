@@ -15,6 +15,7 @@
 #include "logging/ErrorReporter.h"
 #include "motion/ActivityType.h"
 #include "orvane/platform/Executors.h"
+#include "util/EraseGeneration.h"
 #include "util/UserDefaultsProvider.h"
 
 namespace orvane {
@@ -37,8 +38,11 @@ class RemoteConfiguration {
   RemoteConfiguration& operator=(const RemoteConfiguration&) = delete;
 
   // Queues the merge of `update` over the defaults (none at all means "back to defaults"),
-  // its storage and its adoption as the current record.
-  void applyConfigurationUpdate(std::optional<ServerConfiguration> update);
+  // its storage and its adoption as the current record. With `erasures`, an update queued
+  // behind an erase of a later generation than `generation` is dropped.
+  void applyConfigurationUpdate(std::optional<ServerConfiguration> update,
+                                std::shared_ptr<EraseGeneration> erasures = nullptr,
+                                uint64_t generation = 0);
 
   ConfigurationData getConfiguration() const;
   // Drops the configuration read from the suite; the next read loads it again (after an

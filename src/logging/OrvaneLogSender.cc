@@ -28,6 +28,16 @@
 namespace orvane {
 namespace {
 
+// A host's timeout as a wait: NaN and below zero wait not at all; anything beyond a year (an
+// infinite one included) waits a year, as its count in clock ticks would overflow and end the
+// wait at once.
+std::chrono::nanoseconds flushWait(double seconds) {
+  constexpr double kLongestS = 365.0 * 24 * 3600;
+  if (!(seconds > 0)) return std::chrono::nanoseconds(0);
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::duration<double>(std::min(seconds, kLongestS)));
+}
+
 constexpr const char* kInternalBundleIdentifiers[] = {"com.orvane.demo", "com.orvane.demo.dev",
                                                       "com.orvane.internal"};
 
@@ -107,9 +117,10 @@ struct OrvaneLogSender::UploadRun {
   // What is still to send, as [begin, end) of `batch`, next first. A part refused as too large
   // is replaced by its halves.
   std::deque<std::pair<size_t, size_t>> parts;
-  uint64_t attempt = 0;  // the answer waited for
-  size_t bodyBytes = 0;  // of that request, as sent
-  bool gzipped = false;  // whether that request's body was gzip-coded
+  uint64_t attempt = 0;          // the answer waited for
+  uint64_t eraseGeneration = 0;  // when the run began: its answers belong to that installation
+  size_t bodyBytes = 0;          // of that request, as sent
+  bool gzipped = false;          // whether that request's body was gzip-coded
   std::shared_ptr<Cancellable> guard;
 
   std::span<const PlistDictionary* const> nextPart() const {
@@ -326,8 +337,7 @@ bool OrvaneLogSender::flush(double timeoutSeconds) {
     waiter.done = [done] { done->set_value(); };
     flushWaiters_.push_back(std::move(waiter));
   });
-  const auto wait = std::chrono::duration<double>(std::max(0.0, timeoutSeconds));
-  if (finished.wait_for(wait) != std::future_status::ready) return false;
+  if (finished.wait_for(flushWait(timeoutSeconds)) != std::future_status::ready) return false;
   return mainQueue().empty();
 }
 
@@ -359,6 +369,7 @@ bool OrvaneLogSender::beginUpload(UploadQueueKind queue, UploadFlags flags) {
   if (!owner_.collectionAllowed()) return false;
   auto run = std::make_shared<UploadRun>();
   run->queue = queue;
+  run->eraseGeneration = owner_.erasures().current();
   run->key = queue == UploadQueueKind::kMain ? kMainQueueKey : kUnloggedQueueKey;
   // Read in place: the stored queue is large and the upload only reads it.
   run->stored = viewStoredQueue(store_->stored(run->key, kUploadFailed));
@@ -477,7 +488,7 @@ void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
                                    const std::optional<PlatformError>& error) {
   if (run->guard) run->guard->cancel();
   if (auto failure = UploadFailureNotes::describe(response, error)) {
-    failureNotes_.noteFailure(*owner_.platform().log, *failure);
+    failureNotes_.noteFailure(*owner_.platform().log, *failure, owner_.currentSessionId());
     if (error && error->code == kResourceExceedsMaximumSize) {
       // Rare and a sign of a service gone wrong: not thinned out by the sampling rate.
       owner_.orvaneErrorReporting().reportError("Upload answer exceeded the size limit", *error,
@@ -506,7 +517,7 @@ void OrvaneLogSender::handleAnswer(const std::shared_ptr<UploadRun>& run,
   }
   if (tooLarge) {
     dropRefusedRecord(*run);
-  } else if (completeUpload(response)) {
+  } else if (completeUpload(response, run->eraseGeneration)) {
     removeLogsFromQueue(run->key, logIdsOf(run->nextPart()));
   } else {
     UploadFailureNotes::noteBackoff(
@@ -591,7 +602,8 @@ void OrvaneLogSender::endRun(UploadQueueKind queue) {
   if (auto pending = std::exchange(uploads.pending, std::nullopt)) startRun(queue, *pending);
 }
 
-bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response) {
+bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response,
+                                     uint64_t generation) {
   if (isAccepted(response)) {
     {
       std::lock_guard<std::mutex> guard(shared_->mutex);
@@ -602,7 +614,7 @@ bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response
       const std::string text(response->body.begin(), response->body.end());
       std::string error;
       if (auto payload = decodeServerPayload(text, &error)) {
-        applyServerPayload(*payload);
+        applyServerPayload(*payload, generation);
       } else {
         owner_.orvaneErrorReporting().reportError(
             "Failed to parse V3 JSON returned by server.",
@@ -632,14 +644,21 @@ bool OrvaneLogSender::completeUpload(const std::optional<HttpResponse>& response
   return false;
 }
 
-void OrvaneLogSender::applyServerPayload(const ServerPayload& payload) {
-  owner_.geoIPSignalGenerator().updateGeoIPData(payload.geoIpData);
-  if (!payload.updateData) return;
-  // Model files are large: in low-data mode they wait for a later answer.
-  if (owner_.internetSignalsGenerator().isConstrained() != true) {
-    owner_.coreMLModelManager().applyModelUpdates(payload.updateData);
+void OrvaneLogSender::applyServerPayload(const ServerPayload& payload, uint64_t generation) {
+  const bool applied = owner_.erasures().whileCurrent(generation, [&] {
+    owner_.geoIPSignalGenerator().updateGeoIPData(payload.geoIpData);
+    if (!payload.updateData) return;
+    // Model files are large: in low-data mode they wait for a later answer.
+    if (owner_.internetSignalsGenerator().isConstrained() != true) {
+      owner_.coreMLModelManager().applyModelUpdates(payload.updateData, generation);
+    }
+    owner_.timingCoordinator().applyLatestConfiguration(payload.updateData->modelInfoPerFlow);
+  });
+  if (!applied) {
+    owner_.platform().log->write(
+        LogLevel::kDebug,
+        "[Orvane] An upload answer came after an erase; its service state was dropped.");
   }
-  owner_.timingCoordinator().applyLatestConfiguration(payload.updateData->modelInfoPerFlow);
 }
 
 // ---- Diagnostics --------------------------------------------------------------------------

@@ -165,9 +165,10 @@ class OrvaneLogSender {
   // Removes the records whose log id ("ctx_8") is in `sentIds`.
   void removeLogsFromQueue(std::string_view key, const std::vector<std::string>& sentIds);
   bool shouldUploadNow(size_t queueSize) const;
-  void applyServerPayload(const ServerPayload& payload);
+  // Applies the payload unless the data was erased since `generation`.
+  void applyServerPayload(const ServerPayload& payload, uint64_t generation);
   // Applies an answer to the back-off and, when accepted, its payload; true when accepted.
-  bool completeUpload(const std::optional<HttpResponse>& response);
+  bool completeUpload(const std::optional<HttpResponse>& response, uint64_t generation);
 
   Engine& owner_;
   // Taken once here: the manager's destruction resets its own handle, which a task on our

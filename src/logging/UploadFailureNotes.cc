@@ -29,7 +29,12 @@ std::optional<UploadFailureNotes::Failure> UploadFailureNotes::describe(
   return Failure{"no answer", "the request got no answer in time"};
 }
 
-void UploadFailureNotes::noteFailure(SystemLog& log, const Failure& failure) {
+void UploadFailureNotes::noteFailure(SystemLog& log, const Failure& failure,
+                                     const std::string& sessionId) {
+  if (sessionId != session_) {
+    session_ = sessionId;
+    kindsLogged_.clear();
+  }
   if (!kindsLogged_.insert(failure.kind).second) return;
   log.info("[Orvane] Upload failed: " + failure.sentence +
            ". Records wait for a later attempt; this is logged once per kind of failure.");

@@ -27,14 +27,16 @@ class UploadFailureNotes {
   static std::optional<Failure> describe(const std::optional<HttpResponse>& response,
                                          const std::optional<PlatformError>& error);
 
-  // Logs the failure at info level unless its kind was logged before in this session. Not
-  // thread-safe: the sender calls it from its own queue.
-  void noteFailure(SystemLog& log, const Failure& failure);
+  // Logs the failure at info level unless its kind was logged before in the session
+  // `sessionId`; a new session starts over. Not thread-safe: the sender calls it from its
+  // own queue.
+  void noteFailure(SystemLog& log, const Failure& failure, const std::string& sessionId);
   // The state after a failed attempt, at debug level.
   static void noteBackoff(SystemLog& log, double backoffSeconds, size_t recordsWaiting);
 
  private:
-  std::set<std::string> kindsLogged_;
+  std::string session_;
+  std::set<std::string> kindsLogged_;  // in session_
 };
 
 }  // namespace orvane

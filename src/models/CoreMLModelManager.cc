@@ -17,6 +17,7 @@ enum ManagerErrorCode : int64_t {
   kVersionMismatch = 3,
   kMetadataUnreadable = 4,
   kModelRefused = 5,
+  kErasedMeanwhile = 6,
   kNotEnoughSpace = 123,
 };
 
@@ -47,30 +48,64 @@ CoreMLModelManager::~CoreMLModelManager() {
 
 // ---- Applying updates ---------------------------------------------------------------------
 
-void CoreMLModelManager::applyModelUpdates(std::optional<ServerUpdatePayload> payload) {
+void CoreMLModelManager::applyModelUpdates(std::optional<ServerUpdatePayload> payload,
+                                           std::optional<uint64_t> generation) {
   if (!payload) return;
+  const uint64_t asked = generation.value_or(deps_.erasures ? deps_.erasures->current() : 0);
   if (!deps_.updatingQueue) {
-    applyOnQueue(*payload);
+    applyOnQueue(*payload, asked);
     return;
   }
   std::weak_ptr<bool> alive = alive_;
-  deps_.updatingQueue->async([this, alive, payload = std::move(*payload)] {
-    if (alive.lock()) applyOnQueue(payload);
+  deps_.updatingQueue->async([this, alive, asked, payload = std::move(*payload)] {
+    if (alive.lock()) applyOnQueue(payload, asked);
   });
 }
 
-void CoreMLModelManager::applyOnQueue(const ServerUpdatePayload& payload) {
+void CoreMLModelManager::applyOnQueue(const ServerUpdatePayload& payload, uint64_t generation) {
+  if (!deps_.erasures) {
+    applyHeld(payload, generation);
+    return;
+  }
+  // Held while the update writes, released only around its downloads.
+  auto hold = deps_.erasures->hold();
+  if (!deps_.erasures->isCurrent(generation)) {
+    if (deps_.log) {
+      deps_.log->write(LogLevel::kDebug,
+                       "[Orvane] A model update asked for before an erase was dropped.");
+    }
+    return;
+  }
+  updateHold_ = &hold;
+  updateGeneration_ = generation;
+  applyHeld(payload, generation);
+  updateHold_ = nullptr;
+}
+
+bool CoreMLModelManager::erasedSinceUpdateBegan() {
+  return updateHold_ && !deps_.erasures->isCurrent(updateGeneration_);
+}
+
+void CoreMLModelManager::applyHeld(const ServerUpdatePayload& payload, uint64_t generation) {
   const auto& defaults = deps_.defaults;
   if (!defaults || !defaults->isAvailable()) return;
   if (defaults->integer(kLastAppliedVersion).value_or(0) >= payload.version) return;
   defaults->set(kLastAttemptedVersion, payload.version);
   if (deps_.remoteConfiguration) {
-    deps_.remoteConfiguration().applyConfigurationUpdate(payload.configuration);
+    deps_.remoteConfiguration().applyConfigurationUpdate(payload.configuration, deps_.erasures,
+                                                         generation);
   }
 
   size_t successes = 0;
   for (const auto& [flowName, info] : payload.modelInfoPerFlow) {
     if (applyFlow(flowName, info)) ++successes;
+    if (erasedSinceUpdateBegan()) {
+      // The erase removes the files placed so far once this task ends.
+      if (deps_.log)
+        deps_.log->write(LogLevel::kDebug,
+                         "[Orvane] A model update was dropped: the data was erased meanwhile.");
+      return;
+    }
   }
   if (successes == payload.modelInfoPerFlow.size()) {
     defaults->set(kLastAppliedVersion, payload.version);
@@ -112,6 +147,9 @@ bool CoreMLModelManager::applyFlow(const std::string& flowName, const ServerMode
     const PlistDictionary where{
         {"modelUrl", *info.modelUrl}, {"flowName", flowName}, {"modelVersion", *info.modelVersion}};
     auto placed = updateCoreMLModel(flowName, *info.modelUrl, *info.modelVersion);
+    if (!placed && placed.error().domain == kDomain && placed.error().code == kErasedMeanwhile) {
+      return false;
+    }
     if (!placed) {
       reporter().reportError("Failed to load recently downloaded CoreML model.", placed.error(),
                              false, where);
@@ -161,7 +199,13 @@ Result<std::string> CoreMLModelManager::updateCoreMLModel(const std::string& flo
   }
   if (!downloader_) return DownloadError::unknown();
   // Its temporary folder goes when `downloaded` does, whichever way this ends.
+  // The download can take long: an erase meanwhile must not wait for it.
+  if (updateHold_) updateHold_->unlock();
   auto downloaded = downloader_->downloadAndCompileModel(modelUrl);
+  if (updateHold_) updateHold_->lock();
+  if (erasedSinceUpdateBegan()) {
+    return managerError(kErasedMeanwhile, "The data was erased during the download.");
+  }
   if (!downloaded) {
     if (downloaded.error().domain == DownloadError::kDomain &&
         downloaded.error().code == DownloadError::kModelNotSupported) {

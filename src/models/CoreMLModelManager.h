@@ -28,6 +28,7 @@
 #include "orvane/platform/Executors.h"
 #include "orvane/platform/SystemLog.h"
 #include "util/DateProvider.h"
+#include "util/EraseGeneration.h"
 #include "util/UserDefaultsProvider.h"
 #include "util/WrappingLock.h"
 
@@ -57,6 +58,8 @@ class CoreMLModelManager {
     // lazily.
     std::function<ErrorReporter&()> errorReporter;
     std::function<RemoteConfiguration&()> remoteConfiguration;
+    // The owner's erases; an update of an older generation is dropped. None: never erased.
+    std::shared_ptr<EraseGeneration> erasures;
     // The host app's bundle identifier ("unknown" when it has none) and the SDK's version.
     std::string bundleIdentifier = "unknown";
     std::string sdkVersion;
@@ -71,8 +74,10 @@ class CoreMLModelManager {
   CoreMLModelManager(const CoreMLModelManager&) = delete;
   CoreMLModelManager& operator=(const CoreMLModelManager&) = delete;
 
-  // Returns at once; the work runs on the updating queue. None is ignored.
-  void applyModelUpdates(std::optional<ServerUpdatePayload> payload);
+  // Returns at once; the work runs on the updating queue. None is ignored. `generation` is the
+  // erase generation the payload was asked for in (default: now); after an erase it is dropped.
+  void applyModelUpdates(std::optional<ServerUpdatePayload> payload,
+                         std::optional<uint64_t> generation = std::nullopt);
 
   CustomModelInfo getModelInfoForFlow(const std::string& flowName);
   // A flow whose model was trained for another duration falls back to the always-upsell rule,
@@ -123,7 +128,10 @@ class CoreMLModelManager {
   static CacheStamp stampOf(const ModelInfoCache& cache, const std::string& flowName);
   void forgetAllCachedInfo();
 
-  void applyOnQueue(const ServerUpdatePayload& payload);
+  void applyOnQueue(const ServerUpdatePayload& payload, uint64_t generation);
+  void applyHeld(const ServerUpdatePayload& payload, uint64_t generation);
+  // True when an erase came since the update began; its writes then stop.
+  bool erasedSinceUpdateBegan();
   bool applyFlow(const std::string& flowName, const ServerModelInfo& info);
   Result<std::string> updateCoreMLModel(const std::string& flowName, const std::string& modelUrl,
                                         const std::string& modelVersion);
@@ -153,6 +161,10 @@ class CoreMLModelManager {
   WrappingLock<ModelInfoCache> modelInfoCache_;
   // Written by the switches from any thread, read without a lock.
   std::atomic<bool> decisionsEnabled_{true};
+  // The erase generation held by the update running on the queue (queue only): released
+  // around a download, checked again after it.
+  std::shared_lock<std::shared_mutex>* updateHold_ = nullptr;
+  uint64_t updateGeneration_ = 0;
   // Queued work checks this so nothing runs against a destroyed store.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };

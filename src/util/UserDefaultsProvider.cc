@@ -104,11 +104,18 @@ std::optional<bool> UserDefaultsProvider::boolean(std::string_view key) const {
 }
 
 bool UserDefaultsProvider::set(std::string_view key, PlistValue value) {
-  if (writesHeld()) {
+  if (writesHeld() || trackingEarlyWrites_.load(std::memory_order_acquire)) {
     std::lock_guard<std::mutex> guard(heldMutex_);
     if (writesHeld()) {
       held_.insert_or_assign(std::string(key), std::move(value));
       return true;
+    }
+    if (trackingEarlyWrites_.load(std::memory_order_acquire)) {
+      // Under the lock, so that a take-back never runs between noting a key and writing it.
+      if (std::find(earlyWrites_.begin(), earlyWrites_.end(), key) == earlyWrites_.end()) {
+        earlyWrites_.emplace_back(key);
+      }
+      return setInSuite(key, std::move(value));
     }
   }
   return setInSuite(key, std::move(value));
@@ -134,9 +141,24 @@ bool UserDefaultsProvider::synchronize() {
   return store && store->synchronize();
 }
 
-void UserDefaultsProvider::holdWrites() {
+void UserDefaultsProvider::holdWrites(bool takeBackEarlyWrites) {
   std::lock_guard<std::mutex> guard(heldMutex_);
+  KeyValueStore* store = this->store();
+  if (takeBackEarlyWrites && store && !writesHeld()) {
+    for (const std::string& key : earlyWrites_) {
+      held_.insert_or_assign(key, store->get(key));
+      store->remove(key);
+    }
+    store->synchronize();
+  }
+  earlyWrites_.clear();
   holding_.store(true, std::memory_order_release);
+}
+
+void UserDefaultsProvider::endEarlyWrites() {
+  std::lock_guard<std::mutex> guard(heldMutex_);
+  trackingEarlyWrites_.store(false, std::memory_order_release);
+  earlyWrites_.clear();
 }
 
 void UserDefaultsProvider::releaseHeldWrites(bool keep) {
@@ -190,6 +212,10 @@ bool UserDefaultsProvider::eraseAllExcept(const std::vector<std::string>& keep) 
     return std::find(keep.begin(), keep.end(), key) != keep.end();
   });
   return eraseKeys(keys);
+}
+
+void UserDefaultsProvider::forgetRemoved() {
+  if (KeyValueStore* store = this->store()) store->forgetRemoved();
 }
 
 }  // namespace orvane

@@ -59,8 +59,13 @@ class UserDefaultsProvider {
   // so a later call may answer true.
   bool synchronize();
 
-  // From now on writes and removals stay in memory. Any thread.
-  void holdWrites();
+  // From now on writes and removals stay in memory. Any thread. With `takeBackEarlyWrites`,
+  // the keys written to the suite before endEarlyWrites() also leave the suite and are held
+  // with their current values: a launch that learns only at setup that it must not collect
+  // leaves nothing of what it wrote before.
+  void holdWrites(bool takeBackEarlyWrites = false);
+  // Stops remembering which keys were written (at setup, when the requirement is known).
+  void endEarlyWrites();
   // Ends holding: what was held is written to the suite when `keep`, else forgotten.
   void releaseHeldWrites(bool keep);
   bool writesHeld() const { return holding_.load(std::memory_order_acquire); }
@@ -71,6 +76,8 @@ class UserDefaultsProvider {
   bool eraseKeys(const std::vector<std::string>& keys);
   // The same for every key but `keep`.
   bool eraseAllExcept(const std::vector<std::string>& keep);
+  // Asks the suite to clear what was removed from its files too (KeyValueStore::forgetRemoved).
+  void forgetRemoved();
 
  private:
   // Installs the suite once; later calls are ignored.
@@ -86,6 +93,9 @@ class UserDefaultsProvider {
   mutable std::mutex heldMutex_;
   std::map<std::string, std::optional<PlistValue>, std::less<>> held_;
   std::atomic<bool> holding_{false};
+  // Keys written through to the suite until endEarlyWrites(); guarded by heldMutex_.
+  std::vector<std::string> earlyWrites_;
+  std::atomic<bool> trackingEarlyWrites_{true};
 };
 
 }  // namespace orvane

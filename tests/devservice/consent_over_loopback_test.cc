@@ -6,9 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <future>
+#include <iterator>
+#include <limits>
+#include <thread>
 
 #include "api/Engine.h"
+#include "config/RemoteConfiguration.h"
 #include "devservice/ServiceProcess.h"
 #include "devservice/SilentServer.h"
 #include "logging/LogDictionaries.h"
@@ -147,6 +152,19 @@ TEST(ConsentOverLoopbackTest, NothingLeavesOrStaysWithoutConsentAndRecordsFlowOn
   EXPECT_EQ(receivedLogIds(service), (std::set<std::string>{"granted-0", "granted-1"}));
 }
 
+TEST(ConsentOverLoopbackTest, AFirstLaunchThatRequiresConsentLeavesOnlyTheConsentOnDisk) {
+  TempDir dir;
+  const auto data = dir.path() / "data";
+  {
+    DiskHost host(data, "http://127.0.0.1:9", true);
+    // The launch is still counted, in memory.
+    EXPECT_TRUE(host.manager->userDefaultsProvider()->object("app_launches"));
+    EXPECT_EQ(host.fake.log->countContaining("Consent is required and not granted"), 1u);
+    EXPECT_EQ(host.fake.log->countContaining("queued records deleted"), 0u);
+  }
+  EXPECT_EQ(suiteOnDisk(data)->keys(), std::vector<std::string>{"orvane_consent_required"});
+}
+
 TEST(ConsentOverLoopbackTest, AnEraseRemovesRecordsAndIdentityButKeepsTheConsent) {
   TempDir dir;
   const auto data = dir.path() / "data";
@@ -166,6 +184,108 @@ TEST(ConsentOverLoopbackTest, AnEraseRemovesRecordsAndIdentityButKeepsTheConsent
   DiskHost next(data, "http://127.0.0.1:9", false);
   EXPECT_NE(next.installation(), erasedInstallation);
   EXPECT_EQ(next.manager->consent(), ConsentState::kGranted);
+}
+
+// A service answer with state for `flow`: a geo-IP estimate, settings, a control model and
+// timing rules, at update `version`.
+std::string answerFor(const std::string& flow, int version, bool withGeoIP) {
+  json answer = {
+      {"updateData",
+       {{"version", version},
+        {"configuration", {{"errorReportingSampleRate", 0.25 * version}}},
+        {"modelInfoPerFlow",
+         {{flow,
+           {{"isControl", true},
+            {"upsellThreshold", 0.5},
+            {"timingConfiguration", {{"atMostOncePer", {{"unit", "hours"}, {"value", 1}}}}}}}}}}}};
+  if (withGeoIP) answer["geoIpData"] = {{"estimatedCountryCode", "XX"}};
+  return answer.dump();
+}
+
+template <typename Condition>
+bool waitUntil(Condition condition, double seconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+TEST(ConsentOverLoopbackTest, AnAnswerAskedForBeforeAnEraseIsNotAppliedAfterIt) {
+  TempDir dir;
+  const auto data = dir.path() / "data";
+  const auto payload = dir.write("payload.json", answerFor("erased", 1, true));
+  // The launch upload's answer comes 3 s late; later ones at once.
+  Service service(std::vector<std::string>{"--time-limit", "120", "--payload", payload.string(),
+                                           "--faults", "200:3"});
+  ASSERT_GT(service.port(), 0);
+  {
+    DiskHost host(data, "http://127.0.0.1:" + std::to_string(service.port()), false);
+    OrvaneLogSender& sender = host.manager->orvaneLogSender();
+    ASSERT_TRUE(waitUntil([&] { return sender.uploadInFlight(); }, 5));
+    host.manager->resetAllData();
+    ASSERT_TRUE(waitUntil([&] { return !sender.uploadInFlight(); }, 10));
+    ASSERT_EQ(uploadsReceived(service), 1);
+
+    // An upload of the new installation is answered and applied as usual; the model store
+    // applies in order, so the late answer's update, had it gone there, came first.
+    dir.write("payload.json", answerFor("fresh", 2, false));
+    host.log("after-erase");
+    EXPECT_TRUE(host.manager->flush(10));
+    const auto& defaults = host.manager->userDefaultsProvider();
+    EXPECT_TRUE(waitUntil([&] { return defaults->integer("ota_last_applied_version") == 2; }, 10));
+    EXPECT_NE(host.manager->remoteConfiguration().getConfiguration().errorReportingSampleRate,
+              0.25);
+  }
+  const auto suite = suiteOnDisk(data);
+  EXPECT_FALSE(suite->get("gip_latest_data"));
+  EXPECT_FALSE(suite->get("model_info_for_flow_erased"));
+  EXPECT_TRUE(suite->get("model_info_for_flow_fresh"));
+}
+
+// The files of the data folder that hold `text` anywhere in their bytes.
+std::vector<std::string> filesHolding(const std::filesystem::path& data, const std::string& text) {
+  std::vector<std::string> holding;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(data)) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream in(entry.path(), std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (bytes.find(text) != std::string::npos) holding.push_back(entry.path().filename());
+  }
+  return holding;
+}
+
+TEST(ConsentOverLoopbackTest, ErasedRecordsAndIdentityAreGoneFromEveryByteOfTheFiles) {
+  TempDir dir;
+  const auto data = dir.path() / "data";
+  const std::string logId = "log-id-to-be-forgotten";
+  {
+    DiskHost host(data, "http://127.0.0.1:9", false);
+    const std::string erasedInstallation = host.installation();
+    host.log(logId);
+    ASSERT_TRUE(host.manager->userDefaultsProvider()->synchronize());
+    // Meaningful only if both are in the files before.
+    ASSERT_FALSE(filesHolding(data, logId).empty());
+    ASSERT_FALSE(filesHolding(data, erasedInstallation).empty());
+
+    host.manager->resetAllData();
+    host.settle();
+    ASSERT_TRUE(host.manager->userDefaultsProvider()->synchronize());
+    EXPECT_EQ(filesHolding(data, logId), std::vector<std::string>{});
+    EXPECT_EQ(filesHolding(data, erasedInstallation), std::vector<std::string>{});
+  }
+  EXPECT_EQ(filesHolding(data, logId), std::vector<std::string>{});
+
+  // A denial deletes the queues the same way.
+  DiskHost host(data, "http://127.0.0.1:9", false);
+  host.log(logId);
+  ASSERT_TRUE(host.manager->userDefaultsProvider()->synchronize());
+  ASSERT_FALSE(filesHolding(data, logId).empty());
+  host.manager->setConsent(ConsentState::kDenied);
+  host.settle();
+  ASSERT_TRUE(host.manager->userDefaultsProvider()->synchronize());
+  EXPECT_EQ(filesHolding(data, logId), std::vector<std::string>{});
 }
 
 TEST(ConsentOverLoopbackTest, FlushEmptiesTheQueueInTimeOrGivesUpAtItsTimeout) {
@@ -196,6 +316,19 @@ TEST(ConsentOverLoopbackTest, FlushEmptiesTheQueueInTimeOrGivesUpAtItsTimeout) {
   host.settle();
   EXPECT_TRUE(host.manager->orvaneLogSender().mainQueue().empty());
   EXPECT_EQ(recordsOnDisk(dir.path() / "hanging"), 0u);
+}
+
+TEST(ConsentOverLoopbackTest, FlushAndShutdownWithHugeTimeoutsWaitForTheAnswer) {
+  TempDir dir;
+  Service service(std::vector<std::string>{"--time-limit", "120", "--faults", "200:1,200:1"});
+  ASSERT_GT(service.port(), 0);
+  DiskHost host(dir.path() / "data", "http://127.0.0.1:9", false);
+  host.manager->setServiceBaseURLValue("http://127.0.0.1:" + std::to_string(service.port()));
+  host.log("flushed");
+  EXPECT_TRUE(host.manager->flush(std::numeric_limits<double>::infinity()));
+  host.log("shut-down");
+  EXPECT_TRUE(host.manager->shutdown(1e10));
+  EXPECT_EQ(receivedLogIds(service), (std::set<std::string>{"flushed", "shut-down"}));
 }
 
 }  // namespace

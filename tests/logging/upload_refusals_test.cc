@@ -3,6 +3,8 @@
 // the host's log and error reporting hear of failures.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "logging/UploadFailureNotes.h"
 #include "logging/UploadQueueFixture.h"
 
@@ -18,6 +20,12 @@ class UploadRefusalsTest : public testing::EstablishedAppUploadTest {
   bool attemptPosts(bool force) {
     trigger(UploadQueueKind::kMain, force);
     return !posts().empty();
+  }
+  // Lines at `level` that contain `fragment`.
+  size_t linesAt(LogLevel level, std::string_view fragment) const {
+    return std::ranges::count_if(fake.log->lines(), [&](const testing::CapturedLine& line) {
+      return line.level == level && line.text.find(fragment) != std::string::npos;
+    });
   }
 };
 
@@ -72,16 +80,29 @@ TEST_F(UploadRefusalsTest, EachKindOfFailureIsLoggedOnceAndAnOversizedAnswerIsRe
     ASSERT_TRUE(attemptPosts(true)) << attempt;
     fake.advance(10);
   }
-  EXPECT_EQ(fake.log->countContaining("Upload failed: the service answered with HTTP status 500"),
+  EXPECT_EQ(linesAt(LogLevel::kInfo, "Upload failed: the service answered with HTTP status 500"),
             1u);
-  EXPECT_EQ(fake.log->countContaining("Upload failed: the service answered with HTTP status 503"),
+  EXPECT_EQ(linesAt(LogLevel::kInfo, "Upload failed: the service answered with HTTP status 503"),
             1u);
-  EXPECT_EQ(fake.log->countContaining("(NSURLErrorDomain -1001)"), 1u);
-  EXPECT_EQ(fake.log->countContaining("Upload back-off "), 6u);
-  EXPECT_EQ(fake.log->countContaining("; 1 records waiting."), 6u);
+  EXPECT_EQ(linesAt(LogLevel::kInfo, "(NSURLErrorDomain -1001)"), 1u);
+  EXPECT_EQ(linesAt(LogLevel::kDebug, "Upload back-off "), 6u);
+  EXPECT_EQ(linesAt(LogLevel::kDebug, "; 1 records waiting."), 6u);
   EXPECT_EQ(sender().mainQueue().size(), 1u);
 
   EXPECT_EQ(http->errorReportsMentioning("Upload answer exceeded the size limit"), 1u);
+
+  // A new session logs each kind once again.
+  fake.application->resignActive();
+  fake.application->becomeActive();
+  fake.drain();
+  fake.advance(4000);
+  http->script({status(500), status(500)});
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    ASSERT_TRUE(attemptPosts(true)) << attempt;
+    fake.advance(10);
+  }
+  EXPECT_EQ(linesAt(LogLevel::kInfo, "Upload failed: the service answered with HTTP status 500"),
+            2u);
 }
 
 TEST(UploadFailureNotesTest, CertificateFailuresAreNamedAsSuch) {

@@ -32,6 +32,10 @@ class ORVANE_API KeyValueStore {
   // Blocks until every earlier write survives the process being killed (power loss may lose
   // the last ones). False when not yet: the store keeps them and keeps trying, so may later.
   virtual bool synchronize() = 0;
+  // After an erase: makes what was removed before this call unreadable in the store's files
+  // too (freed pages, journals), once those removals are committed. Returns at once; a later
+  // synchronize() waits for it. Best effort. Stores that keep nothing on disk do nothing.
+  virtual void forgetRemoved() {}
 };
 
 // A store that found its file damaged and rebuilt it from what could still be read leaves a

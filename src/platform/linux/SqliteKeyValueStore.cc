@@ -142,12 +142,21 @@ class SqliteKeyValueStore final : public KeyValueStore {
     return lastSettled_ >= target && unencodable_.empty();
   }
 
+  void forgetRemoved() override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    // A marker in the write order: the writer rewrites the file after the commit that holds
+    // every removal made before it.
+    pending_.push_back(Write{++lastEnqueued_, std::string(), nullptr, true});
+    if (!retryAt_) writerWake_.notify_one();
+  }
+
  private:
   // One set (value) or remove (no value), numbered in the order callers made them.
   struct Write {
     uint64_t sequence;
     std::string key;
     std::shared_ptr<const PlistValue> value;
+    bool forgetRemoved = false;  // a marker, not a write: see forgetRemoved()
   };
 
   struct BatchOutcome {
@@ -205,6 +214,10 @@ class SqliteKeyValueStore final : public KeyValueStore {
       lock.unlock();
 
       BatchOutcome outcome = persist(batch);
+      if (outcome.committed &&
+          std::any_of(batch.begin(), batch.end(), [](const Write& w) { return w.forgetRemoved; })) {
+        rewriteWithoutRemoved();
+      }
       std::vector<std::string> lines;
       for (const std::string& key : outcome.unencodable) {
         lines.push_back("suite " + inQuotes(suiteName_) + ": value for key " + inQuotes(key) +
@@ -351,7 +364,7 @@ class SqliteKeyValueStore final : public KeyValueStore {
     std::vector<const Write*> effective;
     std::unordered_set<std::string_view> seen;
     for (auto it = batch.rbegin(); it != batch.rend(); ++it) {
-      if (seen.insert(it->key).second) effective.push_back(&*it);
+      if (!it->forgetRemoved && seen.insert(it->key).second) effective.push_back(&*it);
     }
 
     sqlite3* db = db_.get();
@@ -384,6 +397,25 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
     outcome.committed = true;
     return outcome;
+  }
+
+  // Writer thread, after a commit: VACUUM rebuilds the file from the live rows only, so freed
+  // pages no longer hold removed values, and the checkpoint copies the result into the file
+  // and empties the write-ahead log, which held the old pages too. A failure is reported and
+  // leaves the data as it was; the next erase tries again.
+  void rewriteWithoutRemoved() {
+    sqlite3* db = db_.get();
+    if (executeStatement(db, "VACUUM") != SQLITE_OK) {
+      report(reportPrefix_ + "cannot rewrite " + file_.string() +
+             " after an erase: " + sqlite3_errmsg(db) + "; removed values may stay in it");
+      return;
+    }
+    const int rc =
+        sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+      report(reportPrefix_ + "cannot empty the write-ahead log of " + file_.string() +
+             " after an erase: " + sqlite3_errmsg(db) + "; removed values may stay in it");
+    }
   }
 
   // One key's write inside the open transaction. False when a statement failed.
