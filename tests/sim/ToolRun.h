@@ -3,33 +3,18 @@
 #pragma once
 
 #include <sqlite3.h>
-#include <sys/wait.h>
 
-#include <cstdio>
+#include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
+
+#include "testutil/ToolProcess.h"
 
 namespace sim_testing {
 
-struct Finished {
-  int status = -1;
-  std::string output;
-};
-
-// `command` through the shell, with its stdout and stderr.
-inline Finished run(const std::string& command) {
-  Finished finished;
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (!pipe) return finished;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) finished.output.append(buffer, n);
-  const int status = pclose(pipe);
-  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return finished;
-}
+using orvane::testing::Finished;
+using orvane::testing::readText;
+inline Finished run(const std::string& command) { return orvane::testing::runCommand(command); }
 
 // The first column of the first row of `sql`, -1 when there is none.
 inline int64_t queryNumber(const std::filesystem::path& database, const std::string& sql) {
@@ -45,13 +30,6 @@ inline int64_t queryNumber(const std::filesystem::path& database, const std::str
   }
   sqlite3_close(db);
   return value;
-}
-
-inline std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
 }
 
 }  // namespace sim_testing

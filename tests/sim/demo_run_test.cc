@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 using sim_testing::Finished;
 using sim_testing::queryNumber;
-using sim_testing::readFile;
+using sim_testing::readText;
 using sim_testing::run;
 
 TEST(DemoRun, TenSecondsReachTheServiceApplyTheUpdateAndWriteTheReport) {
@@ -54,7 +54,7 @@ TEST(DemoRun, TenSecondsReachTheServiceApplyTheUpdateAndWriteTheReport) {
   // Each flow that asks on its own reached it (the observed one may not fire in ten seconds).
   EXPECT_GE(queryNumber(database, "SELECT COUNT(DISTINCT flow) FROM events"), 3);
 
-  const std::string html = readFile(report);
+  const std::string html = readText(report);
   for (const char* section : {"id=\"motion-decisions\"", "id=\"decisions-per-flow\"",
                               "id=\"upload-queue\"", "id=\"uploads-backoff\""}) {
     EXPECT_NE(html.find(section), std::string::npos) << section;

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -20,7 +19,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using sim_testing::Finished;
 using sim_testing::queryNumber;
-using sim_testing::readFile;
+using sim_testing::readText;
 using sim_testing::run;
 
 // Shown contexts of `flow` answered yes or no (`positive`: yes) in uploads `from`..`to`, as
@@ -40,10 +39,8 @@ int64_t contexts(const fs::path& database, const std::string& flow, int64_t from
 }
 
 TEST(LearnRun, ReportsFiguresThatAreTheServicesRecords) {
-  if (std::system("/usr/bin/python3 -c 'import numpy, sklearn, google.protobuf' 2>/dev/null") !=
-      0) {
-    GTEST_SKIP() << "/usr/bin/python3 lacks numpy, sklearn or protobuf, which orvane-train needs "
-                    "(scripts/install-deps.sh installs them)";
+  if (const std::string missing = orvane::testing::trainerMissing(); !missing.empty()) {
+    GTEST_SKIP() << "orvane-train cannot run: " << missing;
   }
   const fs::path dir =
       fs::temp_directory_path() / ("orvane-learn-test-" + std::to_string(std::random_device()()));
@@ -55,7 +52,7 @@ TEST(LearnRun, ReportsFiguresThatAreTheServicesRecords) {
   EXPECT_NE(learn.output.find("model vs control:"), std::string::npos) << learn.output;
 
   const fs::path database = dir / "service.sqlite";
-  const json figures = json::parse(readFile(dir / "learning.json"), nullptr, false);
+  const json figures = json::parse(readText(dir / "learning.json"), nullptr, false);
   ASSERT_TRUE(figures.is_object()) << learn.output;
   // Every installation ended well (a sanitizer's report would end it with an error).
   EXPECT_EQ(figures["installationFailures"], json({0, 0})) << learn.output;
@@ -79,8 +76,8 @@ TEST(LearnRun, ReportsFiguresThatAreTheServicesRecords) {
   EXPECT_EQ(queryNumber(database, "SELECT COUNT(*) FROM uploads" + act1 + " AND arm = 'control'"),
             0);
 
-  const json trained = json::parse(readFile(dir / "trained" / "report.json"), nullptr, false);
-  ASSERT_TRUE(trained.is_object()) << readFile(dir / "train.log");
+  const json trained = json::parse(readText(dir / "trained" / "report.json"), nullptr, false);
+  ASSERT_TRUE(trained.is_object()) << readText(dir / "train.log");
   int64_t act1Shown = 0;
   for (const auto& [flow, f] : figures["flows"].items()) {
     SCOPED_TRACE(flow);
@@ -103,7 +100,7 @@ TEST(LearnRun, ReportsFiguresThatAreTheServicesRecords) {
   EXPECT_GT(act1Shown, 0);
   EXPECT_NE(learn.output.find("(no model shipped)"), std::string::npos);
 
-  const std::string html = readFile(dir / "report.html");
+  const std::string html = readText(dir / "report.html");
   EXPECT_NE(html.find("id=\"acceptance\""), std::string::npos);
   EXPECT_NE(html.find("</html>"), std::string::npos);
   EXPECT_EQ(std::count(html.begin(), html.end(), '<'), std::count(html.begin(), html.end(), '>'));

@@ -4,15 +4,14 @@
 // them the suite says so and skips.
 #pragma once
 
-#include <sys/wait.h>
-
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <map>
 #include <string>
 
 #include <nlohmann/json.hpp>
+
+#include "testutil/ToolProcess.h"
 
 namespace orvane::testing {
 
@@ -34,23 +33,6 @@ struct TrainerRun {
   }
 };
 
-inline std::string readText(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Empty when the trainer can run here, else what is missing.
-inline std::string trainerMissing() {
-  if (std::system("/usr/bin/python3 -c 'import numpy, sklearn, google.protobuf' 2>/dev/null") !=
-      0) {
-    return "/usr/bin/python3 lacks numpy, sklearn or protobuf (scripts/install-deps.sh)";
-  }
-  if (std::system("command -v protoc >/dev/null 2>&1") != 0) return "protoc is not installed";
-  return "";
-}
-
 inline TrainerRun runTrainer(const std::filesystem::path& data, const std::filesystem::path& out,
                              const std::string& extraArguments = "") {
   TrainerRun run;
@@ -58,14 +40,10 @@ inline TrainerRun runTrainer(const std::filesystem::path& data, const std::files
   const std::string command = std::string("/usr/bin/python3 ") + ORVANE_TRAIN + " --data '" +
                               data.string() + "' --out '" + out.string() + "' --sim '" +
                               ORVANE_SIM + "' --rows '" + (out / "rows.jsonl").string() + "' " +
-                              extraArguments + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return run;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) run.output.append(buffer, n);
-  const int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+                              extraArguments;
+  const Finished finished = runCommand(command);
+  run.status = finished.status;
+  run.output = finished.output;
   if (run.status != 0) return run;
   run.report = nlohmann::json::parse(readText(out / "report.json"), nullptr, false);
   run.payloadText = readText(out / "payload.json");
