@@ -59,13 +59,19 @@ void integerLabels(coreml::schema::Model& m) {
 // The local file system with a free-space reading the test chooses.
 class SizedFileSystem : public FileSystem {
  public:
-  explicit SizedFileSystem(std::string root) : local_(makeLocalFileSystem(std::move(root))) {}
+  explicit SizedFileSystem(std::string root) : root_(root), local_(makeLocalFileSystem(root)) {}
   std::optional<uint64_t> capacity = uint64_t{1} << 40;
 
   std::string applicationSupportDirectory() const override {
     return local_->applicationSupportDirectory();
   }
-  std::string temporaryDirectory() const override { return local_->temporaryDirectory(); }
+  // Under the test's own root: the process-wide folder is named by process id, and a folder an
+  // earlier process of the same id left there would look like this test's leftover.
+  std::string temporaryDirectory() const override {
+    const std::string folder = root_ + "/tmp";
+    local_->createDirectories(folder);
+    return folder;
+  }
   bool exists(const std::string& p) const override { return local_->exists(p); }
   bool isDirectory(const std::string& p) const override { return local_->isDirectory(p); }
   bool createDirectories(const std::string& p) override { return local_->createDirectories(p); }
@@ -93,6 +99,7 @@ class SizedFileSystem : public FileSystem {
   std::optional<uint64_t> availableCapacity(const std::string&) const override { return capacity; }
 
  private:
+  std::string root_;
   std::shared_ptr<FileSystem> local_;
 };
 
